@@ -1,0 +1,46 @@
+// str: string helpers of the platform. Pure functions, thread-safe.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+namespace str {
+
+// Returns the text before the first delimiter and removes it, with the
+// delimiter, from text. Without a delimiter: returns the whole text and
+// leaves text empty.
+std::string GetWord(std::string& text, char delimiter);
+
+// n bytes from the operating system's random source (getrandom). Throws
+// pnl_err::Error (type "random") if the source fails.
+std::string Random(size_t n);
+
+// sizeof(T) random bytes read as one T in the machine's byte order.
+template <class T>
+T Random() {
+  const std::string bytes = Random(sizeof(T));
+  T value;
+  std::memcpy(&value, bytes.data(), sizeof(T));
+  return value;
+}
+
+// Decimal text of a number, with a minus sign when negative.
+std::string Str(long value);
+
+// Every occurrence of from in text replaced by to (from must not be empty;
+// an empty from returns text unchanged).
+std::string Replace(const std::string& text, const std::string& from, const std::string& to);
+
+// Blanks (space, tab) removed at both ends.
+std::string Trim(const std::string& text);
+
+// The ASCII (A-label) form of a domain name given in Unicode or ASCII, lower
+// case untouched for ASCII labels. Returns false (out unchanged) when the name
+// cannot be converted (invalid Unicode, disallowed code points).
+bool IdnToAscii(const std::string& domain, std::string& out);
+
+// The Unicode form of an ASCII domain name for display; the input unchanged
+// when it holds no A-label or cannot be decoded.
+std::string IdnToUnicode(const std::string& domain);
+
+}  // namespace str
