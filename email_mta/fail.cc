@@ -1,0 +1,10 @@
+#include "email/fail.h"
+
+namespace email {
+
+Fail::Fail(const std::string& object, const std::string& detail)
+    : pnl_err::Error("email", object, detail) {
+  set_report();
+}
+
+}  // namespace email

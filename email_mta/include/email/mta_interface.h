@@ -1,0 +1,82 @@
+// email::MtaInterface: the one interface through which the panel's mail
+// subsystem drives a mail transfer agent.
+//
+// A back-end implements the slots below; the panel calls them while it handles
+// its requests, with host rows positioned on the object concerned. Failures
+// are exceptions only: email::Fail for a failed external command,
+// pnl_err::Error for everything else. The operations catch nothing, so what a
+// back-end posted before a failure stays posted. A back-end is registered with
+// email::RegisterMta and then owned by the host for the life of the process.
+//
+// The slot order is part of the interface; new slots are only ever appended.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zel_db {
+class EmailTable;
+class EmailDomainTable;
+class EmailResponderTable;
+}  // namespace zel_db
+
+namespace email {
+
+class MtaInterface {
+ public:
+  using EmailPtr = std::shared_ptr<zel_db::EmailTable>&;
+  using DomainPtr = std::shared_ptr<zel_db::EmailDomainTable>&;
+  using ResponderPtr = std::shared_ptr<zel_db::EmailResponderTable>&;
+
+  MtaInterface() = default;
+  virtual ~MtaInterface();
+  MtaInterface(const MtaInterface&) = delete;
+  MtaInterface& operator=(const MtaInterface&) = delete;
+
+  // Mailboxes.
+  virtual void CacheEmails() = 0;            // the mailbox table brought into line with the files
+  virtual void CreateEmail(EmailPtr email) = 0;
+  virtual void DeleteEmail(EmailPtr email) = 0;
+  virtual void SuspendEmail(EmailPtr email) = 0;
+  virtual void ResumeEmail(EmailPtr email) = 0;
+  virtual void UpdateEmail(EmailPtr email) = 0;
+
+  // Mail domains.
+  virtual void CacheDomains() = 0;
+  virtual void CreateDomain(DomainPtr domain) = 0;
+  virtual void DeleteDomain(DomainPtr domain) = 0;
+  virtual void SuspendDomain(DomainPtr domain) = 0;
+  virtual void ResumeDomain(DomainPtr domain) = 0;
+  // Re-applies the row's state: ResumeDomain when enabled, else SuspendDomain.
+  virtual void UpdateDomain(DomainPtr domain) = 0;
+
+  // A mailbox's aliases and forwards.
+  virtual void CacheAliases(EmailPtr email) = 0;
+  // removed: local parts of aliases the mailbox no longer has.
+  virtual void SetAliases(EmailPtr email, const std::list<std::string>& removed) = 0;
+
+  // Autoresponder.
+  virtual void GetResponder(ResponderPtr responder) = 0;
+  virtual void SetResponder(ResponderPtr responder) = 0;
+
+  // Server-wide sender lists; a sender as the panel shows it.
+  virtual void AddToWhitelist(const std::string& sender) = 0;
+  virtual void DeleteFromWhitelist(const std::string& sender) = 0;
+  virtual void CacheWhitelist() = 0;
+  virtual void AddToBlacklist(const std::string& sender) = 0;
+  virtual void DeleteFromBlacklist(const std::string& sender) = 0;
+  virtual void CacheBlacklist() = 0;
+
+  // Optional capabilities, with their defaults.
+  virtual bool CanBindToIp();                                   // true
+  virtual bool CanDNSBL();                                      // false
+  virtual void AddDNSBL(const std::string& list);               // does nothing
+  virtual void DeleteDNSBL(const std::string& list);            // does nothing
+  virtual void GetDNSBLs(std::vector<std::string>& out);        // leaves out untouched
+  virtual void SetSSLCertForDomain(const std::string& domain, const std::string& cert,
+                                   const std::string& key) = 0;
+};
+
+}  // namespace email

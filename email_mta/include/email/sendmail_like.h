@@ -1,0 +1,95 @@
+// email::SendmailLikeInterface: the operations that every MTA of the sendmail
+// family shares, on four files: local host names, the virtual user table, the
+// aliases file and the access map.
+//
+// The back-end keeps no state of its own: six strings fixed at construction
+// (the four file paths, read once from the panel configuration, and the two
+// reject targets). Every operation opens the files it needs through cursors
+// of the configuration engine and releases them before it returns, so the
+// slots may be called from any thread; the engine serialises file access.
+// What is particular to one MTA (access keys, virtual-user-table targets, the
+// default action of a domain, the aliases entry of a mailbox) is left to the
+// six slots a concrete back-end adds.
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "email/mta_interface.h"
+#include "email/records.h"
+
+namespace email {
+
+class SendmailLikeInterface : public MtaInterface {
+ public:
+  // mta prefixes the path keys ("<mta>-virtusertable", "<mta>-localhostnames",
+  // "<mta>-accessdb", "<mta>-aliases"), read now with pnl_cf::GetPath; throws
+  // what GetPath throws. The two targets are the virtual-user-table texts that
+  // reject mail for an unknown user and for a suspended account.
+  SendmailLikeInterface(const std::string& mta, const std::string& nouser_target,
+                        const std::string& disabled_target);
+  ~SendmailLikeInterface() override;
+
+  // Mailboxes.
+  void CacheEmails() override;
+  void CreateEmail(EmailPtr email) override;
+  void DeleteEmail(EmailPtr email) override;
+  void SuspendEmail(EmailPtr email) override;
+  void ResumeEmail(EmailPtr email) override;
+  void UpdateEmail(EmailPtr email) override;
+
+  // Mail domains.
+  void CacheDomains() override;
+  void CreateDomain(DomainPtr domain) override;
+  void DeleteDomain(DomainPtr domain) override;
+  void SuspendDomain(DomainPtr domain) override;
+  void ResumeDomain(DomainPtr domain) override;
+  void UpdateDomain(DomainPtr domain) override;
+
+  // Autoresponder.
+  void GetResponder(ResponderPtr responder) override;
+  void SetResponder(ResponderPtr responder) override;
+
+  // Sender lists.
+  void AddToWhitelist(const std::string& sender) override;
+  void DeleteFromWhitelist(const std::string& sender) override;
+  void CacheWhitelist() override;
+  void AddToBlacklist(const std::string& sender) override;
+  void DeleteFromBlacklist(const std::string& sender) override;
+  void CacheBlacklist() override;
+
+  // Slots of a concrete back-end.
+  virtual void CacheOne(DomainPtr domain) = 0;
+  // Writes the domain's default action into its catch-all record's target.
+  virtual void SetDefAction(Cursor<VirtualDomains>& line, DomainPtr domain) = 0;
+  // Reads the catch-all record's target back into the domain row's default
+  // action and redirect (in memory; the caller posts the row).
+  virtual void GetDefAction(Cursor<VirtualDomains>& line, DomainPtr domain) = 0;
+  // The target of a mailbox's own virtual-user-table line.
+  virtual std::string GetVirtuserTarget(EmailPtr email, DomainPtr domain) = 0;
+  // A sender-list entry as an access-map key, and back.
+  virtual std::string ToListVal(const std::string& entry) = 0;
+  virtual std::string FromListVal(const std::string& key) = 0;
+
+  const std::string& virtusertable_path() const { return virtusertable_path_; }
+  const std::string& localhostnames_path() const { return localhostnames_path_; }
+  const std::string& accessdb_path() const { return accessdb_path_; }
+  const std::string& aliases_path() const { return aliases_path_; }
+  const std::string& nouser_target() const { return nouser_target_; }
+  const std::string& disabled_target() const { return disabled_target_; }
+
+ protected:
+  // Shared by the whitelist and the blacklist.
+  void AddToList(const std::string& sender, const std::string& action);
+  void DeleteFromList(const std::string& sender);
+
+ private:
+  const std::string virtusertable_path_;
+  const std::string localhostnames_path_;
+  const std::string accessdb_path_;
+  const std::string aliases_path_;
+  const std::string nouser_target_;
+  const std::string disabled_target_;
+};
+
+}  // namespace email

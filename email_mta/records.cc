@@ -1,0 +1,96 @@
+#include "email/records.h"
+
+namespace email {
+
+namespace {
+
+// A view claims a line only when the tokenizer stands on its first token.
+bool AtLineStart(Cf& cf) { return cf.pos() == cf.line_offset(); }
+
+}  // namespace
+
+HostNames::HostNames() = default;
+
+bool HostNames::Parse(Cf& cf) {
+  if (!AtLineStart(cf)) return false;
+  cf.CacheStart(*this, true);
+  cf.CacheField(name);
+  cf.CacheDone(*this, true);
+  return true;
+}
+
+std::string HostNames::NewRecordTemplate() { return name.Str() + "\n"; }
+
+VirtualDomains::VirtualDomains() = default;
+
+bool VirtualDomains::Parse(Cf& cf) {
+  if (!AtLineStart(cf)) return false;
+  cf.CacheStart(*this, true);
+  if (cf.token() != "@") return false;
+  cf.GetToken(false);
+  cf.CacheField(name);
+  cf.GetUntilToken("\n", false, true);
+  cf.CacheField(target);
+  cf.CacheDone(*this, false);
+  return true;
+}
+
+std::string VirtualDomains::NewRecordTemplate() {
+  return "@" + name.Str() + "\t" + target.Str() + "\n";
+}
+
+VirtualEmails::VirtualEmails() = default;
+
+bool VirtualEmails::Parse(Cf& cf) {
+  if (!AtLineStart(cf)) return false;
+  cf.CacheStart(*this, true);
+  if (cf.token() == "@") return false;  // a catch-all line
+  cf.AddToken();
+  // The first word must be followed directly by "@". at() throws on an empty
+  // token; the engine then leaves the line unclaimed.
+  if (cf.token().at(cf.token().size() - 1) != '@') return false;
+  cf.AddToken();
+  cf.CacheField(name);
+  cf.GetUntilToken("\n", false, true);
+  cf.CacheField(target);
+  cf.CacheDone(*this, false);
+  return true;
+}
+
+std::string VirtualEmails::NewRecordTemplate() {
+  return name.Str() + "\t" + target.Str() + "\n";
+}
+
+Aliases::Aliases() = default;
+
+bool Aliases::Parse(Cf& cf) {
+  if (!AtLineStart(cf)) return false;
+  cf.CacheStart(*this, true);
+  cf.CacheField(name);
+  cf.GetUntilToken("\n", false, true);
+  cf.CacheField(alias);
+  cf.CacheDone(*this, false);
+  return true;
+}
+
+std::string Aliases::NewRecordTemplate() {
+  return name.Str() + ":\t" + alias.Str() + "\n";
+}
+
+SourceTarget::SourceTarget() = default;
+
+bool SourceTarget::Parse(Cf& cf) {
+  if (!AtLineStart(cf)) return false;
+  cf.CacheStart(*this, true);
+  cf.CacheField(source);
+  cf.GetUntilToken("\n", false, true);
+  cf.CacheField(target);
+  cf.CacheDone(*this, false);
+  return true;
+}
+
+std::string SourceTarget::NewRecordTemplate() {
+  return source.Str() + "\t" + target.Str() + "\n";
+}
+
+}  // namespace email

@@ -1,0 +1,123 @@
+#include "email/tables.h"
+
+#include <memory>
+#include <mutex>
+#include <typeinfo>
+#include <utility>
+
+#include "email/records.h"
+
+namespace email {
+
+namespace {
+
+// One installed step per table class.
+template <class T>
+class StepSlot {
+ public:
+  static void Install(AfterSaveStep step) {
+    std::lock_guard<std::mutex> guard(mutex());
+    slot() = std::make_shared<AfterSaveStep>(std::move(step));
+  }
+  static void Run(ConfRef& ref, ConfCache::SaveReason& reason) {
+    std::shared_ptr<AfterSaveStep> step;
+    {
+      std::lock_guard<std::mutex> guard(mutex());
+      step = slot();
+    }
+    if (step && *step) (*step)(ref, reason);
+  }
+
+ private:
+  static std::mutex& mutex() {
+    static std::mutex m;
+    return m;
+  }
+  static std::shared_ptr<AfterSaveStep>& slot() {
+    static std::shared_ptr<AfterSaveStep> s;
+    return s;
+  }
+};
+
+template <class R>
+void AddView(PnlConfCache* engine, const std::string& table) {
+  engine->Add(table, typeid(R).name(), typeid(R).name(), &ConfCache::Create<R>);
+}
+
+template <class Table>
+PnlConfCache* RegisterTable(Table* table, std::shared_ptr<pnl_token::Params> rules) {
+  PnlConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  engine->Register(table->Name(), std::move(rules));
+  engine->_AfterSave(table->Name(), table, &BaseCachedConfigEvent::_AfterSave);
+  return engine;
+}
+
+}  // namespace
+
+LocalHostNames::LocalHostNames() {
+  auto rules = std::make_shared<pnl_token::Params>();
+  rules->Add(pnl_token::CharToken("\n", 6));
+  rules->Add(pnl_token::Comment("#", "\n", true));
+  AddView<HostNames>(RegisterTable(this, rules), Name());
+}
+
+void LocalHostNames::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
+  StepSlot<LocalHostNames>::Run(ref, reason);
+}
+
+void LocalHostNames::SetAfterSaveStep(AfterSaveStep step) {
+  StepSlot<LocalHostNames>::Install(std::move(step));
+}
+
+VirtualUserTable::VirtualUserTable() {
+  auto rules = std::make_shared<pnl_token::Params>();
+  rules->Add(pnl_token::CharToken("@", 2));
+  rules->Add(pnl_token::CharToken("\t ", 1));
+  rules->Add(pnl_token::CharToken("\n", 6));
+  rules->Add(pnl_token::Comment("#", "\n", false));
+  PnlConfCache* engine = RegisterTable(this, rules);
+  AddView<VirtualDomains>(engine, Name());
+  AddView<VirtualEmails>(engine, Name());
+}
+
+void VirtualUserTable::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
+  StepSlot<VirtualUserTable>::Run(ref, reason);
+}
+
+void VirtualUserTable::SetAfterSaveStep(AfterSaveStep step) {
+  StepSlot<VirtualUserTable>::Install(std::move(step));
+}
+
+AliasTable::AliasTable() {
+  auto rules = std::make_shared<pnl_token::Params>();
+  rules->Add(pnl_token::CharToken(":\t ", 1));
+  rules->Add(pnl_token::CharToken("\n", 6));
+  rules->Add(pnl_token::Comment("#", "\n", false));
+  AddView<Aliases>(RegisterTable(this, rules), Name());
+}
+
+void AliasTable::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
+  StepSlot<AliasTable>::Run(ref, reason);
+}
+
+void AliasTable::SetAfterSaveStep(AfterSaveStep step) {
+  StepSlot<AliasTable>::Install(std::move(step));
+}
+
+AccessDb::AccessDb() {
+  auto rules = std::make_shared<pnl_token::Params>();
+  rules->Add(pnl_token::CharToken("\t ", 1));
+  rules->Add(pnl_token::CharToken("\n", 6));
+  rules->Add(pnl_token::Comment("#", "\n", false));
+  AddView<SourceTarget>(RegisterTable(this, rules), Name());
+}
+
+void AccessDb::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
+  StepSlot<AccessDb>::Run(ref, reason);
+}
+
+void AccessDb::SetAfterSaveStep(AfterSaveStep step) {
+  StepSlot<AccessDb>::Install(std::move(step));
+}
+
+}  // namespace email

@@ -1,0 +1,102 @@
+// A mailbox's aliases and forwards in both directions: each alias a is a
+// virtual-user-table line "a@D -> L@D"; the forwards, the local delivery
+// "L\@D" (unless forward-only) and the responder action are the targets of
+// the mailbox's aliases entry "L+D".
+#include "email/tables.h"
+#include "email_sendmail/sendmail_interface.h"
+#include "zelapi/db.h"
+#include "zelapi/mail/email.h"
+#include "zelapi/mail/tables.h"
+#include "zelapi/str.h"
+#include "zelapi/test.h"
+
+namespace zelpriv_email_sendmail {
+
+void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>& removed) {
+  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
+  pnl_db::Cache* cache = zel_db::GetCache();
+  std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
+  domains->Assert(email->domain.Str());
+  const std::string domain = domains->name.Str();
+  const std::string mailbox = email->name.Str();
+  const std::string address = mailbox + "@" + domain;
+  const std::string alias_query = "SELECT name FROM email_alias WHERE email = " + email->id.Str();
+
+  Cursor<email::VirtualEmails> lines =
+      email::VirtualUserTable::Get<email::VirtualEmails>(virtusertable_path(), true);
+  for (pnl_db::Query alias = cache->Query(alias_query); !alias.Eof(); alias.Next()) {
+    const std::string key = alias.Str() + "@" + domain;
+    if (lines->Find(key)) continue;  // kept as it is, whatever it points at
+    lines->New();
+    lines->name.Set(key);
+    lines->target = address;
+    lines->Post(address);
+  }
+  for (const std::string& gone : removed) {
+    if (test::Const<&test::Email>(gone)) continue;
+    if (lines->Find(gone + "@" + domain)) lines->_Delete(true);
+  }
+
+  entry->Assert(GetVirtuserTarget(email, domains));
+  entry->alias.Erase();
+  for (pnl_db::Query forward =
+           cache->Query("SELECT name FROM email_forward WHERE email = " + email->id.Str());
+       !forward.Eof(); forward.Next()) {
+    entry->alias.Append(forward.Str());
+  }
+  if (!email->forward_only.Value()) entry->alias.Append(mailbox + "\\@" + domain);
+  entry->Post("");
+
+  std::shared_ptr<zel_db::EmailResponderTable> responder =
+      cache->Get<zel_db::EmailResponderTable>();
+  if (responder->DbFind("email = " + email->id.Str())) SetResponder(responder);
+}
+
+void SendmailInterface::CacheAliases(EmailPtr email) {
+  pnl_db::Cache* cache = zel_db::GetCache();
+  std::shared_ptr<zel_db::EmailForwardTable> forwards = cache->Get<zel_db::EmailForwardTable>();
+  std::shared_ptr<zel_db::EmailAliasTable> aliases = cache->Get<zel_db::EmailAliasTable>();
+  forwards->DbDelete("email=" + email->id.Str());
+  aliases->DbDelete("email=" + email->id.Str());
+
+  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
+  std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
+  domains->Assert(email->domain.Str());
+  const std::string domain = domains->name.Str();
+  const std::string mailbox = email->name.Str();
+  entry->Assert(mailbox + "+" + domain);
+
+  const std::string action = email::GetResponderAction(email);
+  const std::string local_delivery = mailbox + "\\@" + domain;
+  const size_t count = entry->alias.Size();
+  email->forward_only = true;
+  for (size_t i = 0; i < count; ++i) {
+    const std::string target = entry->alias[static_cast<int>(i)];
+    if (target == action) continue;
+    if (target == local_delivery) {
+      email->forward_only = false;
+      continue;
+    }
+    forwards->New();
+    forwards->email.SetText(email->id.Str());
+    forwards->name = target;
+    forwards->Post();
+  }
+  email->Post();
+
+  Cursor<email::VirtualEmails> lines =
+      email::VirtualUserTable::Get<email::VirtualEmails>(virtusertable_path(), true);
+  for (lines->First(); !lines->Eof(); lines->Next()) {
+    std::string rest = lines->name.Str();
+    const std::string local = str::GetWord(rest, '@');
+    if (rest != domain) continue;
+    if (mailbox + "@" + rest != lines->target.Str()) continue;
+    if (local == mailbox) continue;  // the mailbox's own line
+    aliases->New();
+    aliases->email.SetText(email->id.Str());
+    aliases->name = local;
+    aliases->Post();
+  }
+}
+
+}  // namespace zelpriv_email_sendmail

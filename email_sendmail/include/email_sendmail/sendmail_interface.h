@@ -1,0 +1,49 @@
+// zelpriv_email_sendmail::SendmailInterface: the sendmail back-end.
+//
+// It adds to the shared sendmail-like operations what is particular to
+// sendmail: the aliases entry of each mailbox (its local delivery, forwards
+// and autoresponder), the virtual-user-table targets of mailboxes and of a
+// domain's default action, the access-map keys of sender-list entries, and the
+// capabilities sendmail lacks. Constructing it binds the four file tables to
+// sendmail's rebuild commands (see after_save.h). No data of its own; thread
+// rules as its base.
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "email/sendmail_like.h"
+
+namespace zelpriv_email_sendmail {
+
+class SendmailInterface final : public email::SendmailLikeInterface {
+ public:
+  // Reads the "sendmail-*" path keys (throws what pnl_cf::GetPath throws).
+  SendmailInterface();
+
+  // Adds the mailbox's virtual-user-table line, then its aliases entry
+  // "L+D" delivering to "L\@D" (no target for a forward-only mailbox).
+  void CreateEmail(EmailPtr email) override;
+  // Reads the mailbox's forwards, aliases and forward-only flag back from
+  // the files into its rows.
+  void CacheAliases(EmailPtr email) override;
+  // Writes the mailbox's aliases, forwards and forward-only flag into the
+  // files and drops the alias lines of the local parts in removed.
+  void SetAliases(EmailPtr email, const std::list<std::string>& removed) override;
+
+  bool CanBindToIp() override;  // false
+  // Always throws pnl_err::Error of type "not_supported".
+  void SetSSLCertForDomain(const std::string& domain, const std::string& cert,
+                           const std::string& key) override;
+
+  void CacheOne(DomainPtr domain) override;  // nothing to do for sendmail
+  void SetDefAction(Cursor<email::VirtualDomains>& line, DomainPtr domain) override;
+  void GetDefAction(Cursor<email::VirtualDomains>& line, DomainPtr domain) override;
+  // L "+" D: the mailbox's local name, also the name of its aliases entry.
+  std::string GetVirtuserTarget(EmailPtr email, DomainPtr domain) override;
+  // IPv4 entries become "Connect:" keys, IPv6 "Connect:IPv6:"; others stay.
+  std::string ToListVal(const std::string& entry) override;
+  std::string FromListVal(const std::string& key) override;
+};
+
+}  // namespace zelpriv_email_sendmail
