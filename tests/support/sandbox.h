@@ -1,0 +1,37 @@
+// A scratch folder for one test, under the build folder (sendmail refuses
+// files below a world-writable folder chain, so never under /tmp). Made empty
+// at construction, removed with everything in it at destruction.
+#pragma once
+
+#include <string>
+
+namespace zeltest {
+
+class Sandbox {
+ public:
+  // name: a label, usually the test's name; the folder is unique per process.
+  explicit Sandbox(const std::string& name);
+  ~Sandbox();
+  Sandbox(const Sandbox&) = delete;
+  Sandbox& operator=(const Sandbox&) = delete;
+
+  const std::string& dir() const { return dir_; }
+  std::string Path(const std::string& file) const { return dir_ + "/" + file; }
+
+  void Write(const std::string& file, const std::string& text) const;
+  std::string Read(const std::string& file) const;
+  bool Exists(const std::string& file) const;
+
+ private:
+  std::string dir_;
+};
+
+// The whole content of a file; throws std::runtime_error when unreadable.
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& text);
+
+// Runs a shell command, returns its exit status and fills output (stdout and
+// stderr together).
+int RunShell(const std::string& command, std::string* output = nullptr);
+
+}  // namespace zeltest
