@@ -11,7 +11,11 @@
 //   sendmail-newaliases = /usr/bin/newaliases
 //
 // Parameters are plain values; path keys name files and command lines. A
-// value is everything after the first "=", with blanks trimmed at both ends.
+// name is the text before the first "=", a value everything after it, both
+// with blanks (spaces, tabs) trimmed at both ends; a value may be empty. A
+// section header is "[params]" or "[paths]"; any other section, a setting
+// before the first header and a line without "=" are errors. When the file
+// sets a name twice, the later line wins. A line may end in CR LF.
 // A path key's effective value is the configured one if the file sets it,
 // else the default a module installed with SetPathDefault. Asking for a path
 // key that has neither is an error (see GetPath): a command line or a file
@@ -25,10 +29,12 @@
 
 namespace pnl_cf {
 
-// Replaces the whole configuration with the file's content. Throws
-// pnl_err::Error (type "conf", object the file, detail "line N: ...") when
-// the file cannot be read or a line is neither a comment, a section header
-// nor "name = value"; the previous configuration then stays in force.
+// Replaces the whole configuration (parameters and configured paths, the
+// host's overrides included) with the file's content; path defaults stay.
+// Throws pnl_err::Error (type "conf", object the file, detail "line N: ...",
+// or "cannot read: <cause>") when the file cannot be read or a line is
+// neither a comment, a section header nor "name = value"; the previous
+// configuration then stays in force.
 void Load(const std::string& file);
 
 // Same as Load, from text already in memory; origin names it in errors.

@@ -1,0 +1,59 @@
+#include "zelapi/str.h"
+
+#include <sys/random.h>
+
+#include <cerrno>
+
+#include "zelapi/err.h"
+
+namespace str {
+
+std::string GetWord(std::string& text, char delimiter) {
+  const size_t at = text.find(delimiter);
+  std::string word;
+  if (at == std::string::npos) {
+    word.swap(text);
+  } else {
+    word = text.substr(0, at);
+    text.erase(0, at + 1);
+  }
+  return word;
+}
+
+std::string Random(size_t n) {
+  std::string bytes(n, '\0');
+  size_t filled = 0;
+  while (filled < n) {
+    const ssize_t got = ::getrandom(bytes.data() + filled, n - filled, 0);
+    if (got > 0) {
+      filled += static_cast<size_t>(got);
+    } else if (got < 0 && errno != EINTR) {
+      throw pnl_err::Error("random", "getrandom", std::strerror(errno));
+    }
+  }
+  return bytes;
+}
+
+std::string Str(long value) { return std::to_string(value); }
+
+std::string Replace(const std::string& text, const std::string& from, const std::string& to) {
+  if (from.empty()) return text;
+  std::string result;
+  size_t start = 0;
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, start)) {
+    result.append(text, start, at - start);
+    result += to;
+    start = at + from.size();
+  }
+  result.append(text, start, std::string::npos);
+  return result;
+}
+
+std::string Trim(const std::string& text) {
+  const size_t first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return std::string();
+  const size_t last = text.find_last_not_of(" \t");
+  return text.substr(first, last - first + 1);
+}
+
+}  // namespace str
