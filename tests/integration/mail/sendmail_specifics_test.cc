@@ -1,0 +1,113 @@
+// What is particular to sendmail: access keys of sender-list entries, the
+// capabilities it lacks, virtual-user-table targets and a domain's default
+// action.
+#include "mail_fixture.h"
+
+using zeltest::MailTest;
+
+namespace {
+
+class SendmailSpecificsTest : public MailTest {
+ protected:
+  // Writes a catch-all line with the target, reads it back into the row.
+  void ReadBack(DomainRow& d, const std::string& target) {
+    box_.Write("virtusertable", "@" + d->name.Str() + "\t" + target + "\n");
+    Cursor<email::VirtualDomains> line =
+        email::VirtualUserTable::Get<email::VirtualDomains>(Vut(), true);
+    ASSERT_TRUE(line->Find(d->name.Str()));
+    mta_->GetDefAction(line, d);
+  }
+};
+
+}  // namespace
+
+TEST_F(SendmailSpecificsTest, ToListValLeavesAddressesAndDomainsAsTheyAre) {
+  EXPECT_EQ(mta_->ToListVal("x@b.example"), "x@b.example");
+  EXPECT_EQ(mta_->ToListVal("b.example"), "b.example");
+  EXPECT_EQ(mta_->ToListVal("192.0.2.1"), "Connect:192.0.2.1");
+  EXPECT_EQ(mta_->ToListVal("2001:db8::1"), "Connect:IPv6:2001:db8::1");
+}
+
+TEST_F(SendmailSpecificsTest, FromListValCutsOnlyWhatTheLengthAllows) {
+  EXPECT_EQ(mta_->FromListVal("Connect:x"), "x");
+  EXPECT_EQ(mta_->FromListVal("Connect:"), "Connect:");
+  EXPECT_EQ(mta_->FromListVal("Connect:IPv6:"), "IPv6:");
+  EXPECT_EQ(mta_->FromListVal("Connect:IPv6:2001:db8::1"), "2001:db8::1");
+  EXPECT_EQ(mta_->FromListVal("connect:192.0.2.1"), "192.0.2.1");
+  EXPECT_EQ(mta_->FromListVal("From:x@b.example"), "From:x@b.example");
+  EXPECT_EQ(mta_->FromListVal("x@b.example"), "x@b.example");
+  EXPECT_EQ(mta_->FromListVal(""), "");
+}
+
+TEST_F(SendmailSpecificsTest, CapabilitiesSendmailLacks) {
+  EXPECT_FALSE(mta_->CanBindToIp());
+  try {
+    mta_->SetSSLCertForDomain("a.example", "c", "k");
+    FAIL();
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(e.type(), "not_supported");
+  }
+  auto d = NewDomain("a.example");
+  EXPECT_NO_THROW(mta_->CacheOne(d));
+}
+
+TEST_F(SendmailSpecificsTest, VirtuserTargetJoinsTheNamesWithPlus) {
+  auto d = NewDomain("a.example");
+  auto e = NewMailbox(d, "First.Last");
+  EXPECT_EQ(mta_->GetVirtuserTarget(e, d), "First.Last+a.example");
+}
+
+TEST_F(SendmailSpecificsTest, RedirectDomainRoundTrip) {
+  auto d = NewDomain("a.example", "redir_domain", "b.example");
+  mta_->CreateDomain(d);
+  EXPECT_EQ(Read(Vut()), "@a.example\t%1@b.example\n");
+  auto fresh = NewDomain("c.example", "error", "");
+  ReadBack(fresh, "%1@b.example");
+  EXPECT_EQ(fresh->def_action.Str(), "redir_domain");
+  EXPECT_EQ(fresh->redirect.Str(), "b.example");
+}
+
+TEST_F(SendmailSpecificsTest, EachActionReadsBack) {
+  auto d = NewDomain("a.example", "redir_email", "old@c.example");
+  ReadBack(d, "error:nouser No such user here");
+  EXPECT_EQ(d->def_action.Str(), "error");
+  EXPECT_EQ(d->redirect.Str(), "old@c.example");
+  ReadBack(d, "devnull");
+  EXPECT_EQ(d->def_action.Str(), "ignore");
+  EXPECT_EQ(d->redirect.Str(), "old@c.example");
+  ReadBack(d, "all@b.example");
+  EXPECT_EQ(d->def_action.Str(), "redir_email");
+  EXPECT_EQ(d->redirect.Str(), "all@b.example");
+}
+
+TEST_F(SendmailSpecificsTest, PrefixIsAlwaysCutFromTheFront) {
+  auto d = NewDomain("a.example", "ignore", "keep");
+  ReadBack(d, "xy%1@b.example");
+  EXPECT_EQ(d->def_action.Str(), "ignore");
+  EXPECT_EQ(d->redirect.Str(), "keep");
+}
+
+TEST_F(SendmailSpecificsTest, UnmatchedTargetLeavesTheRowAlone) {
+  auto d = NewDomain("a.example", "ignore", "keep");
+  ReadBack(d, "error:5.1.1:550 Go away");
+  EXPECT_EQ(d->def_action.Str(), "ignore");
+  EXPECT_EQ(d->redirect.Str(), "keep");
+}
+
+TEST_F(SendmailSpecificsTest, ActionNamesAreCaseSensitive) {
+  box_.Write("virtusertable", "@a.example\tdevnull\n");
+  auto d = NewDomain("a.example", "Error");
+  Cursor<email::VirtualDomains> line =
+      email::VirtualUserTable::Get<email::VirtualDomains>(Vut(), true);
+  ASSERT_TRUE(line->Find("a.example"));
+  mta_->SetDefAction(line, d);
+  EXPECT_EQ(line->target.Str(), "devnull");
+}
+
+TEST_F(SendmailSpecificsTest, ErrorIsRecognisedByTheBackEndsOwnTextOnly) {
+  email::SendmailLikeInterface* base = mta_.get();
+  EXPECT_EQ(base->nouser_target(), "error:nouser No such user here");
+  auto d = NewDomain("a.example", "ignore");
+  ReadBack(d, "error:nouser No such user here ");
+  EXPECT_EQ(d->def_action.Str(), "ignore") << "a trailing blank is another text";
+}
