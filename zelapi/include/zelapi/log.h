@@ -2,9 +2,16 @@
 //
 // Messages go to stderr (from the stderr threshold up) and, once a log file
 // is configured, appended to that file (from the file threshold up), one line
-// each: time, level, "panel/channel", message. A module opens its channel
-// with a static pnl_log::Module object. All functions are thread-safe; each
-// line is written whole.
+// each, written with a single write:
+//
+//   2024-05-01 12:00:00.123 info zelpnl/email: the message
+//
+// (local time with milliseconds, level, "panel/channel:", message). Line ends
+// and other control characters inside a message are written as "\n", "\r",
+// "\xNN"; a final line end is dropped. Until Configure is called there is no
+// file and stderr shows warnings and errors. A module opens its channel with
+// a static pnl_log::Module object. All functions are thread-safe; each line
+// is written whole.
 #pragma once
 
 #include <string>
@@ -17,11 +24,13 @@ enum class Level { kDebug = 0, kInfo = 1, kWarning = 2, kError = 3, kOff = 4 };
 // (type "conf") for anything else.
 Level ParseLevel(const std::string& name);
 
-// Sets the log file ("" for none) and the two thresholds. Throws
-// pnl_err::Error (type "log") when the file cannot be opened for appending.
+// Sets the log file ("" for none) and the two thresholds; the file is created
+// (mode 0640) when missing and always appended to. Throws pnl_err::Error
+// (type "log", object the file) when it cannot be opened for appending; the
+// previous settings then stay in force.
 void Configure(const std::string& file, Level file_level, Level stderr_level);
 
-// Writes one message on a channel.
+// Writes one message on a channel (level kOff: nothing).
 void Write(const std::string& panel, const std::string& channel, Level level,
            const std::string& message);
 

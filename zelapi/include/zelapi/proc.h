@@ -2,8 +2,14 @@
 //
 // Every command the platform runs goes through one Runner, so that tests can
 // put in a runner that fails on purpose without changing the code under test.
-// The default runner runs the command line through /bin/sh -c, waits for it
-// and logs it with its duration and exit status at debug level. Thread-safe.
+// The default runner (a ShellRunner for /bin/sh) runs the command line
+// through "/bin/sh -c" and waits for it. Execute logs every command it runs,
+// whichever runner is installed, at debug level on the platform channel as
+//
+//   ran "<command>" status=<N> seconds=<F>
+//
+// with backslash, double quote and line ends of the command escaped as \\, \"
+// and \n, and F the wall time in seconds with six decimals. Thread-safe.
 #pragma once
 
 #include <string>
@@ -24,6 +30,23 @@ class Runner {
   virtual RunResult Run(const std::string& command, int mode) = 0;
 };
 
+// Runs command lines as "<shell> -c <command>" with standard input from
+// /dev/null and the output handled per mode (see Execute). The output is read
+// until the command's process has exited and the pipe is drained; a
+// background process that keeps the pipe open does not hold the caller up
+// (what it prints after the command ended may be lost). When the shell
+// cannot be started, Run returns status 127 with "cannot start <shell>:
+// <cause>" as output. Throws pnl_err::Error (type "proc", object the
+// command) when no pipe can be made or the mode is unknown. Stateless.
+class ShellRunner : public Runner {
+ public:
+  explicit ShellRunner(std::string shell = "/bin/sh");
+  RunResult Run(const std::string& command, int mode) override;
+
+ private:
+  std::string shell_;
+};
+
 // The runner in force; the default one unless a test installed another.
 Runner& CurrentRunner();
 // Installs a runner (nullptr: back to the default). The caller keeps ownership
@@ -31,15 +54,17 @@ Runner& CurrentRunner();
 void SetRunner(Runner* runner);
 
 // Modes of Execute:
-//   0: the output is discarded;
+//   0: the output is discarded (standard output and error go to /dev/null);
 //   1: standard output is captured, standard error goes to ours;
 //   2: standard output and standard error are captured together, in order.
 // Standard input is always /dev/null.
 class Execute {
  public:
-  // Runs the command at once and waits. Result() is its exit status: 0 for
-  // success, non-zero when it failed, could not start (127), or was killed by
-  // a signal (128 + the signal's number).
+  // Runs the command at once through CurrentRunner() and waits. Result() is
+  // its exit status: 0 for success, non-zero when it failed, could not start
+  // (127), or was killed by a signal (128 + the signal's number). Throws
+  // pnl_err::Error (type "proc") for a mode other than 0, 1, 2, and what the
+  // runner throws when it fails itself.
   Execute(const std::string& command, int mode);
 
   int Result() const { return result_.status; }
