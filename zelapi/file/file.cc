@@ -1,0 +1,318 @@
+#include "zelapi/file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "zelapi/err.h"
+
+namespace pnl_file {
+
+namespace {
+
+FileId FromStat(const struct stat& st) {
+  FileId id;
+  id.exists = true;
+  id.dev = st.st_dev;
+  id.ino = st.st_ino;
+  id.size = static_cast<std::uint64_t>(st.st_size);
+  id.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  id.mode = st.st_mode & 07777;
+  id.uid = st.st_uid;
+  id.gid = st.st_gid;
+  return id;
+}
+
+std::mutex& OpsMutex() {
+  static std::mutex m;
+  return m;
+}
+
+std::shared_ptr<Ops>& OpsSlot() {
+  static std::shared_ptr<Ops> slot = std::make_shared<Ops>();
+  return slot;
+}
+
+[[noreturn]] void Fail(const std::string& path, const std::string& step, int err) {
+  throw pnl_err::Error("file", path, step + ": " + std::strerror(err));
+}
+
+// Closes a descriptor unless released; errors at this point are moot.
+class FdGuard {
+ public:
+  FdGuard(Ops& ops, int fd) : ops_(ops), fd_(fd) {}
+  ~FdGuard() {
+    if (fd_ >= 0) ops_.Close(fd_);
+  }
+  FdGuard(const FdGuard&) = delete;
+  FdGuard& operator=(const FdGuard&) = delete;
+  int fd() const { return fd_; }
+  int Release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  Ops& ops_;
+  int fd_;
+};
+
+// The temporary file of a save: closed and removed unless committed.
+class TempFile {
+ public:
+  TempFile(Ops& ops, std::string path, int fd) : ops_(ops), path_(std::move(path)), fd_(fd) {}
+  ~TempFile() {
+    if (fd_ >= 0) ops_.Close(fd_);
+    if (!committed_) ops_.Unlink(path_);
+  }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+
+  const std::string& path() const { return path_; }
+  int fd() const { return fd_; }
+  // Closes the descriptor; returns close's result.
+  int Close() {
+    int fd = fd_;
+    fd_ = -1;
+    return ops_.Close(fd);
+  }
+  void Commit() { committed_ = true; }
+
+ private:
+  Ops& ops_;
+  std::string path_;
+  int fd_;
+  bool committed_ = false;
+};
+
+}  // namespace
+
+bool FileId::SameContent(const FileId& other) const {
+  if (!exists || !other.exists) return exists == other.exists;
+  return dev == other.dev && ino == other.ino && size == other.size && mtime_ns == other.mtime_ns;
+}
+
+Ops::~Ops() = default;
+
+int Ops::Stat(const std::string& path, FileId& id) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return errno;
+  id = FromStat(st);
+  return 0;
+}
+
+int Ops::Open(const std::string& path, int flags, unsigned mode, int& fd) {
+  do {
+    fd = ::open(path.c_str(), flags | O_CLOEXEC, static_cast<mode_t>(mode));
+  } while (fd < 0 && errno == EINTR);
+  return fd < 0 ? errno : 0;
+}
+
+int Ops::Fstat(int fd, FileId& id) {
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return errno;
+  id = FromStat(st);
+  return 0;
+}
+
+int Ops::Read(int fd, char* buffer, std::size_t size, std::size_t& got) {
+  ssize_t n;
+  do {
+    n = ::read(fd, buffer, size);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return errno;
+  got = static_cast<std::size_t>(n);
+  return 0;
+}
+
+int Ops::Write(int fd, const char* data, std::size_t size, std::size_t& written) {
+  ssize_t n;
+  do {
+    n = ::write(fd, data, size);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) return errno;
+  written = static_cast<std::size_t>(n);
+  return 0;
+}
+
+int Ops::Fsync(int fd) { return ::fsync(fd) == 0 ? 0 : errno; }
+
+int Ops::Fchmod(int fd, unsigned mode) {
+  return ::fchmod(fd, static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+}
+
+int Ops::Fchown(int fd, unsigned uid, unsigned gid) {
+  return ::fchown(fd, static_cast<uid_t>(uid), static_cast<gid_t>(gid)) == 0 ? 0 : errno;
+}
+
+int Ops::Close(int fd) { return ::close(fd) == 0 ? 0 : errno; }
+
+int Ops::Rename(const std::string& from, const std::string& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+int Ops::Unlink(const std::string& path) { return ::unlink(path.c_str()) == 0 ? 0 : errno; }
+
+int Ops::MakeTemp(std::string& path, int& fd) {
+  fd = ::mkostemp(path.data(), O_CLOEXEC);
+  return fd < 0 ? errno : 0;
+}
+
+std::shared_ptr<Ops> CurrentOps() {
+  std::lock_guard<std::mutex> guard(OpsMutex());
+  return OpsSlot();
+}
+
+std::shared_ptr<Ops> SetOps(std::shared_ptr<Ops> ops) {
+  if (!ops) ops = std::make_shared<Ops>();
+  std::lock_guard<std::mutex> guard(OpsMutex());
+  std::shared_ptr<Ops> previous = std::move(OpsSlot());
+  OpsSlot() = std::move(ops);
+  return previous;
+}
+
+FileId StatFile(const std::string& path) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  FileId id;
+  int err = ops->Stat(path, id);
+  if (err == ENOENT) return FileId();
+  if (err != 0) Fail(path, "cannot stat", err);
+  return id;
+}
+
+bool ReadFile(const std::string& path, std::string& data, FileId& id) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  int err = ops->Open(path, O_RDONLY, 0, fd);
+  if (err == ENOENT) return false;
+  if (err != 0) Fail(path, "cannot open for reading", err);
+  FdGuard guard(*ops, fd);
+  if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat", err);
+  data.clear();
+  // One read past the expected size tells the end; a file that grows while
+  // it is read is read to its actual end.
+  data.resize(static_cast<std::size_t>(id.size) + 1);
+  std::size_t used = 0;
+  for (;;) {
+    if (used == data.size()) data.resize(data.size() * 2);
+    std::size_t got = 0;
+    if ((err = ops->Read(fd, data.data() + used, data.size() - used, got)) != 0)
+      Fail(path, "cannot read", err);
+    if (got == 0) break;
+    used += got;
+  }
+  data.resize(used);
+  // The identity must describe what was read: take it again at the end.
+  if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat", err);
+  return true;
+}
+
+std::string FolderOf(const std::string& path) {
+  std::string::size_type slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::string BaseName(const std::string& path) {
+  std::string::size_type slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+namespace safe {
+
+Folder::Folder(const std::string& path) { Open(path); }
+
+Folder::~Folder() { Close(); }
+
+Folder::Folder(Folder&& other) noexcept : fd_(other.fd_), path_(std::move(other.path_)) {
+  other.fd_ = -1;
+}
+
+Folder& Folder::operator=(Folder&& other) noexcept {
+  if (this != &other) {
+    Close();
+    fd_ = other.fd_;
+    path_ = std::move(other.path_);
+    other.fd_ = -1;
+  }
+  return *this;
+}
+
+void Folder::Open(const std::string& path) {
+  Close();
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  int err = ops->Open(path, O_RDONLY | O_DIRECTORY, 0, fd);
+  if (err != 0) Fail(path, "cannot open folder", err);
+  fd_ = fd;
+  path_ = path;
+}
+
+void Folder::Sync() {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int err = ops->Fsync(fd_);
+  if (err != 0) Fail(path_, "cannot flush folder", err);
+}
+
+void Folder::Close() noexcept {
+  if (fd_ >= 0) {
+    CurrentOps()->Close(fd_);
+    fd_ = -1;
+  }
+  path_.clear();
+}
+
+FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
+                 const FileId* original) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  const std::string dir = FolderOf(path);
+  if (!folder.IsOpen() || folder.Path() != dir) folder.Open(dir);
+
+  std::string temp_path = (dir == "/" ? "" : dir) + "/." + BaseName(path) + ".XXXXXX";
+  int fd = -1;
+  int err = ops->MakeTemp(temp_path, fd);
+  if (err != 0) Fail(path, "cannot create temporary file in " + dir, err);
+  TempFile temp(*ops, temp_path, fd);
+
+  std::size_t done = 0;
+  while (done < data.size()) {
+    std::size_t written = 0;
+    err = ops->Write(fd, data.data() + done, data.size() - done, written);
+    if (err == 0 && written == 0) err = EIO;
+    if (err != 0) Fail(path, "cannot write temporary file " + temp_path, err);
+    done += written;
+  }
+
+  FileId temp_id;
+  if ((err = ops->Fstat(fd, temp_id)) != 0) Fail(path, "cannot stat temporary file", err);
+  const bool keep = original != nullptr && original->exists;
+  const unsigned mode = keep ? original->mode : 0644;
+  if ((err = ops->Fchmod(fd, mode)) != 0) Fail(path, "cannot set mode of temporary file", err);
+  if (keep && (temp_id.uid != original->uid || temp_id.gid != original->gid)) {
+    if ((err = ops->Fchown(fd, original->uid, original->gid)) != 0)
+      Fail(path, "cannot give temporary file the owner of the original", err);
+  }
+  if ((err = ops->Fsync(fd)) != 0) Fail(path, "cannot flush temporary file", err);
+  FileId id;
+  if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat temporary file", err);
+  if ((err = temp.Close()) != 0) Fail(path, "cannot close temporary file", err);
+  if ((err = ops->Rename(temp.path(), path)) != 0)
+    Fail(path, "cannot rename " + temp.path() + " over it", err);
+  temp.Commit();
+  try {
+    folder.Sync();
+  } catch (const pnl_err::Error& e) {
+    throw pnl_err::Error("file", path, std::string("saved, but ") + e.detail());
+  }
+  return id;
+}
+
+}  // namespace safe
+
+}  // namespace pnl_file

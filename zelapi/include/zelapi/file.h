@@ -1,0 +1,144 @@
+// pnl_file: the one door through which the platform touches the file system.
+//
+// Every read, stat, temporary file, write, sync, rename, unlink and
+// ownership change of the configuration engine goes through the installed
+// pnl_file::Ops object. The default one calls POSIX directly; a test installs
+// a subclass that fails on purpose (a short write, ENOSPC, a failing rename)
+// to prove that a failed save leaves the original file intact and no
+// temporary file behind. Installing Ops is thread-safe; an operation that is
+// under way keeps the Ops it started with.
+//
+// Errors are thrown as pnl_err::Error with type "file", the path as object
+// and the failed step plus the system's message as detail, for example
+// "/etc/mail/access: cannot write temporary file: No space left on device".
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace pnl_file {
+
+// What stat says about a file: enough to notice that someone else changed
+// it (device, inode, size, modification time in nanoseconds) and to give a
+// replacement the same mode and owner.
+struct FileId {
+  bool exists = false;
+  std::uint64_t dev = 0;
+  std::uint64_t ino = 0;
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  unsigned mode = 0;  // permission bits only (07777)
+  unsigned uid = 0;
+  unsigned gid = 0;
+
+  // True when both describe the same content as far as stat can tell:
+  // both missing, or same device, inode, size and modification time.
+  bool SameContent(const FileId& other) const;
+};
+
+// The primitive calls. Each returns 0 on success or an errno value; none
+// throws. Subclass and override single calls to inject faults.
+class Ops {
+ public:
+  virtual ~Ops();
+
+  virtual int Stat(const std::string& path, FileId& id);
+  // open(2); fd receives the descriptor.
+  virtual int Open(const std::string& path, int flags, unsigned mode, int& fd);
+  virtual int Fstat(int fd, FileId& id);
+  // One read(2); got = 0 at the end of the file. EINTR is retried.
+  virtual int Read(int fd, char* buffer, std::size_t size, std::size_t& got);
+  // One write(2); written may be short. EINTR is retried.
+  virtual int Write(int fd, const char* data, std::size_t size, std::size_t& written);
+  virtual int Fsync(int fd);
+  virtual int Fchmod(int fd, unsigned mode);
+  virtual int Fchown(int fd, unsigned uid, unsigned gid);
+  virtual int Close(int fd);
+  virtual int Rename(const std::string& from, const std::string& to);
+  virtual int Unlink(const std::string& path);
+  // mkstemp(3): path holds a template ending in "XXXXXX" and receives the
+  // name that was created (mode 0600).
+  virtual int MakeTemp(std::string& path, int& fd);
+};
+
+// The Ops in use (never null).
+std::shared_ptr<Ops> CurrentOps();
+// Installs ops (null: the default POSIX Ops) and returns the previous one.
+std::shared_ptr<Ops> SetOps(std::shared_ptr<Ops> ops);
+
+// Installs an Ops for its own lifetime and puts the previous one back.
+class ScopedOps {
+ public:
+  explicit ScopedOps(std::shared_ptr<Ops> ops) : previous_(SetOps(std::move(ops))) {}
+  ~ScopedOps() { SetOps(std::move(previous_)); }
+  ScopedOps(const ScopedOps&) = delete;
+  ScopedOps& operator=(const ScopedOps&) = delete;
+
+ private:
+  std::shared_ptr<Ops> previous_;
+};
+
+// The identity of path; exists is false when there is no such file.
+// Throws pnl_err::Error("file") on any other failure (EACCES, ENOTDIR...).
+FileId StatFile(const std::string& path);
+
+// Reads the whole file into data and its identity (taken from the open
+// descriptor, so it describes exactly the bytes read). Returns false when
+// the file does not exist; throws pnl_err::Error("file") naming the path
+// when it cannot be opened or read.
+bool ReadFile(const std::string& path, std::string& data, FileId& id);
+
+// The folder part of path ("." for a bare name), and the last component.
+std::string FolderOf(const std::string& path);
+std::string BaseName(const std::string& path);
+
+namespace safe {
+
+// An open folder: the descriptor of the folder that holds a file being
+// saved, kept so the folder itself can be flushed to disk after the rename
+// that replaces the file (otherwise a crash could lose the rename). Empty
+// until Open; closes its descriptor when destroyed. Move-only. One thread
+// at a time.
+class Folder {
+ public:
+  Folder() = default;
+  // Opens the folder at path; throws pnl_err::Error("file") if it cannot.
+  explicit Folder(const std::string& path);
+  ~Folder();
+  Folder(Folder&& other) noexcept;
+  Folder& operator=(Folder&& other) noexcept;
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+
+  bool IsOpen() const { return fd_ >= 0; }
+  const std::string& Path() const { return path_; }
+  // Opens path (closing any folder held before); throws pnl_err::Error.
+  void Open(const std::string& path);
+  // fsync(2) of the folder; throws pnl_err::Error("file") on failure.
+  // Precondition: IsOpen().
+  void Sync();
+  void Close() noexcept;
+
+ private:
+  int fd_ = -1;
+  std::string path_;
+};
+
+// Replaces the file at path with data, atomically: a temporary file beside
+// it (".<name>.XXXXXX"), write, mode and owner of original (or 0644 and the
+// caller's owner when original is null or does not exist), fsync, rename
+// over path, fsync of the folder. folder is opened on the file's folder if
+// it is not open yet. Returns the identity of the new file. On failure
+// throws pnl_err::Error("file") and path is left as it was, with no
+// temporary file left behind (unless only the final folder sync failed:
+// the new content is then in place and the error says so).
+FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
+                 const FileId* original);
+
+}  // namespace safe
+
+}  // namespace pnl_file
