@@ -1,0 +1,515 @@
+#include "cached_file.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "zelapi/conf/parse.h"
+#include "zelapi/err.h"
+
+namespace zel_conf {
+
+namespace {
+
+bool HasLineEnd(const std::string& text) { return text.find_first_of("\r\n") != std::string::npos; }
+
+std::string Shown(std::string text) {
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+CachedFile::CachedFile(ConfCache& engine, std::string path, std::string table)
+    : engine_(engine), path_(std::move(path)), table_(std::move(table)) {}
+
+CachedFile::~CachedFile() = default;
+
+[[noreturn]] void CachedFile::Refuse(const std::string& why) const {
+  throw pnl_err::Error("conf", path_, why);
+}
+
+[[noreturn]] void CachedFile::Lost(const ConfDataSet& c) const {
+  Refuse("record '" + c.lost_key_ +
+         "' was changed or removed on disk by someone else since it was read; read it again");
+}
+
+// ------------------------------------------------------------ loading
+
+CachedFile::Parsers CachedFile::MakeParsers(const TableDef& def) {
+  Parsers parsers;
+  for (const TableDef::View& view : def.views) {
+    parsers.emplace_back(view.factory());
+    const dd::Record& record = *parsers.back();
+    if (record.FieldCount() == 0)
+      throw pnl_err::Error("conf", view.label, "a record view needs at least its key field");
+  }
+  return parsers;
+}
+
+int CachedFile::Claim(Cf& cf, const Parsers& parsers) {
+  const pnl_token::Token::Type first = cf.token_type();
+  if (first == pnl_token::Token::LineEnd || first == pnl_token::Token::End) return -1;
+  for (std::size_t v = 0; v < parsers.size(); ++v) {
+    cf.Rewind();
+    cf.Offer(parsers[v].get());
+    bool claimed;
+    try {
+      claimed = parsers[v]->Parse(cf);
+    } catch (const std::exception&) {
+      claimed = false;
+    }
+    if (claimed) return static_cast<int>(v);
+  }
+  cf.Rewind();
+  return -1;
+}
+
+void CachedFile::Load() {
+  std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
+  std::string data;
+  pnl_file::FileId id;
+  if (!pnl_file::ReadFile(path_, data, id)) {
+    data.clear();
+    id = pnl_file::FileId();
+  }
+  Install(std::move(data), id, std::move(def));
+}
+
+void CachedFile::Install(std::string data, const pnl_file::FileId& id,
+                         std::shared_ptr<const TableDef> def) {
+  Parsers parsers = MakeParsers(*def);
+  std::vector<std::size_t> counts;
+  for (const auto& p : parsers) {
+    const dd::Record& record = *p;
+    counts.push_back(record.FieldCount());
+  }
+  Store fresh;
+  fresh.Reset(std::move(data), counts);
+  const std::string& text = fresh.base();
+  fresh.ReserveLines(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
+  Cf cf(text, *def->rules);
+  ParsedRecord parsed;
+  while (cf.NextLine()) {
+    const std::int32_t line = fresh.AppendLine(cf.line_offset(), cf.line_end() - cf.line_offset());
+    const int view = Claim(cf, parsers);
+    if (view >= 0 && cf.stored()) {
+      TakeParsed(cf, cf.line_offset(), view, parsed);
+      fresh.AddRecord(line, parsed);
+    }
+  }
+  if (loaded_) Relocate(fresh, *def);
+  store_ = std::move(fresh);
+  parsers_ = std::move(parsers);
+  def_ = std::move(def);
+  id_ = id;
+  loaded_ = true;
+  stale_ = false;
+}
+
+void CachedFile::Relocate(const Store& fresh, const TableDef& def) {
+  for (ConfDataSet* c : cursors_) {
+    const int view = def.ViewIndex(def_->views[static_cast<std::size_t>(c->view_)].rname);
+    if (c->state_ == ConfDataSet::kOnRecord) {
+      const std::string key(store_.Key(c->record_));
+      const std::int32_t r = fresh.FindNth(view, key, store_.Occurrence(c->record_));
+      if (r >= 0) {
+        c->record_ = r;
+      } else {
+        c->state_ = ConfDataSet::kLost;
+        c->lost_key_ = key;
+      }
+    } else if (c->state_ == ConfDataSet::kAfterDelete && c->next_line_ >= 0) {
+      const std::int32_t old = store_.RecordFrom(c->view_, c->next_line_);
+      if (old < 0) {
+        c->next_line_ = -1;
+      } else {
+        const std::string key(store_.Key(old));
+        const std::int32_t r = fresh.FindNth(view, key, store_.Occurrence(old));
+        if (r >= 0) {
+          c->next_line_ = fresh.record(r).line;
+        } else {
+          c->state_ = ConfDataSet::kLost;
+          c->lost_key_ = key;
+        }
+      }
+    }
+    c->view_ = view;
+  }
+}
+
+void CachedFile::Check() {
+  std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
+  if (loaded_ && !stale_ && def->version == def_->version) {
+    if (pnl_file::StatFile(path_).SameContent(id_)) return;
+  }
+  if (dirty_)
+    Refuse("changed on disk while it has unsaved deferred changes; "
+           "not read again (flush or discard the deferred changes)");
+  Load();
+}
+
+void CachedFile::Open(pnl_file::safe::Folder& folder, bool create) {
+  const pnl_file::FileId now = pnl_file::StatFile(path_);
+  if (now.exists) {
+    Check();
+    return;
+  }
+  if (!create) Refuse("no such file");
+  if (dirty_) Refuse("was removed while it has unsaved deferred changes");
+  std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
+  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, "", nullptr);
+  Install(std::string(), id, std::move(def));
+  RunHook(ConfCache::kSaveCreated, {});
+}
+
+// ------------------------------------------------------------ cursors
+
+SmartPtr<HeadDataSet> CachedFile::NewCursor(const std::string& rname) {
+  int view = def_ ? def_->ViewIndex(rname) : -1;
+  if (view < 0) {
+    // Maybe the view was added after the file was read.
+    if (engine_.impl_->Table(table_)->ViewIndex(rname) >= 0) {
+      stale_ = true;
+      Check();
+      view = def_->ViewIndex(rname);
+    }
+    if (view < 0) throw pnl_err::Error("conf", rname, "is not a record view of table " + table_);
+  }
+  SmartPtr<HeadDataSet> head(def_->views[static_cast<std::size_t>(view)].factory());
+  ConfDataSet& c = *head;
+  const dd::Record& record = *head;
+  const dd::Record& parser = *parsers_[static_cast<std::size_t>(view)];
+  if (record.FieldCount() != parser.FieldCount())
+    throw pnl_err::Error("conf", rname, "made a view with another number of fields");
+  c.file_ = shared_from_this();
+  c.head_ = head.get();
+  c.view_ = view;
+  c.state_ = ConfDataSet::kNone;
+  c.loaded_.assign(record.FieldCount(), std::string());
+  cursors_.push_back(&c);
+  return head;
+}
+
+void CachedFile::Unbind(ConfDataSet& cursor) noexcept {
+  auto it = std::find(cursors_.begin(), cursors_.end(), &cursor);
+  if (it != cursors_.end()) cursors_.erase(it);
+}
+
+void CachedFile::Position(ConfDataSet& c, std::int32_t record) {
+  c.state_ = ConfDataSet::kOnRecord;
+  c.record_ = record;
+  c.from_create_ = false;
+  const std::size_t n = c.FieldCount();
+  c.loaded_.resize(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    dd::Field& f = c.FieldAt(i);
+    f.Load(store_.Value(record, i));
+    c.loaded_[i] = f.Str();
+  }
+}
+
+bool CachedFile::Find(ConfDataSet& c, const std::string& key) {
+  Check();
+  const std::int32_t r = store_.Find(c.view_, key);
+  if (r < 0) {
+    c.state_ = ConfDataSet::kNone;
+    c.ClearFields();
+    return false;
+  }
+  Position(c, r);
+  return true;
+}
+
+void CachedFile::First(ConfDataSet& c) {
+  Check();
+  const std::int32_t r = store_.RecordFrom(c.view_, store_.head());
+  if (r < 0)
+    c.state_ = ConfDataSet::kEof;
+  else
+    Position(c, r);
+}
+
+void CachedFile::Next(ConfDataSet& c) {
+  std::int32_t r = -1;
+  switch (c.state_) {
+    case ConfDataSet::kOnRecord:
+      r = store_.RecordFrom(c.view_, store_.line(store_.record(c.record_).line).next);
+      break;
+    case ConfDataSet::kAfterDelete:
+      r = store_.RecordFrom(c.view_, c.next_line_);
+      break;
+    case ConfDataSet::kEof:
+      return;
+    case ConfDataSet::kLost:
+      Lost(c);
+    default:
+      Refuse("Next without a current record");
+  }
+  if (r < 0)
+    c.state_ = ConfDataSet::kEof;
+  else
+    Position(c, r);
+}
+
+void CachedFile::New(ConfDataSet& c) {
+  Check();
+  c.ClearFields();
+  c.state_ = ConfDataSet::kNew;
+  c.from_create_ = false;
+  c.loaded_.assign(c.FieldCount(), std::string());
+}
+
+void CachedFile::Create(ConfDataSet& c, const std::string& key) {
+  if (HasLineEnd(key)) Refuse("a key cannot hold a line end");
+  Check();
+  const std::int32_t r = store_.Find(c.view_, key);
+  if (r >= 0) {
+    Position(c, r);
+    return;
+  }
+  c.ClearFields();
+  c.loaded_.assign(c.FieldCount(), std::string());
+  c.state_ = ConfDataSet::kNone;
+  dd::Field& key_field = c.FieldAt(0);
+  key_field.Set(key);
+  c.loaded_[0] = key_field.Str();
+  c.state_ = ConfDataSet::kNew;
+  c.from_create_ = true;
+}
+
+void CachedFile::Post(ConfDataSet& c, const std::string& note, ConfDataSet* other) {
+  switch (c.state_) {
+    case ConfDataSet::kOnRecord:
+      Check();
+      if (c.state_ == ConfDataSet::kLost) Lost(c);
+      Update(c, note);
+      return;
+    case ConfDataSet::kNew: {
+      Check();
+      if (c.from_create_) {
+        // Created while the key was missing: if someone added it since,
+        // this post changes that record instead of adding a second one.
+        const std::int32_t r = store_.Find(c.view_, c.FieldAt(0).Str());
+        if (r >= 0) {
+          c.state_ = ConfDataSet::kOnRecord;
+          c.record_ = r;
+          Update(c, note);
+          return;
+        }
+      }
+      std::int32_t after = -1;
+      if (other != nullptr && other->state_ == ConfDataSet::kOnRecord) {
+        const std::int32_t line = store_.record(other->record_).line;
+        after = line;
+        for (std::int32_t k = store_.BlockSize(line); k > 1; --k) after = store_.line(after).next;
+      }
+      Insert(c, note, after);
+      return;
+    }
+    case ConfDataSet::kLost:
+      Lost(c);
+    default:
+      Refuse("no current record to post");
+  }
+}
+
+bool CachedFile::Delete(ConfDataSet& c, bool must_exist) {
+  if (c.state_ == ConfDataSet::kLost) Lost(c);
+  if (c.state_ != ConfDataSet::kOnRecord) {
+    if (must_exist) Refuse("no current record to delete");
+    return false;
+  }
+  Check();
+  if (c.state_ == ConfDataSet::kLost) Lost(c);
+  const std::int32_t line = store_.record(c.record_).line;
+  Store::Edit edit;
+  edit.kind = Store::Edit::kRemove;
+  edit.line = line;
+  edit.count = store_.BlockSize(line);
+  Commit(edit, std::string(), [&] {
+    const std::int32_t next = store_.RemoveLines(edit.line, edit.count);
+    for (ConfDataSet* x : cursors_) {
+      if (x->state_ == ConfDataSet::kOnRecord && !store_.record(x->record_).alive) {
+        x->state_ = ConfDataSet::kAfterDelete;
+        x->next_line_ = next;
+      } else if (x->state_ == ConfDataSet::kAfterDelete && x->next_line_ >= 0 &&
+                 !store_.LineAlive(x->next_line_)) {
+        x->next_line_ = next;
+      }
+    }
+  });
+  return true;
+}
+
+// ------------------------------------------------------------ writing
+
+bool CachedFile::SpanEdit(const ConfDataSet& c, const std::vector<bool>& changed,
+                          std::string& text) const {
+  struct Piece {
+    std::uint32_t start, size;
+    std::size_t field;
+  };
+  std::vector<Piece> pieces;
+  for (std::size_t i = 0; i < changed.size(); ++i) {
+    if (!changed[i]) continue;
+    const FieldSlot& s = store_.Slot(c.record_, i);
+    if (s.start == FieldSlot::kNoSpan || s.size == 0) return false;
+    pieces.push_back(Piece{s.start, s.size, i});
+  }
+  std::sort(pieces.begin(), pieces.end(), [](const Piece& a, const Piece& b) { return a.start < b.start; });
+  const std::string_view line = store_.LineText(store_.record(c.record_).line);
+  text.clear();
+  std::size_t at = 0;
+  for (const Piece& p : pieces) {
+    if (p.start < at || p.start + p.size > line.size()) return false;  // overlapping spans
+    text.append(line.substr(at, p.start - at));
+    text.append(c.FieldAt(p.field).Str());
+    at = p.start + p.size;
+  }
+  text.append(line.substr(at));
+  return true;
+}
+
+std::string CachedFile::Template(ConfDataSet& c, bool keep_missing_line_end) const {
+  std::string text = c.head_->NewRecordTemplate();
+  if (text.empty() || text.back() != '\n') text += '\n';
+  if (keep_missing_line_end) text.pop_back();
+  return text;
+}
+
+bool CachedFile::ReadBack(int view, const std::string& text, const std::vector<std::string>& want,
+                          ParsedRecord& parsed, std::string& why) const {
+  Cf cf(text, *def_->rules);
+  if (!cf.NextLine() || cf.line_end() != text.size()) {
+    why = "the record would not be one line";
+    return false;
+  }
+  const int claimed = Claim(cf, parsers_);
+  if (claimed != view || !cf.stored()) {
+    why = "the line '" + Shown(text) + "' would not read back as a record of " +
+          def_->views[static_cast<std::size_t>(view)].label;
+    return false;
+  }
+  const dd::Record& parser = *parsers_[static_cast<std::size_t>(view)];
+  for (std::size_t i = 0; i < want.size(); ++i) {
+    const dd::Field& f = parser.FieldAt(i);
+    const std::string back = f.Canonical(cf.stored_value(i));
+    if (back != want[i]) {
+      why = "field " + f.Name() + " '" + want[i] + "' would read back as '" + back + "'";
+      return false;
+    }
+  }
+  TakeParsed(cf, 0, view, parsed);
+  return true;
+}
+
+void CachedFile::Update(ConfDataSet& c, const std::string& note) {
+  const std::size_t n = c.FieldCount();
+  std::vector<bool> changed(n);
+  bool any = false;
+  for (std::size_t i = 0; i < n; ++i) {
+    changed[i] = c.FieldAt(i).Str() != c.loaded_[i];
+    any = any || changed[i];
+  }
+  if (!any) return;  // nothing to write
+  // What the cursor did not change is taken from the copy, which may be
+  // newer than what the cursor read.
+  for (std::size_t i = 0; i < n; ++i)
+    if (!changed[i]) c.FieldAt(i).Load(store_.Value(c.record_, i));
+  std::vector<std::string> want(n);
+  for (std::size_t i = 0; i < n; ++i) want[i] = c.FieldAt(i).Str();
+
+  const std::int32_t line = store_.record(c.record_).line;
+  const std::string_view old_text = store_.LineText(line);
+  const bool no_line_end = old_text.empty() || old_text.back() != '\n';
+  std::string text;
+  ParsedRecord parsed;
+  std::string why;
+  bool ok = SpanEdit(c, changed, text) && ReadBack(c.view_, text, want, parsed, why);
+  if (!ok) {
+    text = Template(c, no_line_end);
+    ok = ReadBack(c.view_, text, want, parsed, why);
+  }
+  if (!ok) Refuse("record '" + std::string(store_.Key(c.record_)) + "': " + why);
+
+  Store::Edit edit;
+  edit.kind = Store::Edit::kUpdate;
+  edit.line = line;
+  edit.text = text;
+  const std::int32_t record = c.record_;
+  Commit(edit, note, [&] { store_.UpdateRecord(record, edit.text, parsed); });
+  c.loaded_ = std::move(want);
+}
+
+void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t after) {
+  const std::size_t n = c.FieldCount();
+  std::vector<std::string> want(n);
+  for (std::size_t i = 0; i < n; ++i) want[i] = c.FieldAt(i).Str();
+  Store::Edit edit;
+  edit.kind = Store::Edit::kInsert;
+  edit.line = after;
+  edit.text = Template(c, false);
+  ParsedRecord parsed;
+  std::string why;
+  if (!ReadBack(c.view_, edit.text, want, parsed, why))
+    Refuse("new record '" + want[0] + "': " + why);
+  std::int32_t record = -1;
+  Commit(edit, note, [&] { record = store_.InsertRecord(edit.line, edit.text, parsed); });
+  c.state_ = ConfDataSet::kOnRecord;
+  c.record_ = record;
+  c.from_create_ = false;
+  c.loaded_ = std::move(want);
+}
+
+template <class Apply>
+void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&& apply) {
+  if (engine_.impl_->deferred) {
+    apply();
+    dirty_ = true;
+    if (!note.empty()) notes_.push_back(note);
+    return;
+  }
+  const std::string text = store_.Text(&edit);
+  pnl_file::safe::Folder folder;
+  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, text, id_.exists ? &id_ : nullptr);
+  apply();
+  id_ = id;
+  std::vector<std::string> notes = std::move(notes_);
+  notes_.clear();
+  if (!note.empty()) notes.push_back(note);
+  dirty_ = false;
+  RunHook(ConfCache::kSavePosted, notes);
+}
+
+void CachedFile::Flush() {
+  if (!dirty_) return;
+  if (!pnl_file::StatFile(path_).SameContent(id_))
+    Refuse("changed on disk since the deferred changes were made; not overwritten "
+           "(discard the deferred changes to read it again)");
+  const std::string text = store_.Text();
+  pnl_file::safe::Folder folder;
+  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, text, id_.exists ? &id_ : nullptr);
+  id_ = id;
+  std::vector<std::string> notes = std::move(notes_);
+  notes_.clear();
+  dirty_ = false;
+  RunHook(ConfCache::kSaveDeferred, notes);
+}
+
+void CachedFile::Discard() noexcept {
+  dirty_ = false;
+  notes_.clear();
+  stale_ = true;
+}
+
+void CachedFile::RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes) {
+  const HookSlot hook = engine_.impl_->Hook(table_);
+  if (hook.object == nullptr || hook.member == nullptr) return;
+  ConfRef ref(shared_from_this());
+  ref.notes_ = &notes;
+  ConfCache::SaveReason r = reason;
+  (hook.object->*hook.member)(ref, r);
+}
+
+}  // namespace zel_conf

@@ -1,0 +1,221 @@
+#include "zelapi/conf/parse.h"
+
+#include <cstring>
+
+#include "zelapi/conf/dataset.h"
+#include "zelapi/conf/record.h"
+#include "zelapi/err.h"
+
+namespace {
+
+bool HasLineEnd(std::string_view text) {
+  return text.find_first_of("\r\n") != std::string_view::npos;
+}
+
+[[noreturn]] void Refuse(const std::string& why) { throw pnl_err::Error("conf", "parse", why); }
+
+bool AtLineEnd(pnl_token::Token::Type type) {
+  return type == pnl_token::Token::LineEnd || type == pnl_token::Token::End;
+}
+
+}  // namespace
+
+Cf::Cf(std::string_view text, const pnl_token::Params& rules)
+    : text_(text), tokenizer_(rules, text) {}
+
+bool Cf::NextLine() {
+  line_start_ = started_ ? line_end_ : 0;
+  started_ = true;
+  open_ = false;
+  done_ = false;
+  if (line_start_ >= text_.size()) {
+    line_start_ = line_end_ = text_.size();
+    Load(pnl_token::Token{pnl_token::Token::End, line_start_, line_start_});
+    return false;
+  }
+  const void* nl = std::memchr(text_.data() + line_start_, '\n', text_.size() - line_start_);
+  line_end_ = nl ? static_cast<std::size_t>(static_cast<const char*>(nl) - text_.data()) + 1
+                 : text_.size();
+  next_ = line_start_;
+  first_ = tokenizer_.Next(next_, false);
+  first_next_ = next_;
+  Load(first_);
+  return true;
+}
+
+void Cf::Rewind() {
+  open_ = false;
+  done_ = false;
+  next_ = first_next_;
+  Load(first_);
+}
+
+void Cf::Load(const pnl_token::Token& t) {
+  type_ = t.type;
+  start_ = t.start;
+  end_ = t.end;
+  contiguous_ = true;
+  token_valid_ = false;
+}
+
+const std::string& Cf::token() const {
+  if (!token_valid_) {
+    token_.assign(text_.data() + start_, end_ - start_);
+    token_valid_ = true;
+  }
+  return token_;
+}
+
+void Cf::GetToken(bool with_separators) {
+  if (AtLineEnd(type_)) return;
+  Load(tokenizer_.Next(next_, with_separators));
+}
+
+void Cf::AddToken() {
+  if (AtLineEnd(type_)) return;
+  std::size_t p = next_;
+  pnl_token::Token t = tokenizer_.Next(p, false);
+  if (AtLineEnd(t.type)) return;
+  if (contiguous_ && t.start == end_) {
+    end_ = t.end;
+    token_valid_ = false;
+  } else {
+    if (contiguous_) token();  // materialise the text so far
+    token_.append(text_.data() + t.start, t.end - t.start);
+    contiguous_ = false;
+    token_valid_ = true;
+    end_ = t.end;
+  }
+  next_ = p;
+}
+
+void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blanks) {
+  std::size_t scan = AtLineEnd(type_) ? start_ : end_;
+  std::size_t value_start = scan;
+  std::size_t last_end = scan;
+  bool first = true;
+  for (;;) {
+    const std::size_t before = scan;
+    pnl_token::Token t = tokenizer_.Next(scan, false);
+    if (first && skip_blanks) value_start = last_end = t.start;
+    first = false;
+    const bool is_end = t.type != pnl_token::Token::End && Text(t.start, t.end) == end;
+    if (is_end || AtLineEnd(t.type)) {
+      if (is_end && include_end) {
+        last_end = t.end;
+        next_ = scan;
+      } else {
+        next_ = before;
+      }
+      break;
+    }
+    last_end = t.end;
+  }
+  type_ = pnl_token::Token::Word;
+  start_ = value_start;
+  end_ = last_end < value_start ? value_start : last_end;
+  contiguous_ = true;
+  token_valid_ = false;
+}
+
+void Cf::CheckOpen(const char* what) const {
+  if (!open_) Refuse(std::string(what) + " without CacheStart");
+}
+
+void Cf::CacheStart(HeadDataSet& ds, bool key_required) {
+  if (offered_ != nullptr && offered_ != &ds) Refuse("CacheStart for a view that was not offered the line");
+  const dd::Record& record = ds;
+  view_ = &ds;
+  open_ = true;
+  done_ = false;
+  key_required_ = key_required;
+  fields_.resize(record.FieldCount());
+  for (Cached& c : fields_) {
+    c.set = false;
+    c.has_span = false;
+    c.own = false;
+    c.value.clear();
+  }
+}
+
+void Cf::CacheField(int index, const std::string& raw, const std::string& value, int pos,
+                    int reserved1, int reserved2) {
+  CheckOpen("CacheField");
+  if (reserved1 != 0 || reserved2 != 0) Refuse("CacheField: the last two arguments must be 0");
+  if (index < 0 || static_cast<std::size_t>(index) >= fields_.size())
+    Refuse("CacheField: no field " + std::to_string(index));
+  if (HasLineEnd(raw) || (&value != &raw && HasLineEnd(value)))
+    Refuse("CacheField: a value cannot hold a line end");
+  Cached& c = fields_[static_cast<std::size_t>(index)];
+  c.set = true;
+  c.has_span = false;
+  if (pos < 0) {
+    if (contiguous_ && ((token_valid_ && &raw == &token_) || Text(start_, end_) == raw)) {
+      c.has_span = true;
+      c.start = start_;
+      c.size = end_ - start_;
+    }
+  } else {
+    const std::size_t p = static_cast<std::size_t>(pos);
+    if (p < line_start_ || p + raw.size() > line_end_ || Text(p, p + raw.size()) != raw)
+      Refuse("CacheField: '" + raw + "' is not at offset " + std::to_string(pos));
+    c.has_span = true;
+    c.start = p;
+    c.size = raw.size();
+  }
+  c.own = !c.has_span || (&value != &raw && value != raw);
+  if (c.own)
+    c.value.assign(value);
+  else
+    c.value.clear();
+}
+
+void Cf::CacheField(const dd::Field& field) {
+  CheckOpen("CacheField");
+  const dd::Record* record = view_;
+  if (&field.Owner() != record) Refuse("CacheField: field " + field.Name() + " is not the view's");
+  const int index = field.Index();
+  if (index < 0 || static_cast<std::size_t>(index) >= fields_.size())
+    Refuse("CacheField: no field " + std::to_string(index));
+  Cached& c = fields_[static_cast<std::size_t>(index)];
+  c.set = true;
+  if (contiguous_) {
+    if (HasLineEnd(Text(start_, end_))) Refuse("CacheField: a value cannot hold a line end");
+    c.has_span = true;
+    c.start = start_;
+    c.size = end_ - start_;
+    c.own = false;
+    c.value.clear();
+  } else {
+    if (HasLineEnd(token_)) Refuse("CacheField: a value cannot hold a line end");
+    c.has_span = false;
+    c.own = true;
+    c.value.assign(token_);
+  }
+}
+
+void Cf::CacheDone(HeadDataSet& ds, bool to_line_end) {
+  CheckOpen("CacheDone");
+  if (&ds != view_) Refuse("CacheDone for another view than CacheStart");
+  if (key_required_ && (fields_.empty() || !fields_[0].set)) {
+    open_ = false;
+    Refuse("record without its key");
+  }
+  if (to_line_end && !AtLineEnd(type_)) {
+    std::size_t p = next_;
+    pnl_token::Token t = tokenizer_.Next(p, false);
+    if (!AtLineEnd(t.type)) {
+      open_ = false;
+      Refuse("text after the record: '" + std::string(Text(t.start, t.end)) + "'");
+    }
+  }
+  open_ = false;
+  done_ = true;
+}
+
+std::string Cf::stored_value(std::size_t index) const {
+  const Cached& c = fields_[index];
+  if (c.own) return c.value;
+  if (c.has_span) return std::string(Text(c.start, c.start + c.size));
+  return std::string();
+}

@@ -1,0 +1,161 @@
+#include "zelapi/conf/record.h"
+
+#include <utility>
+
+#include "zelapi/err.h"
+
+namespace dd {
+
+namespace {
+
+bool HasLineEnd(std::string_view value) {
+  return value.find_first_of("\r\n") != std::string_view::npos;
+}
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+}  // namespace
+
+Record::Record() = default;
+Record::~Record() = default;
+
+Field* Record::FieldByName(const std::string& name) const {
+  for (Field* field : fields_)
+    if (field->Name() == name) return field;
+  return nullptr;
+}
+
+Field::Field(Record* record, std::string name, Validator validator)
+    : record_(record),
+      name_(std::move(name)),
+      index_(static_cast<int>(record->fields_.size())),
+      validator_(std::move(validator)) {
+  record->fields_.push_back(this);
+}
+
+Field::~Field() = default;
+
+void Field::Check(const std::string& value) const {
+  if (HasLineEnd(value))
+    throw pnl_err::Error("conf", "field " + name_, "a value cannot hold a line end");
+  if (validator_ && !validator_(value))
+    throw pnl_err::Error("conf", "field " + name_, "value '" + value + "' is not valid");
+}
+
+void Field::Set(const std::string& value) {
+  Check(value);
+  value_ = value;
+}
+
+std::string Field::Str() const { return value_; }
+
+void Field::Erase() { value_.clear(); }
+
+void Field::Load(std::string_view stored) { value_.assign(stored); }
+
+std::string Field::Canonical(std::string_view stored) const { return std::string(stored); }
+
+ArrayField::ArrayField(Record* record, std::string name, char separator)
+    : Field(record, std::move(name)), separator_(separator) {}
+
+std::vector<std::string> ArrayField::Split(std::string_view text, char separator) {
+  std::vector<std::string> out;
+  const bool blank_separator = IsBlank(separator);
+  std::size_t i = 0;
+  const std::size_t n = text.size();
+  bool any = false;
+  for (char c : text)
+    if (!IsBlank(c)) any = true;
+  if (!any) return out;
+  for (;;) {
+    // One element: up to the next separator outside quotes.
+    std::size_t start = i;
+    bool quoted = false;
+    while (i < n && (quoted || text[i] != separator)) {
+      if (text[i] == '"') quoted = !quoted;
+      ++i;
+    }
+    std::size_t end = i;
+    while (start < end && IsBlank(text[start])) ++start;
+    while (end > start && IsBlank(text[end - 1])) --end;
+    if (!(blank_separator && start == end)) out.emplace_back(text.substr(start, end - start));
+    if (i >= n) break;
+    ++i;  // past the separator
+  }
+  return out;
+}
+
+std::string ArrayField::Join(const std::vector<std::string>& elements, char separator) {
+  std::string out;
+  for (std::size_t k = 0; k < elements.size(); ++k) {
+    if (k > 0) {
+      out += separator;
+      if (!IsBlank(separator)) out += ' ';
+    }
+    out += elements[k];
+  }
+  return out;
+}
+
+void ArrayField::CheckElement(const std::string& value) const {
+  Check(value);
+  std::vector<std::string> back = Split(value, separator_);
+  if (back.size() != 1 || back[0] != value)
+    throw pnl_err::Error("conf", "field " + Name(),
+                         "element '" + value + "' would not read back as one element");
+}
+
+void ArrayField::Set(const std::string& text) {
+  Check(text);
+  elements_ = Split(text, separator_);
+}
+
+std::string ArrayField::Str() const { return Join(elements_, separator_); }
+
+void ArrayField::Erase() { elements_.clear(); }
+
+void ArrayField::Append(const std::string& value) {
+  CheckElement(value);
+  elements_.push_back(value);
+}
+
+bool ArrayField::Delete(const std::string& value) {
+  for (auto it = elements_.begin(); it != elements_.end(); ++it) {
+    if (*it == value) {
+      elements_.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool ArrayField::Has(const std::string& value) const {
+  for (const std::string& element : elements_)
+    if (element == value) return true;
+  return false;
+}
+
+const std::string& ArrayField::operator[](int i) const {
+  if (i < 0 || static_cast<std::size_t>(i) >= elements_.size())
+    throw pnl_err::Error("conf", "field " + Name(),
+                         "no element " + std::to_string(i) + " (the list has " +
+                             std::to_string(elements_.size()) + ")");
+  return elements_[static_cast<std::size_t>(i)];
+}
+
+void ArrayField::Assign(const std::string& value) {
+  if (value.empty()) {
+    elements_.clear();
+    return;
+  }
+  CheckElement(value);
+  elements_.assign(1, value);
+}
+
+void ArrayField::Load(std::string_view stored) { elements_ = Split(stored, separator_); }
+
+std::string ArrayField::Canonical(std::string_view stored) const {
+  return Join(Split(stored, separator_), separator_);
+}
+
+}  // namespace dd

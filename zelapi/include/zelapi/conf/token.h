@@ -1,0 +1,118 @@
+// pnl_token: the token rules of a configuration file format and the
+// tokenizer that applies them.
+//
+// A table describes its line format with a Params set: which characters
+// separate words, which stand as tokens by themselves, which end a line, and
+// which texts open a comment. Everything else is word text. The tokenizer
+// scans one buffer in place (no copies, no allocation per token) and never
+// moves past a line end on its own: "\n" always ends a line, whether or not
+// a rule names it.
+//
+// Comments: Comment(start, end, anywhere) makes the text from start up to
+// (not including) end a comment that the tokenizer skips; when end does not
+// occur on the line the comment runs to the line end. With anywhere = false
+// a comment starts only where a word could start (line start, after a
+// separator or after a character token), so "a#b" stays one word; with
+// anywhere = true it may start inside a word and ends that word there
+// ("example.com #x" gives the word "example.com " when blanks separate
+// nothing).
+//
+// A Params set is filled once and then only read; reading from several
+// threads is safe. A Tokenizer is a cheap value used by one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace pnl_token {
+
+struct Token {
+  // Token kinds; the rule codes 1, 2 and 6 are the ones a format names.
+  enum Type : int {
+    Word = 0,       // text between separators
+    Separator = 1,  // a run of separator characters (only returned on request)
+    Char = 2,       // a character that is a token by itself
+    LineEnd = 6,    // "\n"
+    End = 7,        // the end of the text (empty token)
+  };
+  Type type = End;
+  std::size_t start = 0;  // offset of the first byte
+  std::size_t end = 0;    // offset just past the last byte
+};
+
+// Rule: every character of chars is of the given type: 1 (separator),
+// 2 (token by itself) or 6 (line end; only "\n" may be given).
+class CharToken {
+ public:
+  CharToken(std::string chars, int type);
+  const std::string& chars() const { return chars_; }
+  int type() const { return type_; }
+
+ private:
+  std::string chars_;
+  int type_;
+};
+
+// Rule: a comment from start up to (not including) end; see above for the
+// meaning of anywhere.
+class Comment {
+ public:
+  Comment(std::string start, std::string end, bool anywhere);
+  const std::string& start() const { return start_; }
+  const std::string& end() const { return end_; }
+  bool anywhere() const { return anywhere_; }
+
+ private:
+  std::string start_;
+  std::string end_;
+  bool anywhere_;
+};
+
+// A set of rules, compiled into per-byte tables as rules are added.
+class Params {
+ public:
+  Params();
+
+  // Throws pnl_err::Error("conf") for an unknown type, an empty rule, a
+  // character given two types, a line end other than "\n", or a comment
+  // that starts with a separator, a character token or the line end.
+  void Add(const CharToken& rule);
+  void Add(const Comment& rule);
+
+  // Per-byte class, as used by the Tokenizer: a Token::Type, or kWordComment
+  // for a word character that may open an anywhere-comment.
+  static constexpr std::uint8_t kWordComment = 8;
+  std::uint8_t Class(unsigned char c) const { return class_[c]; }
+  bool MayOpenComment(unsigned char c) const { return comment_first_[c] != 0; }
+  const std::vector<Comment>& comments() const { return comments_; }
+
+ private:
+  std::uint8_t class_[256];
+  std::uint8_t comment_first_[256];
+  std::vector<Comment> comments_;
+};
+
+// Scans text by the rules. The text and the rules must outlive it.
+class Tokenizer {
+ public:
+  Tokenizer(const Params& rules, std::string_view text) : rules_(&rules), text_(text) {}
+
+  std::string_view text() const { return text_; }
+
+  // The token that starts at or after pos, skipping comments (and separator
+  // runs unless with_separators); pos moves just past it. At the end of the
+  // text returns an End token and leaves pos at the end. pos must stand at a
+  // token boundary (a line start or the end of an earlier token).
+  Token Next(std::size_t& pos, bool with_separators = false) const;
+
+ private:
+  bool MatchComment(std::size_t pos, bool anywhere_only, std::size_t& after) const;
+
+  const Params* rules_;
+  std::string_view text_;
+};
+
+}  // namespace pnl_token
