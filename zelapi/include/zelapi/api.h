@@ -10,7 +10,8 @@
 // host runs the queue once the request's database work is committed; a
 // command queued several times in one request runs once.
 //
-// Registration and the queue are thread-safe.
+// Registration and the queue are thread-safe; a ModuleLoader is used from one
+// thread at a time.
 #pragma once
 
 #include <memory>
@@ -19,7 +20,8 @@
 
 namespace zel_api {
 
-// Base of every module object. Not copyable.
+// Base of every module object. Not copyable. Name() is valid as long as the
+// module object lives.
 class Module {
  public:
   explicit Module(const char* name);
@@ -36,7 +38,8 @@ class Module {
 using ModuleFactory = Module* (*)();
 
 // A registration of one module factory, usually a static object of a module.
-// Its destructor (at unload) withdraws the registration.
+// Its destructor (at unload) withdraws the registration. The object must
+// outlive nothing it registered: a factory is only called while registered.
 class BaseRegisterModule {
  public:
   BaseRegisterModule() = default;
@@ -45,12 +48,14 @@ class BaseRegisterModule {
   BaseRegisterModule& operator=(const BaseRegisterModule&) = delete;
 
   // Registers factory under name. Registering again replaces this object's
-  // earlier registration.
+  // earlier registration (which keeps its place in the registration order).
   void Register(const std::string& name, ModuleFactory factory);
 };
 
 // The factory of module type M: allocates and constructs one M. If the
-// constructor throws, the memory is freed and the exception propagates.
+// constructor throws, the memory is freed (a new-expression releases it
+// before the exception leaves) and the exception propagates. The caller owns
+// the result.
 template <class M>
 struct RegisterModule {
   static Module* Constructor() { return new M(); }
@@ -66,7 +71,13 @@ std::vector<Registration> RegisteredModules();
 
 // Loads module shared objects and constructs their modules. Destroying the
 // loader destroys the module objects (in reverse order of construction), then
-// unloads the shared objects (in reverse order of loading).
+// unloads the shared objects (in reverse order of loading). The loader owns
+// both; a module pointer stays valid until the loader is destroyed.
+//
+// Shared objects are opened with RTLD_NOW | RTLD_LOCAL: an unresolved symbol
+// fails the load at once, with the dynamic linker's message, instead of
+// killing the host at first use; and modules never bind to each other's
+// symbols by accident (what they share comes from libraries they link).
 class ModuleLoader {
  public:
   ModuleLoader();
@@ -76,15 +87,18 @@ class ModuleLoader {
 
   // dlopens one shared object; its static objects register their factories.
   // Throws pnl_err::Error (type "module", object the path, detail dlerror()).
+  // Static initialisers of a module must not throw.
   void Load(const std::string& path);
 
-  // Loads every "*.so" of a folder, in name order. Throws as Load; a missing
-  // folder is an error too.
+  // Loads every file whose name ends in ".so" of a folder, in name order
+  // (byte order). Throws as Load; a missing folder is an error too (object
+  // the folder). The objects loaded before a failure stay loaded.
   void LoadFolder(const std::string& folder);
 
-  // Constructs every registered factory not yet constructed by this loader,
-  // in registration order. An exception from a module's constructor
-  // propagates; the modules constructed before it stay.
+  // Constructs every registered factory not yet tried by this loader, in
+  // registration order. An exception from a module's constructor propagates;
+  // the modules constructed before it stay, and the factory that threw is not
+  // tried again, so a second call goes on with the ones after it.
   void ConstructAll();
 
   // Module objects constructed so far, in construction order.
@@ -95,16 +109,19 @@ class ModuleLoader {
   std::unique_ptr<Impl> impl_;
 };
 
-// Queues a command line for the end of the current request.
+// Queues a command line for the end of the current request; a command that
+// is queued already is not queued again.
 void ExecuteLater(const std::string& command);
 
 // The queue as it stands (identical commands appear once, in first-queued order).
 std::vector<std::string> PendingCommands();
 
 // Runs and empties the queue: each distinct command once, in the order first
-// queued, through pnl_proc with mode 2. A failure is logged at error level with
-// the command's output and does not stop the others. Returns the number of
-// commands that failed.
+// queued, through pnl_proc with mode 2. A failure (non-zero status, or the
+// runner throwing) is logged at error level on the platform channel as
+// 'deferred command "<command>" failed with status N: <output>' and does not
+// stop the others. Commands queued while it runs wait for the next call.
+// Returns the number of commands that failed.
 int RunDeferred();
 
 // Empties the queue without running it (a request abandoned before its end).
