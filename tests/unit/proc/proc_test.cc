@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -211,6 +213,40 @@ TEST_F(ProcTest, CommandStartsWithDefaultSignalsWhateverTheHostIgnoresOrBlocks) 
     ++seen;
   }
   EXPECT_EQ(seen, 2) << run.Str();
+}
+
+// A timer signal that interrupts every wait (no automatic restart), as a
+// host's own timers would.
+class InterruptingTimer {
+ public:
+  InterruptingTimer() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ticks.fetch_add(1, std::memory_order_relaxed); };
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    ::sigaction(SIGALRM, &action, &saved_);
+    struct itimerval every = {{0, 2000}, {0, 2000}};
+    ::setitimer(ITIMER_REAL, &every, nullptr);
+  }
+  ~InterruptingTimer() {
+    struct itimerval off = {};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &saved_, nullptr);
+  }
+  static inline std::atomic<int> ticks{0};
+
+ private:
+  struct sigaction saved_;
+};
+
+TEST_F(ProcTest, InterruptedWaitsAreResumed) {
+  InterruptingTimer timer;
+  for (int mode : {0, 1, 2}) {
+    pnl_proc::Execute run("sleep 0.2; echo done; exit 6", mode);
+    EXPECT_EQ(run.Result(), 6) << "mode " << mode;
+    EXPECT_EQ(run.Str(), mode == 0 ? "" : "done\n") << "mode " << mode;
+  }
+  EXPECT_GT(InterruptingTimer::ticks.load(), 10);
 }
 
 TEST_F(ProcTest, ExecuteRunsThroughTheInstalledRunner) {
