@@ -10,6 +10,8 @@
 //
 // with backslash, double quote and line ends of the command escaped as \\, \"
 // and \n, and F the wall time in seconds with six decimals. Thread-safe.
+// The host must not set SIGCHLD to SIG_IGN: the kernel would then reap the
+// commands itself and their status could not be read (it is reported as 127).
 #pragma once
 
 #include <string>

@@ -35,8 +35,10 @@ std::string Replace(const std::string& text, const std::string& from, const std:
 std::string Trim(const std::string& text);
 
 // The ASCII (A-label) form of a domain name given in Unicode or ASCII, lower
-// case untouched for ASCII labels. Returns false (out unchanged) when the name
-// cannot be converted (invalid Unicode, disallowed code points).
+// case untouched for ASCII labels: they are copied as given, and each other
+// label is converted on its own (IDNA2008 non-transitional with NFC input,
+// transitional as the fallback). Returns false (out unchanged) when the name
+// cannot be converted (invalid UTF-8, disallowed code points).
 bool IdnToAscii(const std::string& domain, std::string& out);
 
 // The Unicode form of an ASCII domain name for display; the input unchanged
