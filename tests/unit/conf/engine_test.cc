@@ -1,0 +1,740 @@
+// The engine on real files: sample files in tests/data/conf, each edit case
+// compared byte for byte with its golden output.
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <sys/stat.h>
+
+#include "test_tables.h"
+#include "zelapi/file.h"
+
+using conftest::DomainView;
+using conftest::Journal;
+using conftest::ListTable;
+using conftest::ListView;
+using conftest::MailView;
+using conftest::NamesTable;
+using conftest::NameView;
+using conftest::Sample;
+using conftest::Slurp;
+using conftest::Spill;
+using conftest::VirtTable;
+
+namespace {
+
+class EngineTest : public conftest::ScratchTest {};
+
+// A view that caches a record and then changes its mind: it returns false
+// on "refuse" lines and throws on "throw" lines.
+class FickleView : public HeadDataSet {
+ public:
+  bool Parse(Cf& cf) override {
+    if (!conftest::AtLineStart(cf)) return false;
+    cf.CacheStart(*this, true);
+    cf.CacheField(key);
+    cf.GetUntilToken("\n", false, true);
+    cf.CacheField(rest);
+    cf.CacheDone(*this, false);
+    if (cf.stored_value(0) == "throw") throw std::out_of_range("fickle");
+    return cf.stored_value(0) != "refuse";
+  }
+  std::string NewRecordTemplate() override { return key.Str() + " " + rest.Str() + "\n"; }
+
+  dd::Field key{this, "key"};
+  dd::Field rest{this, "rest"};
+};
+
+// Claims whatever the first view left.
+class CatchAllView : public HeadDataSet {
+ public:
+  bool Parse(Cf& cf) override {
+    if (!conftest::AtLineStart(cf)) return false;
+    cf.CacheStart(*this, true);
+    cf.CacheField(word);
+    cf.CacheDone(*this, false);
+    return true;
+  }
+  std::string NewRecordTemplate() override { return word.Str() + "\n"; }
+
+  dd::Field word{this, "word"};
+};
+
+class FickleTable : public PnlCachedConfig<FickleTable> {
+ public:
+  FickleTable() {
+    auto rules = std::make_shared<pnl_token::Params>();
+    rules->Add(pnl_token::CharToken(" ", 1));
+    rules->Add(pnl_token::CharToken("\n", 6));
+    auto* e = BaseCachedConfig<PnlConfCache>::Instance();
+    e->Register(name_, rules);
+    conftest::AddView<FickleView>(e, name_);
+    conftest::AddView<CatchAllView>(e, name_);
+  }
+};
+
+}  // namespace
+
+// ------------------------------------------------------------ reading
+
+TEST_F(EngineTest, ViewsClaimTheirLinesAndLeaveTheRest) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  std::vector<std::string> seen;
+  for (domains->First(); !domains->Eof(); domains->Next()) seen.push_back(domains->name.Str() + "=" + domains->target.Str());
+  EXPECT_EQ(seen, (std::vector<std::string>{"example.com=error:nouser No such user here", "other.org=devnull",
+                                            "empty.org="}));
+  auto mails = VirtTable::Get<MailView>(path, false);
+  seen.clear();
+  for (mails->First(); !mails->Eof(); mails->Next()) seen.push_back(mails->name.Str() + "=" + mails->target.Str());
+  EXPECT_EQ(seen, (std::vector<std::string>{"info@example.com=info+example.com",
+                                            "sales@example.com=sales+example.com",
+                                            "bob@other.org=bob+other.org bob@elsewhere.net",
+                                            "tab@other.org=tab+other.org", "last@other.org=last+other.org"}));
+}
+
+TEST_F(EngineTest, CommentAnywhereTableKeepsBlankBeforeRemark) {
+  const std::string path = Copy("names.txt");
+  auto names = NamesTable::Get<NameView>(path, false);
+  std::vector<std::string> seen;
+  for (names->First(); !names->Eof(); names->Next()) seen.push_back(names->name.Str());
+  EXPECT_EQ(seen, (std::vector<std::string>{"example.com", "other.org ", "mail example.net"}));
+  EXPECT_TRUE(names->Find("other.org "));
+  EXPECT_FALSE(names->Find("other.org"));
+}
+
+TEST_F(EngineTest, ListFieldSplitsOutsideQuotes) {
+  const std::string path = Copy("list.txt");
+  auto lists = ListTable::Get<ListView>(path, false);
+  ASSERT_TRUE(lists->Find("prog"));
+  ASSERT_EQ(lists->items.Size(), 2u);
+  EXPECT_EQ(lists->items[0], "\"|/usr/bin/filter a,b\"");
+  EXPECT_EQ(lists->items[1], "x\\@example.com");
+  ASSERT_TRUE(lists->Find("info"));
+  EXPECT_EQ(lists->items.Str(), "a@example.com, b@example.com");
+}
+
+TEST_F(EngineTest, UnchangedFilesRoundTripByteForByte) {
+  // Change one record and change it back: every save writes the whole file
+  // from the cached copy, so the result shows what the copy keeps.
+  const std::string virt = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(virt, false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "changed";
+  mails->Post("");
+  EXPECT_NE(Slurp(virt), Sample("virt.txt"));
+  mails->target = "info+example.com";
+  mails->Post("");
+  EXPECT_EQ(Slurp(virt), Sample("virt.txt"));
+
+  const std::string names = Copy("names.txt");
+  auto name = NamesTable::Get<NameView>(names, false);
+  ASSERT_TRUE(name->Find("example.com"));
+  name->name.Set("changed.example");
+  name->Post("");
+  name->name.Set("example.com");
+  name->Post("");
+  EXPECT_EQ(Slurp(names), Sample("names.txt"));
+
+  const std::string list = Copy("list.txt");
+  auto items = ListTable::Get<ListView>(list, false);
+  ASSERT_TRUE(items->Find("postmaster"));
+  items->items = "admin";
+  items->Post("");
+  items->items = "root";
+  items->Post("");
+  EXPECT_EQ(Slurp(list), Sample("list.txt"));
+}
+
+// ------------------------------------------------------------ changing
+
+TEST_F(EngineTest, ChangedFieldReplacesOnlyItsSpanKeepingSpacingAndRemark) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  mails->target = "sales+new.example";
+  mails->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt_change_span.golden"));
+}
+
+TEST_F(EngineTest, ChangedLastLineStaysWithoutLineEnd) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("last@other.org"));
+  mails->target = "last+new.example";
+  mails->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt_change_last.golden"));
+}
+
+TEST_F(EngineTest, FieldWithoutSpanIsWrittenThroughTheTemplate) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  ASSERT_TRUE(domains->Find("empty.org"));
+  domains->target.Set("devnull");
+  domains->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt_template_fallback.golden"));
+}
+
+TEST_F(EngineTest, AppendedListElementRewritesTheListSpan) {
+  const std::string path = Copy("list.txt");
+  auto lists = ListTable::Get<ListView>(path, false);
+  ASSERT_TRUE(lists->Find("prog"));
+  lists->items.Append("y@example.com");
+  lists->Post("");
+  EXPECT_EQ(Slurp(path), Sample("list_append_item.golden"));
+}
+
+TEST_F(EngineTest, PostWithoutChangeWritesNothing) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("bob@other.org"));
+  mails->target.Set("bob+other.org    bob@elsewhere.net");  // the same list
+  mails->Post("");
+  EXPECT_TRUE(Journal::Get().saves().empty());
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+}
+
+TEST_F(EngineTest, DeletedRecordRemovesOnlyItsLine) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_TRUE(mails->Delete("info@example.com"));
+  EXPECT_EQ(Slurp(path), Sample("virt_delete.golden"));
+  EXPECT_FALSE(mails->Find("info@example.com"));
+}
+
+TEST_F(EngineTest, DeletedRecordTakesItsContinuationLines) {
+  const std::string virt = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(virt, false);
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  mails->Delete();
+  EXPECT_EQ(Slurp(virt), Sample("virt_delete_with_continuation.golden"));
+
+  const std::string list = Copy("list.txt");
+  auto lists = ListTable::Get<ListView>(list, false);
+  ASSERT_TRUE(lists->Find("info"));
+  EXPECT_TRUE(lists->_Delete(true));
+  EXPECT_EQ(Slurp(list), Sample("list_delete.golden"));
+}
+
+TEST_F(EngineTest, DeletingMissingKeyLeavesFileUnchanged) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_FALSE(mails->Delete("nobody@example.com"));
+  EXPECT_FALSE(mails->_Delete(false));
+  EXPECT_THROW(mails->Delete(), pnl_err::Error);
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+  EXPECT_TRUE(Journal::Get().saves().empty());
+}
+
+TEST_F(EngineTest, NewRecordIsAppendedAndLastLineGetsItsLineEnd) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  mails->New();
+  EXPECT_TRUE(mails->IsNew());
+  EXPECT_EQ(mails->name.Str(), "");
+  mails->name.Set("new@other.org");
+  mails->target = "new+other.org";
+  mails->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt_append.golden"));
+  EXPECT_FALSE(mails->IsNew());
+  ASSERT_TRUE(mails->Find("new@other.org"));
+  EXPECT_EQ(mails->target.Str(), "new+other.org");
+}
+
+TEST_F(EngineTest, PostAfterOtherViewPlacesTheLineRightAfterItsRecord) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_TRUE(mails->SameFile(*domains));
+  ASSERT_TRUE(domains->Find("example.com"));
+  mails->New();
+  mails->name.Set("x@example.com");
+  mails->target = "x+example.com";
+  mails->Post(*domains);
+  EXPECT_EQ(Slurp(path), Sample("virt_post_after.golden"));
+}
+
+TEST_F(EngineTest, PostAfterRecordWithContinuationGoesAfterTheContinuation) {
+  const std::string path = Copy("virt.txt");
+  auto anchor = VirtTable::Get<MailView>(path, false);
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(anchor->Find("sales@example.com"));
+  mails->New();
+  mails->name.Set("y@example.com");
+  mails->target = "y+example.com";
+  mails->Post(*anchor);
+  EXPECT_EQ(Slurp(path), Sample("virt_post_after_continuation.golden"));
+}
+
+TEST_F(EngineTest, PostAfterUnpositionedCursorAppends) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_FALSE(domains->Find("missing.example"));
+  mails->New();
+  mails->name.Set("new@other.org");
+  mails->target = "new+other.org";
+  mails->Post(*domains);
+  EXPECT_EQ(Slurp(path), Sample("virt_append.golden"));
+}
+
+TEST_F(EngineTest, PostAfterCursorOfAnotherFileIsRefused) {
+  const std::string path = Copy("virt.txt");
+  Spill(Path("other.txt"), "@a.example\tdevnull\n");
+  auto domains = VirtTable::Get<DomainView>(Path("other.txt"), false);
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(domains->Find("a.example"));
+  mails->New();
+  mails->name.Set("x@a.example");
+  EXPECT_THROW(mails->Post(*domains), pnl_err::Error);
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+}
+
+TEST_F(EngineTest, WalkDeleteNextVisitsEveryRecordOnce) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  std::vector<std::string> visited;
+  for (mails->First(); !mails->Eof(); mails->Next()) {
+    visited.push_back(mails->name.Str());
+    if (mails->name.Str() != "bob@other.org") mails->Delete();
+  }
+  EXPECT_EQ(visited, (std::vector<std::string>{"info@example.com", "sales@example.com", "bob@other.org",
+                                               "tab@other.org", "last@other.org"}));
+  mails->First();
+  ASSERT_FALSE(mails->Eof());
+  EXPECT_EQ(mails->name.Str(), "bob@other.org");
+  mails->Next();
+  EXPECT_TRUE(mails->Eof());
+}
+
+TEST_F(EngineTest, FindGivesTheFirstOfTwoEqualKeys) {
+  Spill(Path("dup.txt"), "a@x.example\tfirst\nb@x.example\tother\na@x.example\tsecond\n");
+  auto mails = VirtTable::Get<MailView>(Path("dup.txt"), false);
+  ASSERT_TRUE(mails->Find("a@x.example"));
+  EXPECT_EQ(mails->target.Str(), "first");
+  EXPECT_TRUE(mails->Delete("a@x.example"));
+  EXPECT_EQ(Slurp(Path("dup.txt")), "b@x.example\tother\na@x.example\tsecond\n");
+  ASSERT_TRUE(mails->Find("a@x.example"));
+  EXPECT_EQ(mails->target.Str(), "second");
+}
+
+TEST_F(EngineTest, CreateOfExistingKeyNeverAddsASecondLine) {
+  const std::string path = Copy("names.txt");
+  auto names = NamesTable::Get<NameView>(path, false);
+  names->Create("example.com");
+  EXPECT_FALSE(names->IsNew());
+  names->Post("");
+  EXPECT_EQ(Slurp(path), Sample("names.txt"));
+  names->Create("new.example");
+  EXPECT_TRUE(names->IsNew());
+  names->Post("");
+  EXPECT_EQ(Slurp(path), Sample("names_append.golden"));
+}
+
+TEST_F(EngineTest, CreateOfKeyAddedMeanwhileChangesThatRecord) {
+  const std::string path = Copy("virt.txt");
+  auto first = VirtTable::Get<DomainView>(path, false);
+  auto second = VirtTable::Get<DomainView>(path, false);
+  first->Create("new.example");
+  first->target.Set("devnull");
+  second->Create("new.example");
+  second->target.Set("error:nouser here");
+  second->Post("");
+  first->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt.txt") + "\n@new.example\tdevnull\n");
+}
+
+TEST_F(EngineTest, AssertOfMissingKeyNamesFileAndKey) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  EXPECT_NO_THROW(domains->Assert("other.org"));
+  EXPECT_EQ(domains->target.Str(), "devnull");
+  try {
+    domains->Assert("missing.example");
+    FAIL() << "Assert of a missing key did not throw";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(e.type(), "conf");
+    EXPECT_EQ(std::string(e.what()), path + ": no record with key 'missing.example'");
+  }
+}
+
+TEST_F(EngineTest, ValuesWithLineEndsAreRefusedBeforeAnythingIsWritten) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  EXPECT_THROW(mails->target.Append("x\nevil@example.com\ty"), pnl_err::Error);
+  EXPECT_THROW(mails->target = "x\ry", pnl_err::Error);
+  EXPECT_THROW(mails->target.Set("a\nb"), pnl_err::Error);
+  EXPECT_THROW(mails->name.Set("a\n"), pnl_err::Error);
+  EXPECT_THROW(mails->Create("evil@example.com\nroot@example.com"), pnl_err::Error);
+  EXPECT_EQ(mails->target.Str(), "info+example.com");
+  mails->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+}
+
+TEST_F(EngineTest, ValueThatWouldNotReadBackIsRefused) {
+  const std::string path = Copy("virt.txt");
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  ASSERT_TRUE(domains->Find("other.org"));
+  domains->target.Set("devnull # not a remark");
+  try {
+    domains->Post("");
+    FAIL() << "a value with a comment start was written";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              path + ": record 'other.org': field target 'devnull # not a remark' would read back as 'devnull'");
+  }
+  auto mails = VirtTable::Get<MailView>(path, false);
+  mails->New();
+  mails->name.Set("two words@x.example");
+  EXPECT_THROW(mails->Post(""), pnl_err::Error);
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+  EXPECT_TRUE(Journal::Get().saves().empty());
+}
+
+TEST_F(EngineTest, ParseThatRefusesOrThrowsAfterCachingStoresNothing) {
+  Spill(Path("f.txt"), "keep one\nrefuse two\nthrow three\n");
+  auto fickle = FickleTable::Get<FickleView>(Path("f.txt"), false);
+  std::vector<std::string> keys;
+  for (fickle->First(); !fickle->Eof(); fickle->Next()) keys.push_back(fickle->key.Str());
+  EXPECT_EQ(keys, (std::vector<std::string>{"keep"}));
+  EXPECT_FALSE(fickle->Find("refuse"));
+  EXPECT_FALSE(fickle->Find("throw"));
+  auto rest = FickleTable::Get<CatchAllView>(Path("f.txt"), false);
+  keys.clear();
+  for (rest->First(); !rest->Eof(); rest->Next()) keys.push_back(rest->word.Str());
+  EXPECT_EQ(keys, (std::vector<std::string>{"refuse", "throw"}));
+}
+
+TEST_F(EngineTest, PostWithoutRecordIsRefused) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_THROW(mails->Post(""), pnl_err::Error);
+  EXPECT_FALSE(mails->Find("nobody@example.com"));
+  EXPECT_THROW(mails->Post(""), pnl_err::Error);
+  EXPECT_THROW(mails->Next(), pnl_err::Error);
+}
+
+// ------------------------------------------------------------ files
+
+TEST_F(EngineTest, MissingFileWithoutCreateIsAnErrorNamingIt) {
+  try {
+    VirtTable::Get<DomainView>(Path("absent"), false);
+    FAIL() << "no error for a missing file";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(std::string(e.what()), Path("absent") + ": no such file");
+  }
+  EXPECT_FALSE(std::filesystem::exists(Path("absent")));
+}
+
+TEST_F(EngineTest, MissingFileWithCreateIsMadeEmptyWithReasonOne) {
+  auto domains = VirtTable::Get<DomainView>(Path("fresh"), true);
+  ASSERT_TRUE(std::filesystem::exists(Path("fresh")));
+  EXPECT_EQ(Slurp(Path("fresh")), "");
+  struct stat st;
+  ASSERT_EQ(::stat(Path("fresh").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 1u);
+  EXPECT_EQ(saves[0].reason, ConfCache::kSaveCreated);
+  EXPECT_EQ(saves[0].file, Path("fresh"));
+  domains->First();
+  EXPECT_TRUE(domains->Eof());
+}
+
+TEST_F(EngineTest, UnreadableFileIsAnErrorNamingIt) {
+  struct Refusing : pnl_file::Ops {
+    int Open(const std::string& path, int flags, unsigned mode, int& fd) override {
+      if (path.find("locked") != std::string::npos) return EACCES;
+      return pnl_file::Ops::Open(path, flags, mode, fd);
+    }
+  };
+  Spill(Path("locked"), "@a.example\tdevnull\n");
+  pnl_file::ScopedOps ops(std::make_shared<Refusing>());
+  try {
+    VirtTable::Get<DomainView>(Path("locked"), true);
+    FAIL() << "no error for an unreadable file";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(e.type(), "file");
+    EXPECT_EQ(std::string(e.what()), Path("locked") + ": cannot open for reading: Permission denied");
+  }
+}
+
+TEST_F(EngineTest, SaveKeepsModeOfTheOriginal) {
+  const std::string path = Copy("virt.txt");
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Delete("info@example.com"));
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
+TEST_F(EngineTest, AllCursorsOfAPathShareOneCachedCopy) {
+  const std::string path = Copy("virt.txt");
+  auto a = VirtTable::Get<MailView>(path, false);
+  auto b = VirtTable::Get<MailView>(dir_ + "/./virt.txt", false);
+  auto c = VirtTable::Get<DomainView>(path, false);
+  EXPECT_TRUE(a->SameFile(*b));
+  EXPECT_TRUE(a->SameFile(*c));
+  EXPECT_EQ(b->FileName(), path);
+}
+
+// ------------------------------------------------------------ after save
+
+TEST_F(EngineTest, EachWriteRunsAfterSaveWithReasonZeroAndTheNote) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "info+new.example";
+  mails->Post("moved to the new domain");
+  mails->Delete();
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 2u);
+  EXPECT_EQ(saves[0].table, "virt");
+  EXPECT_EQ(saves[0].file, path);
+  EXPECT_EQ(saves[0].reason, ConfCache::kSavePosted);
+  EXPECT_EQ(saves[0].notes, (std::vector<std::string>{"moved to the new domain"}));
+  EXPECT_EQ(saves[1].reason, ConfCache::kSavePosted);
+  EXPECT_TRUE(saves[1].notes.empty());
+  EXPECT_EQ(Slurp(path).find("moved to"), std::string::npos);
+}
+
+TEST_F(EngineTest, AfterSaveErrorReachesPostAndTheFileIsSaved) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  mails->target = "sales+new.example";
+  Journal::Get().ThrowOnSave(true);
+  try {
+    mails->Post("");
+    FAIL() << "the after-save error did not reach Post";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(std::string(e.what()), "after-save: map rebuild failed for " + path);
+  }
+  EXPECT_EQ(Slurp(path), Sample("virt_change_span.golden"));
+  // The copy matches the disk: the next post builds on it.
+  Journal::Get().ThrowOnSave(false);
+  mails->Delete();
+  EXPECT_EQ(Slurp(path).find("sales@"), std::string::npos);
+}
+
+// ------------------------------------------------------------ other writers
+
+TEST_F(EngineTest, HandEditBetweenTwoPostsSurvives) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "info+one.example";
+  mails->Post("");
+  // Someone edits the file by hand.
+  std::string edited = Slurp(path);
+  edited.insert(0, "hand@example.com\thand+example.com\n");
+  Spill(path, edited);
+  ASSERT_TRUE(mails->Find("bob@other.org"));
+  mails->target = "bob+two.example";
+  mails->Post("");
+  const std::string now = Slurp(path);
+  EXPECT_EQ(now.find("hand@example.com\thand+example.com\n"), 0u);
+  EXPECT_NE(now.find("info@example.com\tinfo+one.example\n"), std::string::npos);
+  EXPECT_NE(now.find("bob@other.org\tbob+two.example\n"), std::string::npos);
+}
+
+TEST_F(EngineTest, HandEditOfTheSameRecordKeepsTheFieldsThePostDidNotChange) {
+  Spill(Path("l.txt"), "a:\tone\n");
+  auto lists = ListTable::Get<ListView>(Path("l.txt"), false);
+  ASSERT_TRUE(lists->Find("a"));
+  lists->name.Set("b");  // rename only
+  Spill(Path("l.txt"), "# added by hand\na:\tone, two\n");
+  lists->Post("");
+  EXPECT_EQ(Slurp(Path("l.txt")), "# added by hand\nb:\tone, two\n");
+}
+
+TEST_F(EngineTest, RecordRemovedOnDiskMakesThePostFailClearly) {
+  Spill(Path("v.txt"), "a@x.example\tone\nb@x.example\ttwo\n");
+  auto mails = VirtTable::Get<MailView>(Path("v.txt"), false);
+  ASSERT_TRUE(mails->Find("a@x.example"));
+  mails->target = "changed";
+  Spill(Path("v.txt"), "b@x.example\ttwo\n");
+  try {
+    mails->Post("");
+    FAIL() << "a record removed on disk was written back";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(std::string(e.what()), Path("v.txt") +
+                                         ": record 'a@x.example' was changed or removed on disk by someone "
+                                         "else since it was read; read it again");
+  }
+  EXPECT_EQ(Slurp(Path("v.txt")), "b@x.example\ttwo\n");
+}
+
+TEST_F(EngineTest, WalkContinuesAfterTheFileWasReadAgain) {
+  Spill(Path("v.txt"), "a@x.example\tone\nb@x.example\ttwo\nc@x.example\tthree\n");
+  auto walk = VirtTable::Get<MailView>(Path("v.txt"), false);
+  auto other = VirtTable::Get<MailView>(Path("v.txt"), false);
+  walk->First();
+  ASSERT_EQ(walk->name.Str(), "a@x.example");
+  Spill(Path("v.txt"), "# new first line\na@x.example\tone\nb@x.example\ttwo\nc@x.example\tthree\n");
+  ASSERT_TRUE(other->Find("c@x.example"));  // reads the file again
+  walk->Next();
+  EXPECT_EQ(walk->name.Str(), "b@x.example");
+  walk->Delete();
+  walk->Next();
+  EXPECT_EQ(walk->name.Str(), "c@x.example");
+  EXPECT_EQ(Slurp(Path("v.txt")), "# new first line\na@x.example\tone\nc@x.example\tthree\n");
+}
+
+// ------------------------------------------------------------ deferred
+
+TEST_F(EngineTest, DeferredPostsAreSavedOnceWithReasonTwo) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  engine->BeginDeferred();
+  EXPECT_THROW(engine->BeginDeferred(), pnl_err::Error);
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  mails->target = "sales+new.example";
+  mails->Post("first");
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->Delete();
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+  EXPECT_TRUE(Journal::Get().saves().empty());
+  engine->FlushDeferred();
+  EXPECT_FALSE(engine->Deferred());
+  std::string expected = Sample("virt_change_span.golden");
+  expected.erase(expected.find("info@example.com\tinfo+example.com\n"), 34);
+  EXPECT_EQ(Slurp(path), expected);
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 1u);
+  EXPECT_EQ(saves[0].reason, ConfCache::kSaveDeferred);
+  EXPECT_EQ(saves[0].notes, (std::vector<std::string>{"first"}));
+}
+
+TEST_F(EngineTest, DeferredFlushRefusesToOverwriteAHandEdit) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  engine->BeginDeferred();
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->Delete();
+  Spill(path, "hand@example.com\thand\n");
+  EXPECT_THROW(engine->FlushDeferred(), pnl_err::Error);
+  EXPECT_EQ(Slurp(path), "hand@example.com\thand\n");
+  EXPECT_THROW(mails->Find("hand@example.com"), pnl_err::Error);  // still dirty: not read again
+  engine->DiscardDeferred();
+  ASSERT_TRUE(mails->Find("hand@example.com"));
+  EXPECT_FALSE(mails->Find("info@example.com"));
+  EXPECT_TRUE(Journal::Get().saves().empty());
+}
+
+TEST_F(EngineTest, DiscardedDeferredChangesAreForgotten) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  engine->BeginDeferred();
+  mails->New();
+  mails->name.Set("temp@example.com");
+  mails->Post("");
+  ASSERT_TRUE(mails->Find("temp@example.com"));
+  engine->DiscardDeferred();
+  EXPECT_FALSE(mails->Find("temp@example.com"));
+  engine->FlushDeferred();
+  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+}
+
+// ------------------------------------------------------------ faults
+
+namespace {
+
+// A file system that fails one step of saves into a given folder.
+class FailingOps : public pnl_file::Ops {
+ public:
+  enum Step { kWrite, kRename, kFsync };
+  FailingOps(Step step, int err) : step_(step), err_(err) {}
+  int Write(int fd, const char* data, std::size_t size, std::size_t& written) override {
+    if (step_ == kWrite) {
+      // Half the data goes out, then the disk is full.
+      if (size > 1 && !half_) {
+        half_ = true;
+        return pnl_file::Ops::Write(fd, data, size / 2, written);
+      }
+      return err_;
+    }
+    return pnl_file::Ops::Write(fd, data, size, written);
+  }
+  int Rename(const std::string& from, const std::string& to) override {
+    return step_ == kRename ? err_ : pnl_file::Ops::Rename(from, to);
+  }
+  int Fsync(int fd) override { return step_ == kFsync ? err_ : pnl_file::Ops::Fsync(fd); }
+
+ private:
+  Step step_;
+  int err_;
+  bool half_ = false;
+};
+
+}  // namespace
+
+TEST_F(EngineTest, FailedSavesLeaveTheOriginalAndNoTemporaryFile) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  const struct {
+    FailingOps::Step step;
+    int err;
+    const char* message;
+  } cases[] = {
+      {FailingOps::kWrite, ENOSPC, "No space left on device"},
+      {FailingOps::kRename, EXDEV, "Invalid cross-device link"},
+      {FailingOps::kFsync, EIO, "Input/output error"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(mails->Find("sales@example.com"));
+    mails->target = "sales+new.example";
+    {
+      pnl_file::ScopedOps ops(std::make_shared<FailingOps>(c.step, c.err));
+      try {
+        mails->Post("");
+        ADD_FAILURE() << "the save did not fail: " << c.message;
+      } catch (const pnl_err::Error& e) {
+        EXPECT_EQ(e.type(), "file");
+        EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+        EXPECT_EQ(std::string(e.what()).rfind(path + ": ", 0), 0u) << e.what();
+      }
+    }
+    EXPECT_EQ(Slurp(path), Sample("virt.txt")) << c.message;
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"virt.txt"})) << c.message;
+    EXPECT_TRUE(Journal::Get().saves().empty());
+  }
+  // The cached copy was left as the disk is: the next save writes only
+  // what it should.
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  EXPECT_EQ(mails->target.Str(), "sales+example.com");
+  mails->target = "sales+new.example";
+  mails->Post("");
+  EXPECT_EQ(Slurp(path), Sample("virt_change_span.golden"));
+}
+
+// ------------------------------------------------------------ cursors
+
+TEST_F(EngineTest, DroppedCursorRefusesNavigation) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  EXPECT_EQ(mails->Base(), mails.get());
+  mails->First();
+  mails->Drop();
+  EXPECT_FALSE(mails->IsOpen());
+  EXPECT_EQ(mails->FileName(), "");
+  EXPECT_THROW(mails->First(), pnl_err::Error);
+  EXPECT_THROW(mails->Post(""), pnl_err::Error);
+}
+
+TEST_F(EngineTest, UnknownViewOrTableIsRefused) {
+  const std::string path = Copy("virt.txt");
+  pnl_file::safe::Folder folder;
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  VirtTable::Get<MailView>(path, false);
+  ConfRef ref = engine->Config(VirtTable::Table().Name(), folder, path, false);
+  EXPECT_EQ(ref.FileName(), path);
+  EXPECT_THROW(ref._Get(typeid(NameView).name()), pnl_err::Error);
+  EXPECT_THROW(engine->Config("no-such-table", folder, path, false), pnl_err::Error);
+  NamesTable::Table();
+  EXPECT_THROW(engine->Config(NamesTable::Table().Name(), folder, path, false), pnl_err::Error);
+}

@@ -1,0 +1,222 @@
+// The file-system seam: whole-file reads, identities, atomic replacement
+// and what a failing file system leaves behind.
+#include "zelapi/file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "zelapi/err.h"
+
+namespace {
+
+class FileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    dir_ = std::string(ZEL_TEST_SCRATCH) + "/file/" + info->name();
+    std::filesystem::remove_all(dir_);
+    std::filesystem::create_directories(dir_);
+  }
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+  void Write(const std::string& name, const std::string& text) const {
+    std::ofstream(Path(name), std::ios::binary) << text;
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream in(Path(name), std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+  }
+  std::vector<std::string> Entries() const {
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(dir_)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::string dir_;
+};
+
+// Counts the calls that matter and fails the one it is told to.
+class ScriptedOps : public pnl_file::Ops {
+ public:
+  std::string fail;  // "write", "fchmod", "fchown", "fsync", "close", "rename", "mktemp", "folder-sync"
+  int err = EIO;
+  int fsyncs = 0;
+  int renames = 0;
+  int chowns = 0;
+  int MakeTemp(std::string& path, int& fd) override {
+    return fail == "mktemp" ? err : pnl_file::Ops::MakeTemp(path, fd);
+  }
+  int Write(int fd, const char* data, std::size_t size, std::size_t& written) override {
+    if (fail == "write") return err;
+    // Short writes: the caller must loop.
+    return pnl_file::Ops::Write(fd, data, size > 3 ? 3 : size, written);
+  }
+  int Fchmod(int fd, unsigned mode) override { return fail == "fchmod" ? err : pnl_file::Ops::Fchmod(fd, mode); }
+  int Fchown(int fd, unsigned uid, unsigned gid) override {
+    ++chowns;
+    return fail == "fchown" ? err : pnl_file::Ops::Fchown(fd, uid, gid);
+  }
+  int Fsync(int fd) override {
+    ++fsyncs;
+    if (fail == "fsync" && fsyncs == 1) return err;
+    if (fail == "folder-sync" && fsyncs == 2) return err;
+    return pnl_file::Ops::Fsync(fd);
+  }
+  int Close(int fd) override {
+    const int r = pnl_file::Ops::Close(fd);
+    return fail == "close" ? err : r;
+  }
+  int Rename(const std::string& from, const std::string& to) override {
+    ++renames;
+    return fail == "rename" ? err : pnl_file::Ops::Rename(from, to);
+  }
+};
+
+}  // namespace
+
+TEST_F(FileTest, ReadFileGivesTheBytesAndTheirIdentity) {
+  Write("a", std::string("x\0y\n", 4));
+  std::string data;
+  pnl_file::FileId id;
+  ASSERT_TRUE(pnl_file::ReadFile(Path("a"), data, id));
+  EXPECT_EQ(data, std::string("x\0y\n", 4));
+  EXPECT_TRUE(id.exists);
+  EXPECT_EQ(id.size, 4u);
+  EXPECT_TRUE(id.SameContent(pnl_file::StatFile(Path("a"))));
+  EXPECT_FALSE(pnl_file::ReadFile(Path("missing"), data, id));
+  EXPECT_FALSE(pnl_file::StatFile(Path("missing")).exists);
+  EXPECT_TRUE(pnl_file::FileId().SameContent(pnl_file::StatFile(Path("missing"))));
+}
+
+TEST_F(FileTest, IdentityChangesWithSizeInodeOrTime) {
+  Write("a", "one\n");
+  const pnl_file::FileId first = pnl_file::StatFile(Path("a"));
+  Write("a", "three\n");
+  EXPECT_FALSE(first.SameContent(pnl_file::StatFile(Path("a"))));
+  const pnl_file::FileId second = pnl_file::StatFile(Path("a"));
+  struct timespec times[2] = {{0, UTIME_OMIT}, {12345, 678}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, Path("a").c_str(), times, 0), 0);
+  EXPECT_FALSE(second.SameContent(pnl_file::StatFile(Path("a"))));
+  EXPECT_FALSE(second.SameContent(pnl_file::FileId()));
+}
+
+TEST_F(FileTest, FolderHelpers) {
+  EXPECT_EQ(pnl_file::FolderOf("/etc/mail/aliases"), "/etc/mail");
+  EXPECT_EQ(pnl_file::FolderOf("/aliases"), "/");
+  EXPECT_EQ(pnl_file::FolderOf("aliases"), ".");
+  EXPECT_EQ(pnl_file::BaseName("/etc/mail/aliases"), "aliases");
+  pnl_file::safe::Folder folder;
+  EXPECT_FALSE(folder.IsOpen());
+  EXPECT_THROW(folder.Open(Path("no-such-folder")), pnl_err::Error);
+  folder.Open(dir_);
+  EXPECT_TRUE(folder.IsOpen());
+  EXPECT_EQ(folder.Path(), dir_);
+  EXPECT_NO_THROW(folder.Sync());
+  pnl_file::safe::Folder moved(std::move(folder));
+  EXPECT_TRUE(moved.IsOpen());
+  EXPECT_FALSE(folder.IsOpen());
+}
+
+TEST_F(FileTest, WriteFileReplacesAtomicallyKeepingMode) {
+  Write("a", "old\n");
+  ASSERT_EQ(::chmod(Path("a").c_str(), 0600), 0);
+  const pnl_file::FileId original = pnl_file::StatFile(Path("a"));
+  auto ops = std::make_shared<ScriptedOps>();
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, Path("a"), "new content\n", &original);
+  EXPECT_EQ(Read("a"), "new content\n");
+  EXPECT_TRUE(id.SameContent(pnl_file::StatFile(Path("a"))));
+  EXPECT_NE(id.ino, original.ino);
+  struct stat st;
+  ASSERT_EQ(::stat(Path("a").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(ops->fsyncs, 2);  // the file, then its folder
+  EXPECT_EQ(ops->renames, 1);
+  EXPECT_EQ(ops->chowns, 0);  // same owner: nothing to change
+  EXPECT_TRUE(folder.IsOpen());
+  EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
+}
+
+TEST_F(FileTest, WriteFileGivesTheOriginalsOwner) {
+  Write("a", "old\n");
+  pnl_file::FileId original = pnl_file::StatFile(Path("a"));
+  original.gid += 1;  // as if the file belonged to another group
+  auto ops = std::make_shared<ScriptedOps>();
+  ops->fail = "fchown";
+  ops->err = EPERM;
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  EXPECT_THROW(pnl_file::safe::WriteFile(folder, Path("a"), "new\n", &original), pnl_err::Error);
+  EXPECT_EQ(ops->chowns, 1);
+  EXPECT_EQ(Read("a"), "old\n");
+  EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
+}
+
+TEST_F(FileTest, NewFileGetsMode0644WhateverTheUmask) {
+  const mode_t old = ::umask(077);
+  pnl_file::safe::Folder folder;
+  pnl_file::safe::WriteFile(folder, Path("b"), "", nullptr);
+  ::umask(old);
+  struct stat st;
+  ASSERT_EQ(::stat(Path("b").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+  EXPECT_EQ(Read("b"), "");
+}
+
+TEST_F(FileTest, EveryFailedStepLeavesTheOriginalAndNoTemporaryFile) {
+  for (const char* step : {"mktemp", "write", "fchmod", "fsync", "close", "rename"}) {
+    Write("a", "old\n");
+    const pnl_file::FileId original = pnl_file::StatFile(Path("a"));
+    auto ops = std::make_shared<ScriptedOps>();
+    ops->fail = step;
+    ops->err = ENOSPC;
+    pnl_file::ScopedOps scoped(ops);
+    pnl_file::safe::Folder folder;
+    try {
+      pnl_file::safe::WriteFile(folder, Path("a"), "new content\n", &original);
+      ADD_FAILURE() << step << " did not fail the save";
+    } catch (const pnl_err::Error& e) {
+      EXPECT_EQ(e.type(), "file") << step;
+      EXPECT_EQ(e.object(), Path("a")) << step;
+      EXPECT_NE(std::string(e.what()).find("No space left on device"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(Read("a"), "old\n") << step;
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"a"})) << step;
+  }
+}
+
+TEST_F(FileTest, FailedFolderSyncSaysTheContentIsInPlace) {
+  Write("a", "old\n");
+  auto ops = std::make_shared<ScriptedOps>();
+  ops->fail = "folder-sync";
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  try {
+    pnl_file::safe::WriteFile(folder, Path("a"), "new\n", nullptr);
+    FAIL() << "no error";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(std::string(e.what()), Path("a") + ": saved, but cannot flush folder: Input/output error");
+  }
+  EXPECT_EQ(Read("a"), "new\n");
+}
+
+TEST_F(FileTest, ScopedOpsPutsThePreviousOpsBack) {
+  auto before = pnl_file::CurrentOps();
+  {
+    auto mine = std::make_shared<ScriptedOps>();
+    pnl_file::ScopedOps scoped(mine);
+    EXPECT_EQ(pnl_file::CurrentOps(), mine);
+  }
+  EXPECT_EQ(pnl_file::CurrentOps(), before);
+}
