@@ -9,6 +9,7 @@
 #include <string>
 
 #include "counting_runner.h"
+#include "email/fail.h"
 #include "email/records.h"
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
