@@ -11,7 +11,11 @@ namespace zel_conf {
 
 namespace {
 
-bool HasLineEnd(const std::string& text) { return text.find_first_of("\r\n") != std::string::npos; }
+bool HasLineEnd(const std::string& text) {
+  for (char c : text)
+    if (c == '\n' || c == '\r') return true;
+  return false;
+}
 
 std::string Shown(std::string text) {
   if (!text.empty() && text.back() == '\n') text.pop_back();
@@ -95,9 +99,10 @@ void CachedFile::Install(std::string data, const pnl_file::FileId& id,
     const int view = Claim(cf, parsers);
     if (view >= 0 && cf.stored()) {
       TakeParsed(cf, cf.line_offset(), view, parsed);
-      fresh.AddRecord(line, parsed);
+      fresh.AddRecord(line, parsed, false);
     }
   }
+  fresh.IndexAll();
   if (loaded_) Relocate(fresh, *def);
   store_ = std::move(fresh);
   parsers_ = std::move(parsers);

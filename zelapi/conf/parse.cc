@@ -8,8 +8,11 @@
 
 namespace {
 
+// A plain loop: find_first_of would search the set once per character.
 bool HasLineEnd(std::string_view text) {
-  return text.find_first_of("\r\n") != std::string_view::npos;
+  for (char c : text)
+    if (c == '\n' || c == '\r') return true;
+  return false;
 }
 
 [[noreturn]] void Refuse(const std::string& why) { throw pnl_err::Error("conf", "parse", why); }

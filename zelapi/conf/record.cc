@@ -9,7 +9,9 @@ namespace dd {
 namespace {
 
 bool HasLineEnd(std::string_view value) {
-  return value.find_first_of("\r\n") != std::string_view::npos;
+  for (char c : value)
+    if (c == '\n' || c == '\r') return true;
+  return false;
 }
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }

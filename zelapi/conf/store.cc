@@ -43,7 +43,6 @@ void TakeParsed(const Cf& cf, std::size_t line_start, int view, ParsedRecord& ou
 
 void KeyIndex::Clear() {
   slots_.clear();
-  hashes_.clear();
   used_ = live_ = 0;
 }
 
@@ -54,18 +53,15 @@ void KeyIndex::Reserve(std::size_t records) {
 }
 
 void KeyIndex::Grow(std::size_t capacity) {
-  std::vector<std::int32_t> old_slots(capacity, kEmpty);
-  std::vector<std::uint32_t> old_hashes(capacity, 0);
-  old_slots.swap(slots_);
-  old_hashes.swap(hashes_);
+  std::vector<Entry> old(capacity, Entry{0, kEmpty});
+  old.swap(slots_);
   used_ = live_ = 0;
   const std::size_t mask = capacity - 1;
-  for (std::size_t k = 0; k < old_slots.size(); ++k) {
-    if (old_slots[k] < 0) continue;
-    std::size_t i = old_hashes[k] & mask;
-    while (slots_[i] != kEmpty) i = (i + 1) & mask;
-    slots_[i] = old_slots[k];
-    hashes_[i] = old_hashes[k];
+  for (const Entry& e : old) {
+    if (e.record < 0) continue;
+    std::size_t i = e.hash & mask;
+    while (slots_[i].record != kEmpty) i = (i + 1) & mask;
+    slots_[i] = e;
     ++used_;
     ++live_;
   }
@@ -80,10 +76,9 @@ void KeyIndex::Insert(std::uint32_t hash, std::int32_t record) {
   }
   const std::size_t mask = slots_.size() - 1;
   std::size_t i = hash & mask;
-  while (slots_[i] >= 0) i = (i + 1) & mask;
-  if (slots_[i] == kEmpty) ++used_;
-  slots_[i] = record;
-  hashes_[i] = hash;
+  while (slots_[i].record >= 0) i = (i + 1) & mask;
+  if (slots_[i].record == kEmpty) ++used_;
+  slots_[i] = Entry{hash, record};
   ++live_;
 }
 
@@ -91,9 +86,9 @@ void KeyIndex::Erase(std::uint32_t hash, std::int32_t record) {
   if (slots_.empty()) return;
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-    if (slots_[i] == kEmpty) return;
-    if (slots_[i] == record) {
-      slots_[i] = kGone;
+    if (slots_[i].record == kEmpty) return;
+    if (slots_[i].record == record) {
+      slots_[i].record = kGone;
       --live_;
       return;
     }
@@ -125,7 +120,6 @@ void Store::ReserveLines(std::size_t lines) {
   std::size_t most = 0;
   for (std::size_t n : view_fields_) most = std::max(most, n);
   slots_.reserve(lines * most);
-  for (KeyIndex& index : index_) index.Reserve(lines);
 }
 
 std::int32_t Store::AppendLine(std::size_t off, std::size_t size) {
@@ -157,7 +151,7 @@ void Store::StoreFields(std::uint32_t slot, const ParsedRecord& parsed) {
   }
 }
 
-void Store::AddRecord(std::int32_t line_id, const ParsedRecord& parsed) {
+void Store::AddRecord(std::int32_t line_id, const ParsedRecord& parsed, bool index) {
   const std::size_t n = view_fields_[static_cast<std::size_t>(parsed.view)];
   RecordInfo r;
   r.line = line_id;
@@ -171,7 +165,21 @@ void Store::AddRecord(std::int32_t line_id, const ParsedRecord& parsed) {
   lines_[static_cast<std::size_t>(line_id)].record = id;
   RecordInfo& stored = records_.back();
   stored.hash = Hash(n > 0 ? Key(id) : std::string_view());
-  index_[stored.view].Insert(stored.hash, id);
+  if (index) index_[stored.view].Insert(stored.hash, id);
+}
+
+void Store::IndexAll() {
+  std::vector<std::size_t> counts(index_.size(), 0);
+  for (const RecordInfo& r : records_)
+    if (r.alive) ++counts[r.view];
+  for (std::size_t v = 0; v < index_.size(); ++v) {
+    index_[v].Clear();
+    index_[v].Reserve(counts[v]);
+  }
+  for (std::size_t id = 0; id < records_.size(); ++id) {
+    const RecordInfo& r = records_[id];
+    if (r.alive) index_[r.view].Insert(r.hash, static_cast<std::int32_t>(id));
+  }
 }
 
 std::string_view Store::LineText(std::int32_t id) const {

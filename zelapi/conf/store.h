@@ -60,9 +60,9 @@ class KeyIndex {
     if (slots_.empty()) return;
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-      const std::int32_t r = slots_[i];
-      if (r == kEmpty) return;
-      if (r != kGone && hashes_[i] == hash) fn(r);
+      const Entry& e = slots_[i];
+      if (e.record == kEmpty) return;
+      if (e.record != kGone && e.hash == hash) fn(e.record);
     }
   }
 
@@ -71,8 +71,12 @@ class KeyIndex {
   static constexpr std::int32_t kGone = -2;
   void Grow(std::size_t capacity);
 
-  std::vector<std::int32_t> slots_;
-  std::vector<std::uint32_t> hashes_;
+  // Hash and record side by side: a probe touches one cache line.
+  struct Entry {
+    std::uint32_t hash;
+    std::int32_t record;
+  };
+  std::vector<Entry> slots_;
   std::size_t used_ = 0;  // live entries and tombstones
   std::size_t live_ = 0;
 };
@@ -104,7 +108,10 @@ class Store {
   // --- loading (in file order) ---
   void ReserveLines(std::size_t lines);
   std::int32_t AppendLine(std::size_t off, std::size_t size);  // into base()
-  void AddRecord(std::int32_t line, const ParsedRecord& parsed);
+  // index = false leaves the record out of the key index until IndexAll.
+  void AddRecord(std::int32_t line, const ParsedRecord& parsed, bool index = true);
+  // Builds the key indexes of all records at once (after loading).
+  void IndexAll();
 
   // --- reading ---
   std::int32_t head() const { return head_; }
