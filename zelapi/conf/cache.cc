@@ -191,6 +191,20 @@ std::size_t ConfCache::CachedFiles() const {
   return impl_->files.size();
 }
 
+std::size_t ConfCache::CachedBytes() const {
+  std::vector<std::shared_ptr<zel_conf::CachedFile>> files;
+  {
+    std::lock_guard<std::mutex> guard(impl_->mu);
+    for (auto& entry : impl_->files) files.push_back(entry.second);
+  }
+  std::size_t total = 0;
+  for (auto& file : files) {
+    std::lock_guard<std::recursive_mutex> guard(file->mutex());
+    total += file->bytes();
+  }
+  return total;
+}
+
 void PnlConfCache::Register(const std::string& name, std::shared_ptr<pnl_token::Params> rules) {
   if (!rules) throw pnl_err::Error("conf", name, "no token rules given");
   SetRules(name, *rules);

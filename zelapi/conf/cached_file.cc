@@ -459,11 +459,13 @@ void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t af
   std::string why;
   if (!ReadBack(c.view_, edit.text, want, parsed, why))
     Refuse("new record '" + want[0] + "': " + why);
-  std::int32_t record = -1;
-  Commit(edit, note, [&] { record = store_.InsertRecord(edit.line, edit.text, parsed); });
-  c.state_ = ConfDataSet::kOnRecord;
-  c.record_ = record;
-  c.from_create_ = false;
+  Commit(edit, note, [&] {
+    // The cursor moves onto the new record as part of the change, so that a
+    // rebuilt copy carries it along.
+    c.record_ = store_.InsertRecord(edit.line, edit.text, parsed);
+    c.state_ = ConfDataSet::kOnRecord;
+    c.from_create_ = false;
+  });
   c.loaded_ = std::move(want);
 }
 
@@ -473,13 +475,15 @@ void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&
     apply();
     dirty_ = true;
     if (!note.empty()) notes_.push_back(note);
+    if (store_.edited_bytes() > kCompactAt) Compact(store_.Text());
     return;
   }
-  const std::string text = store_.Text(&edit);
+  std::string text = store_.Text(&edit);
   pnl_file::safe::Folder folder;
   const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, text, id_.exists ? &id_ : nullptr);
   apply();
   id_ = id;
+  if (store_.edited_bytes() > kCompactAt) Compact(std::move(text));
   std::vector<std::string> notes = std::move(notes_);
   notes_.clear();
   if (!note.empty()) notes.push_back(note);
@@ -500,6 +504,12 @@ void CachedFile::Flush() {
   notes_.clear();
   dirty_ = false;
   RunHook(ConfCache::kSaveDeferred, notes);
+}
+
+void CachedFile::Compact(std::string text) {
+  // The identity stays that of the disk file: a dirty copy stays dirty.
+  const pnl_file::FileId id = id_;
+  Install(std::move(text), id, def_);
 }
 
 void CachedFile::Discard() noexcept {

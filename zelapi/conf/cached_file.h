@@ -62,6 +62,11 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   bool Delete(ConfDataSet& c, bool must_exist);
 
   const Store& store() const { return store_; }
+  // Memory held by the copy's texts.
+  std::size_t bytes() const { return store_.base().size() + store_.edited_bytes(); }
+
+  // How much edited text a copy collects before it is rebuilt.
+  static constexpr std::size_t kCompactAt = 1 << 20;
 
  private:
   using Parsers = std::vector<std::unique_ptr<HeadDataSet>>;
@@ -90,6 +95,9 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   template <class Apply>
   void Commit(const Store::Edit& edit, const std::string& note, Apply&& apply);
   void RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes);
+  // Edits pile up texts in the copy; past a limit the copy is rebuilt from
+  // text (the file as it is now, saved or not).
+  void Compact(std::string text);
 
   [[noreturn]] void Lost(const ConfDataSet& c) const;
   [[noreturn]] void Refuse(const std::string& why) const;

@@ -104,6 +104,8 @@ class Store {
   // Starts over with the bytes of a file and the field count of each view.
   void Reset(std::string base, const std::vector<std::size_t>& view_fields);
   const std::string& base() const { return base_; }
+  // Bytes of edited line texts collected since the copy was built.
+  std::size_t edited_bytes() const { return edits_.size(); }
 
   // --- loading (in file order) ---
   void ReserveLines(std::size_t lines);

@@ -163,6 +163,14 @@ int Ops::MakeTemp(std::string& path, int& fd) {
   return fd < 0 ? errno : 0;
 }
 
+int Ops::RealPath(const std::string& path, std::string& resolved) {
+  char* real = ::realpath(path.c_str(), nullptr);
+  if (real == nullptr) return errno;
+  resolved = real;
+  ::free(real);
+  return 0;
+}
+
 std::shared_ptr<Ops> CurrentOps() {
   std::lock_guard<std::mutex> guard(OpsMutex());
   return OpsSlot();
@@ -271,10 +279,21 @@ void Folder::Close() noexcept {
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
                  const FileId* original) {
   std::shared_ptr<Ops> ops = CurrentOps();
-  const std::string dir = FolderOf(path);
+  // Through a symbolic link the file it points to is replaced, so the link
+  // stays a link. A file that does not exist yet is made where path says.
+  std::string target = path;
+  {
+    std::string real;
+    const int err = ops->RealPath(path, real);
+    if (err == 0)
+      target = std::move(real);
+    else if (err != ENOENT)
+      Fail(path, "cannot resolve the path", err);
+  }
+  const std::string dir = FolderOf(target);
   if (!folder.IsOpen() || folder.Path() != dir) folder.Open(dir);
 
-  std::string temp_path = (dir == "/" ? "" : dir) + "/." + BaseName(path) + ".XXXXXX";
+  std::string temp_path = (dir == "/" ? "" : dir) + "/." + BaseName(target) + ".XXXXXX";
   int fd = -1;
   int err = ops->MakeTemp(temp_path, fd);
   if (err != 0) Fail(path, "cannot create temporary file in " + dir, err);
@@ -302,8 +321,8 @@ FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
   FileId id;
   if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat temporary file", err);
   if ((err = temp.Close()) != 0) Fail(path, "cannot close temporary file", err);
-  if ((err = ops->Rename(temp.path(), path)) != 0)
-    Fail(path, "cannot rename " + temp.path() + " over it", err);
+  if ((err = ops->Rename(temp.path(), target)) != 0)
+    Fail(path, "cannot rename " + temp.path() + " over " + target, err);
   temp.Commit();
   try {
     folder.Sync();

@@ -738,3 +738,29 @@ TEST_F(EngineTest, UnknownViewOrTableIsRefused) {
   NamesTable::Table();
   EXPECT_THROW(engine->Config(NamesTable::Table().Name(), folder, path, false), pnl_err::Error);
 }
+
+TEST_F(EngineTest, ManyEditsDoNotPileUpInMemory) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  Spill(Path("v.txt"), "# busy\na@x.example\tstart\nb@x.example\tother\n");
+  auto mails = VirtTable::Get<MailView>(Path("v.txt"), false);
+  auto walker = VirtTable::Get<MailView>(Path("v.txt"), false);
+  walker->First();
+  engine->BeginDeferred();
+  ASSERT_TRUE(mails->Find("a@x.example"));
+  const std::size_t before = engine->CachedBytes();
+  // Each post keeps a new line text until the copy is rebuilt: 60000 posts
+  // of about 30 bytes would hold some 1.8 MB.
+  for (int i = 0; i < 60000; ++i) {
+    mails->target = "target-number-" + std::to_string(i);
+    mails->Post("");
+  }
+  EXPECT_LT(engine->CachedBytes() - before, (std::size_t{1} << 20) + 4096);
+  // Cursors kept their places through the rebuilds.
+  EXPECT_EQ(mails->target.Str(), "target-number-59999");
+  mails->target = "last";
+  mails->Post("");
+  walker->Next();
+  EXPECT_EQ(walker->name.Str(), "b@x.example");
+  engine->FlushDeferred();
+  EXPECT_EQ(Slurp(Path("v.txt")), "# busy\na@x.example\tlast\nb@x.example\tother\n");
+}

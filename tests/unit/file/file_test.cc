@@ -220,3 +220,20 @@ TEST_F(FileTest, ScopedOpsPutsThePreviousOpsBack) {
   }
   EXPECT_EQ(pnl_file::CurrentOps(), before);
 }
+
+TEST_F(FileTest, ReplacingThroughASymbolicLinkKeepsTheLink) {
+  std::filesystem::create_directories(Path("real"));
+  Write("real/aliases", "old\n");
+  std::filesystem::create_symlink("real/aliases", Path("aliases"));
+  pnl_file::safe::Folder folder;
+  const pnl_file::FileId original = pnl_file::StatFile(Path("aliases"));
+  pnl_file::safe::WriteFile(folder, Path("aliases"), "new\n", &original);
+  EXPECT_TRUE(std::filesystem::is_symlink(Path("aliases")));
+  EXPECT_EQ(Read("real/aliases"), "new\n");
+  EXPECT_EQ(Read("aliases"), "new\n");
+  EXPECT_EQ(folder.Path(), Path("real"));
+  EXPECT_EQ(Entries(), (std::vector<std::string>{"aliases", "real"}));
+  std::vector<std::string> inside;
+  for (const auto& e : std::filesystem::directory_iterator(Path("real"))) inside.push_back(e.path().filename().string());
+  EXPECT_EQ(inside, (std::vector<std::string>{"aliases"}));
+}

@@ -63,6 +63,8 @@ class Ops {
   // mkstemp(3): path holds a template ending in "XXXXXX" and receives the
   // name that was created (mode 0600).
   virtual int MakeTemp(std::string& path, int& fd);
+  // realpath(3): resolved receives path with every symbolic link resolved.
+  virtual int RealPath(const std::string& path, std::string& resolved);
 };
 
 // The Ops in use (never null).
@@ -131,8 +133,10 @@ class Folder {
 // Replaces the file at path with data, atomically: a temporary file beside
 // it (".<name>.XXXXXX"), write, mode and owner of original (or 0644 and the
 // caller's owner when original is null or does not exist), fsync, rename
-// over path, fsync of the folder. folder is opened on the file's folder if
-// it is not open yet. Returns the identity of the new file. On failure
+// over path, fsync of the folder. When path is a symbolic link, the file it
+// points to is replaced and the link stays (a hard link, by nature of the
+// rename, does not stay shared). folder is (re)opened on the folder of the
+// file replaced. Returns the identity of the new file. On failure
 // throws pnl_err::Error("file") and path is left as it was, with no
 // temporary file left behind (unless only the final folder sync failed:
 // the new content is then in place and the error says so).

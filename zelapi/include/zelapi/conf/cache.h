@@ -133,6 +133,9 @@ class ConfCache {
   int Capacity() const;
   // How many files are cached now (referenced or not).
   std::size_t CachedFiles() const;
+  // Bytes of text the cached copies hold (a copy that collected more than
+  // 1 MiB of edited lines is rebuilt from its current text).
+  std::size_t CachedBytes() const;
 
  protected:
   // Sets the token rules of table name (a copy is kept).
