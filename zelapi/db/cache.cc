@@ -114,9 +114,9 @@ TableInfo& Cache::Impl::Describe(const std::string& table, const std::string& fi
   if (it != tables.end()) return *it->second;
   auto info = std::make_unique<TableInfo>();
   info->name = table;
-  {
-    Statement stmt(*this, "SELECT name, type, dflt_value, pk FROM pragma_table_info(?)", table,
-                   "describe");
+  static const std::string kSql = "SELECT name, type, dflt_value, pk FROM pragma_table_info(?)";
+  Named(table, "describe", [&] {
+    Statement stmt(*this, kSql);
     stmt.Bind({table});
     while (stmt.Step() == SQLITE_ROW) {
       ColumnInfo column;
@@ -131,7 +131,7 @@ TableInfo& Cache::Impl::Describe(const std::string& table, const std::string& fi
       }
       info->columns.push_back(std::move(column));
     }
-  }
+  });
   if (info->columns.empty()) Throw(table, "no such table in " + file);
   return *tables.emplace(table, std::move(info)).first->second;
 }
@@ -241,11 +241,13 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
   sqlite3_extended_result_codes(impl.db, 1);
   sqlite3_busy_timeout(impl.db, kBusyTimeoutMs);
 
-  {
-    Statement wal(impl, "PRAGMA journal_mode = WAL", file, "set the WAL journal");
-    if (wal.Step() != SQLITE_ROW || wal.Column(0).text != "wal")
-      Throw(file, "set the WAL journal: the file stays in journal mode " + wal.Column(0).text);
-  }
+  const std::string mode = Named(file, "set the WAL journal", [&] {
+    static const std::string kSql = "PRAGMA journal_mode = WAL";
+    Statement wal(impl, kSql);
+    wal.Step();
+    return wal.Column(0).text;
+  });
+  if (mode != "wal") Throw(file, "set the WAL journal: the file stays in journal mode " + mode);
   // Foreign keys stay off while the schema migrates (a step may rebuild a
   // table); the result is checked before the migration commits.
   impl.Exec("PRAGMA foreign_keys = OFF", file, "configure");
@@ -266,10 +268,15 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
         impl.Exec(schema[v - 1].sql, file, "schema step " + std::to_string(v));
       if (current < target) {
         impl.Exec("PRAGMA user_version = " + std::to_string(target), file, "migrate");
-        Statement check(impl, "PRAGMA foreign_key_check", file, "migrate");
-        if (check.Step() == SQLITE_ROW)
-          Throw(file, "migrate: rows of table " + check.Column(0).text +
-                          " refer to missing rows of " + check.Column(2).text);
+        std::string broken;
+        Named(file, "migrate", [&] {
+          static const std::string kSql = "PRAGMA foreign_key_check";
+          Statement check(impl, kSql);
+          if (check.Step() == SQLITE_ROW)
+            broken = "rows of table " + check.Column(0).text + " refer to missing rows of " +
+                     check.Column(2).text;
+        });
+        if (!broken.empty()) Throw(file, "migrate: " + broken);
       }
       impl.Exec("COMMIT", file, "migrate");
     } catch (...) {
@@ -278,21 +285,24 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
     }
   }
   impl.Exec("PRAGMA foreign_keys = ON", file, "configure");
-  {
-    Statement triggers(impl, "SELECT count(*) FROM sqlite_master WHERE type = 'trigger'", file,
-                       "configure");
+  impl.has_triggers = Named(file, "configure", [&] {
+    static const std::string kSql = "SELECT count(*) FROM sqlite_master WHERE type = 'trigger'";
+    Statement triggers(impl, kSql);
     triggers.Step();
-    impl.has_triggers = triggers.Column(0).integer != 0;
-  }
+    return triggers.Column(0).integer != 0;
+  });
   return cache;
 }
 
 uint64_t Cache::PrepareCount() const { return impl_->statements.Prepared(); }
 
 int Cache::SchemaVersion() {
-  Statement stmt(*impl_, "PRAGMA user_version", file_, "read the schema version");
-  stmt.Step();
-  return static_cast<int>(stmt.Column(0).integer);
+  return Named(file_, "read the schema version", [&] {
+    static const std::string kSql = "PRAGMA user_version";
+    Statement stmt(*impl_, kSql);
+    stmt.Step();
+    return static_cast<int>(stmt.Column(0).integer);
+  });
 }
 
 // ---------------------------------------------------------------------------

@@ -79,21 +79,19 @@ void Field::SetText(const std::string& text) {
 }
 
 bool Field::Lookup(const std::string& value) {
+  table_->Prepare();
   Value v;
   if (!Parse(value, v) || v.kind == Value::kNull) {
-    table_->Prepare();
     table_->Reset();
     return false;
   }
-  table_->Prepare();
-  CustomTable::Filter filter;
-  filter.where = Ident(column_) + " = ?";
-  if (v.kind == Value::kInt)
-    filter.params.push_back(Param(static_cast<long long>(v.integer)));
-  else
-    filter.params.push_back(Param(std::move(v.text)));
-  return table_->PositionBy(std::move(filter), true,
-                            "lookup " + column_ + " = \"" + value + "\"");
+  try {
+    CustomTable::Prepared& sql = table_->FieldSql(index_);
+    return table_->PositionBy(sql, CustomTable::Filter{sql.where, {std::move(v)}}, true);
+  } catch (const SqlFailure& failure) {
+    Throw(table_->TableName(),
+          "lookup " + column_ + " = \"" + value + "\": " + failure.message);
+  }
 }
 
 // Key --------------------------------------------------------------------

@@ -68,8 +68,9 @@ class StatementCache {
   void Release(const std::string& sql, sqlite3_stmt* stmt) noexcept;
   void Clear() noexcept;
   size_t Size() const { return entries_.size(); }
-  // Statements prepared so far.
+  // Statements prepared so far (here and by cursors, which count theirs in).
   uint64_t Prepared() const { return prepared_; }
+  void CountPrepare() { ++prepared_; }
 
  private:
   struct Entry {
@@ -106,30 +107,61 @@ struct Cache::Impl {
   std::string Message() const { return sqlite3_errmsg(db); }
 };
 
+// An SQL failure inside the layer, before it is named: the caller catches it
+// and throws pnl_err::Error with the table or file and the key or condition.
+// Building those names only on failure keeps the hot paths cheap.
+struct SqlFailure {
+  std::string message;
+};
+
 // A statement taken from the cache for one use; given back on destruction.
+// sql must stay alive as long as the Statement.
 class Statement {
  public:
-  // Throws Error(object, context + ": " + message) when sql does not prepare.
-  Statement(Cache::Impl& impl, const std::string& sql, const std::string& object,
-            const std::string& context);
+  // Throws SqlFailure when sql does not prepare.
+  Statement(Cache::Impl& impl, const std::string& sql);
+  // Uses a statement the caller owns (*stmt, prepared from sql here when
+  // null); it is reset, not given back, at the end.
+  Statement(Cache::Impl& impl, const std::string& sql, sqlite3_stmt** stmt);
   ~Statement();
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
   sqlite3_stmt* get() const { return stmt_; }
+  // Binds params to the placeholders 1..n (copies them).
   void Bind(const std::vector<Param>& params);
-  // sqlite3_step; on an error throws Error(object, context + ": " + message).
+  // Binds one value to placeholder index (1-based) without copying it: v
+  // must stay unchanged until the last Step.
+  void Bind(int index, const Value& v);
+  // sqlite3_step; throws SqlFailure on an error.
   int Step();
   // Reads column col of the current row.
-  Value Column(int col) const;
+  void Read(int col, Value& out) const;
+  Value Column(int col) const {
+    Value v;
+    Read(col, v);
+    return v;
+  }
 
  private:
   Cache::Impl& impl_;
-  std::string sql_;
+  const std::string& sql_;
   sqlite3_stmt* stmt_;
-  std::string object_;
-  std::string context_;
+  bool owned_ = false;
 };
+
+// Prepares sql on db; throws SqlFailure. Refuses text after the first statement.
+sqlite3_stmt* PrepareOne(sqlite3* db, const std::string& sql);
+
+// Runs f, turning a SqlFailure into pnl_err::Error(object, context + ": " + message).
+template <class F>
+auto Named(const std::string& object, const std::string& context, F&& f) -> decltype(f()) {
+  try {
+    return f();
+  } catch (const SqlFailure& failure) {
+    Throw(object, context + ": " + failure.message);
+  }
+}
 
 // Binds params to stmt's placeholders 1..n; returns SQLite's result code.
 int BindParams(sqlite3_stmt* stmt, const std::vector<Param>& params);

@@ -50,6 +50,26 @@ const ColumnInfo* TableInfo::Find(const std::string& column) const {
   return nullptr;
 }
 
+sqlite3_stmt* PrepareOne(sqlite3* db, const std::string& sql) {
+  sqlite3_stmt* stmt = nullptr;
+  const char* tail = nullptr;
+  const int rc = sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()),
+                                    SQLITE_PREPARE_PERSISTENT, &stmt, &tail);
+  if (rc != SQLITE_OK) {
+    SqlFailure failure{sqlite3_errmsg(db)};
+    sqlite3_finalize(stmt);
+    throw failure;
+  }
+  if (stmt == nullptr) throw SqlFailure{"no SQL statement"};
+  for (const char* p = tail; p != nullptr && p < sql.data() + sql.size(); ++p) {
+    if (!std::isspace(static_cast<unsigned char>(*p)) && *p != ';') {
+      sqlite3_finalize(stmt);
+      throw SqlFailure{"more than one SQL statement"};
+    }
+  }
+  return stmt;
+}
+
 sqlite3_stmt* StatementCache::Acquire(sqlite3* db, const std::string& sql, std::string* error) {
   auto it = entries_.find(sql);
   if (it != entries_.end()) {
@@ -60,28 +80,13 @@ sqlite3_stmt* StatementCache::Acquire(sqlite3* db, const std::string& sql, std::
       return stmt;
     }
   }
-  sqlite3_stmt* stmt = nullptr;
-  const char* tail = nullptr;
   ++prepared_;
-  const int rc = sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()),
-                                    SQLITE_PREPARE_PERSISTENT, &stmt, &tail);
-  if (rc != SQLITE_OK) {
-    *error = sqlite3_errmsg(db);
-    sqlite3_finalize(stmt);
+  try {
+    return PrepareOne(db, sql);
+  } catch (const SqlFailure& failure) {
+    *error = failure.message;
     return nullptr;
   }
-  if (stmt == nullptr) {
-    *error = "no SQL statement";
-    return nullptr;
-  }
-  for (const char* p = tail; p != nullptr && p < sql.data() + sql.size(); ++p) {
-    if (!std::isspace(static_cast<unsigned char>(*p)) && *p != ';') {
-      sqlite3_finalize(stmt);
-      *error = "more than one SQL statement";
-      return nullptr;
-    }
-  }
-  return stmt;
 }
 
 void StatementCache::Release(const std::string& sql, sqlite3_stmt* stmt) noexcept {
@@ -136,46 +141,83 @@ int BindParams(sqlite3_stmt* stmt, const std::vector<Param>& params) {
   return SQLITE_OK;
 }
 
-Statement::Statement(Cache::Impl& impl, const std::string& sql, const std::string& object,
-                     const std::string& context)
-    : impl_(impl), sql_(sql), stmt_(nullptr), object_(object), context_(context) {
+Statement::Statement(Cache::Impl& impl, const std::string& sql)
+    : impl_(impl), sql_(sql), stmt_(nullptr) {
   std::string error;
   stmt_ = impl_.statements.Acquire(impl_.db, sql_, &error);
-  if (stmt_ == nullptr) Throw(object_, context_ + ": " + error);
+  if (stmt_ == nullptr) throw SqlFailure{error};
 }
 
-Statement::~Statement() { impl_.statements.Release(sql_, stmt_); }
+Statement::Statement(Cache::Impl& impl, const std::string& sql, sqlite3_stmt** stmt)
+    : impl_(impl), sql_(sql), stmt_(*stmt), owned_(true) {
+  if (stmt_ == nullptr) {
+    impl_.statements.CountPrepare();
+    stmt_ = *stmt = PrepareOne(impl_.db, sql_);
+  }
+}
+
+Statement::~Statement() {
+  if (owned_) {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  } else {
+    impl_.statements.Release(sql_, stmt_);
+  }
+}
 
 void Statement::Bind(const std::vector<Param>& params) {
-  if (BindParams(stmt_, params) != SQLITE_OK) Throw(object_, context_ + ": " + impl_.Message());
+  if (BindParams(stmt_, params) != SQLITE_OK) throw SqlFailure{impl_.Message()};
+}
+
+void Statement::Bind(int index, const Value& v) {
+  int rc = SQLITE_OK;
+  switch (v.kind) {
+    case Value::kNull:
+      rc = sqlite3_bind_null(stmt_, index);
+      break;
+    case Value::kInt:
+      rc = sqlite3_bind_int64(stmt_, index, v.integer);
+      break;
+    case Value::kText:
+      rc = sqlite3_bind_text64(stmt_, index, v.text.data(), v.text.size(), SQLITE_STATIC,
+                               SQLITE_UTF8);
+      break;
+  }
+  if (rc != SQLITE_OK) throw SqlFailure{impl_.Message()};
 }
 
 int Statement::Step() {
   const int rc = sqlite3_step(stmt_);
   if (rc == SQLITE_ROW || rc == SQLITE_DONE) return rc;
-  const std::string message = impl_.Message();
+  SqlFailure failure{impl_.Message()};
   sqlite3_reset(stmt_);
-  Throw(object_, context_ + ": " + message);
+  throw failure;
 }
 
-Value Statement::Column(int col) const {
-  Value v;
+void Statement::Read(int col, Value& out) const {
   switch (sqlite3_column_type(stmt_, col)) {
     case SQLITE_NULL:
+      out.kind = Value::kNull;
+      out.integer = 0;
+      out.text.clear();
       break;
     case SQLITE_INTEGER:
-      v.kind = Value::kInt;
-      v.integer = sqlite3_column_int64(stmt_, col);
+      out.kind = Value::kInt;
+      out.integer = sqlite3_column_int64(stmt_, col);
+      out.text.clear();
       break;
     default: {
-      v.kind = Value::kText;
+      out.kind = Value::kText;
+      out.integer = 0;
       const unsigned char* text = sqlite3_column_text(stmt_, col);
       const int size = sqlite3_column_bytes(stmt_, col);
-      if (text != nullptr) v.text.assign(reinterpret_cast<const char*>(text), size);
+      if (text != nullptr)
+        out.text.assign(reinterpret_cast<const char*>(text), size);
+      else
+        out.text.clear();
       break;
     }
   }
-  return v;
 }
 
 }  // namespace pnl_db

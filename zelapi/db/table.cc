@@ -1,5 +1,9 @@
 // pnl_db::CustomTable: positioning, walking, posting and deleting rows of one
 // table, and the rows a cursor remembers within a request.
+//
+// A cache pass runs a lookup and a post per line of a large file, so the SQL
+// texts are made once per cursor and kept, values are bound straight from
+// the fields, and error texts are only built when something fails.
 #include <cctype>
 #include <utility>
 
@@ -12,6 +16,8 @@ namespace {
 
 // A cursor remembers at most this many lookups; past it, it starts afresh.
 constexpr size_t kMemoLimit = 4096;
+// At most this many condition texts keep their SQL per cursor.
+constexpr size_t kWhereLimit = 256;
 
 bool IsIdentStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_'; }
 bool IsIdentChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
@@ -53,15 +59,11 @@ bool SplitSimpleCondition(const std::string& condition, std::string& column, std
   return ParseInt(literal, number);
 }
 
-std::string MemoKey(const std::string& where, const std::vector<Param>& params) {
-  std::string key = where;
-  for (const Param& p : params) {
-    key += '\x1f';
-    if (p.kind() == Param::kNull) key += 'N';
-    if (p.kind() == Param::kInt) key += 'I' + std::to_string(p.int_value());
-    if (p.kind() == Param::kText) key += 'T' + p.text();
-  }
-  return key;
+Value IntValue(int64_t number) {
+  Value v;
+  v.kind = Value::kInt;
+  v.integer = number;
+  return v;
 }
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
@@ -71,7 +73,17 @@ std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 CustomTable::CustomTable(Cache& cache, std::string table)
     : cache_(&cache), table_(std::move(table)) {}
 
-CustomTable::~CustomTable() = default;
+CustomTable::~CustomTable() { Finalize(); }
+
+void CustomTable::Finalize() noexcept {
+  // After its Cache closed the connection waits for these (sqlite3_close_v2).
+  for (Prepared& p : field_sql_) sqlite3_finalize(p.stmt);
+  for (auto* map : {&fields_sql_, &where_sql_, &next_sql_})
+    for (auto& [key, p] : *map) sqlite3_finalize(p.stmt);
+  for (auto* map : {&insert_sql_, &update_sql_})
+    for (auto& [key, p] : *map) sqlite3_finalize(p.stmt);
+  sqlite3_finalize(delete_sql_.stmt);
+}
 
 Cache& CustomTable::Live() const {
   if (cache_ == nullptr) Throw(table_, "database is closed");
@@ -91,7 +103,9 @@ void CustomTable::Prepare() {
   Cache& cache = Live();
   if (info_ != nullptr) return;
   TableInfo& info = cache.impl().Describe(table_, cache.File());
+  if (fields_.size() > 64) Fail("more than 64 fields");
   key_ = nullptr;
+  columns_.clear();
   std::string columns;
   for (Field* field : fields_) {
     const ColumnInfo* column = info.Find(field->Column());
@@ -107,12 +121,38 @@ void CustomTable::Prepare() {
         Fail("key column " + Quoted(field->Column()) + " is not the INTEGER PRIMARY KEY");
       key_ = key;
     }
+    columns_.push_back(column);
     if (!columns.empty()) columns += ", ";
     columns += Ident(field->Column());
   }
   if (key_ == nullptr) Fail("the table class declares no key field");
   select_ = "SELECT " + columns + " FROM " + Ident(table_);
+  field_sql_.assign(fields_.size(), Prepared());
   info_ = &info;
+}
+
+CustomTable::Prepared& CustomTable::FieldSql(size_t index) {
+  Prepared& p = field_sql_[index];
+  if (p.sql.empty()) {
+    p.where = Ident(fields_[index]->Column()) + " = ?";
+    p.sql = select_ + " WHERE " + p.where + " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
+  }
+  return p;
+}
+
+CustomTable::Prepared& CustomTable::WhereSql(const std::string& where) {
+  auto it = where_sql_.find(where);
+  if (it != where_sql_.end()) return it->second;
+  if (where_sql_.size() >= kWhereLimit) {
+    for (auto& [key, p] : where_sql_) sqlite3_finalize(p.stmt);
+    where_sql_.clear();
+  }
+  Prepared p;
+  p.where = where;
+  p.sql = select_;
+  if (!where.empty()) p.sql += " WHERE " + where;
+  p.sql += " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
+  return where_sql_.emplace(where, std::move(p)).first->second;
 }
 
 std::string CustomTable::KeyText() const { return key_ != nullptr ? key_->Str() : ""; }
@@ -132,10 +172,9 @@ void CustomTable::Reset() {
 
 void CustomTable::New() {
   Prepare();
-  for (Field* f : fields_) {
-    const ColumnInfo* column = info_->Find(f->Column());
-    f->value_ = column->primary_key ? Value() : column->default_value;
-    f->dirty_ = false;
+  for (size_t i = 0; i < fields_.size(); ++i) {
+    fields_[i]->value_ = columns_[i]->primary_key ? Value() : columns_[i]->default_value;
+    fields_[i]->dirty_ = false;
   }
   state_ = kNew;
   filter_ = Filter();
@@ -143,11 +182,11 @@ void CustomTable::New() {
 
 bool CustomTable::MemoValid() {
   Cache& cache = Live();
-  const uint64_t global = cache.impl().global_epoch;
   if (!cache.InRequest()) {
     memo_.clear();
     return false;
   }
+  const uint64_t global = cache.impl().global_epoch;
   if (memo_table_epoch_ != info_->epoch || memo_global_epoch_ != global) {
     memo_.clear();
     memo_table_epoch_ = info_->epoch;
@@ -156,15 +195,21 @@ bool CustomTable::MemoValid() {
   return true;
 }
 
-bool CustomTable::PositionBy(Filter filter, bool remember, const std::string& what) {
-  Prepare();
-  std::string sql = select_;
-  if (!filter.where.empty()) sql += " WHERE " + filter.where;
-  sql += " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
-
+bool CustomTable::PositionBy(Prepared& sql, Filter&& filter, bool remember) {
   std::string memo_key;
   if (remember && MemoValid()) {
-    memo_key = MemoKey(filter.where, filter.params);
+    memo_key.reserve(filter.where.size() + 24);
+    memo_key = filter.where;
+    for (const Value& p : filter.params) {
+      memo_key += '\x1f';
+      if (p.kind == Value::kInt) {
+        memo_key += 'I';
+        memo_key += std::to_string(p.integer);
+      } else {
+        memo_key += p.kind == Value::kText ? 'T' : 'N';
+        memo_key += p.text;
+      }
+    }
     auto it = memo_.find(memo_key);
     if (it != memo_.end()) {
       filter_ = std::move(filter);
@@ -182,30 +227,31 @@ bool CustomTable::PositionBy(Filter filter, bool remember, const std::string& wh
     }
   }
 
-  const bool found = Fetch(sql, filter.params, what);
+  const bool found = Fetch(sql, filter.params);
   filter_ = std::move(filter);
   if (!memo_key.empty()) {
     if (memo_.size() >= kMemoLimit) memo_.clear();
     Memo memo;
     memo.found = found;
-    if (found)
+    if (found) {
+      memo.row.reserve(fields_.size());
       for (Field* f : fields_) memo.row.push_back(f->value_);
+    }
     memo_.emplace(std::move(memo_key), std::move(memo));
   }
   return found;
 }
 
-bool CustomTable::Fetch(const std::string& sql, const std::vector<Param>& params,
-                        const std::string& what) {
-  Statement stmt(Live().impl(), sql, table_, what);
-  stmt.Bind(params);
+bool CustomTable::Fetch(Prepared& sql, const std::vector<Value>& params) {
+  Statement stmt(Live().impl(), sql.sql, &sql.stmt);
+  for (size_t i = 0; i < params.size(); ++i) stmt.Bind(static_cast<int>(i) + 1, params[i]);
   if (stmt.Step() != SQLITE_ROW) {
     state_ = kEnd;
     ClearFields();
     return false;
   }
   for (size_t i = 0; i < fields_.size(); ++i) {
-    fields_[i]->value_ = stmt.Column(static_cast<int>(i));
+    stmt.Read(static_cast<int>(i), fields_[i]->value_);
     fields_[i]->dirty_ = false;
   }
   state_ = kRow;
@@ -216,18 +262,34 @@ void CustomTable::Assert(const std::string& key) {
   Prepare();
   int64_t number = 0;
   if (!ParseInt(key, number)) Fail("no row with key \"" + key + "\"");
-  if (!PositionBy({Ident(key_->Column()) + " = ?", {number}}, true, "key " + key))
-    Fail("no row with key " + std::to_string(number));
+  const size_t index = key_->index_;
+  bool found = false;
+  try {
+    Prepared& sql = FieldSql(index);
+    found = PositionBy(sql, Filter{sql.where, {IntValue(number)}}, true);
+  } catch (const SqlFailure& failure) {
+    Fail("key " + key + ": " + failure.message);
+  }
+  if (!found) Fail("no row with key " + std::to_string(number));
 }
 
 bool CustomTable::DbFind(const std::string& condition) {
   Prepare();
   std::string column, op;
   int64_t number = 0;
-  if (SplitSimpleCondition(condition, column, op, number) && info_->Find(column) != nullptr)
-    return PositionBy({Ident(column) + " " + op + " ?", {number}}, true,
-                      "condition \"" + condition + "\"");
-  return PositionBy({"(" + condition + ")", {}}, true, "condition \"" + condition + "\"");
+  Filter filter;
+  if (SplitSimpleCondition(condition, column, op, number) && info_->Find(column) != nullptr) {
+    filter.where = Ident(column) + " " + op + " ?";
+    filter.params.push_back(IntValue(number));
+  } else {
+    filter.where = "(" + condition + ")";
+  }
+  try {
+    Prepared& sql = WhereSql(filter.where);
+    return PositionBy(sql, std::move(filter), true);
+  } catch (const SqlFailure& failure) {
+    Fail("condition \"" + condition + "\": " + failure.message);
+  }
 }
 
 void CustomTable::DbDelete(const std::string& condition) {
@@ -241,17 +303,20 @@ void CustomTable::DbDelete(const std::string& condition) {
   int64_t number = 0;
   Cache::Impl& impl = Live().impl();
   ++impl.global_epoch;  // deletes may cascade into other tables
-  if (SplitSimpleCondition(condition, column, op, number) && info_->Find(column) != nullptr) {
-    Statement stmt(impl, "DELETE FROM " + Ident(table_) + " WHERE " + Ident(column) + " " + op +
-                             " ?",
-                   table_, what);
-    stmt.Bind({number});
-    stmt.Step();
-  } else {
-    Statement stmt(impl, "DELETE FROM " + Ident(table_) + " WHERE (" + condition + ")", table_,
-                   what);
-    stmt.Step();
-  }
+  Named(table_, what, [&] {
+    if (SplitSimpleCondition(condition, column, op, number) && info_->Find(column) != nullptr) {
+      const std::string sql =
+          "DELETE FROM " + Ident(table_) + " WHERE " + Ident(column) + " " + op + " ?";
+      Statement stmt(impl, sql);
+      const Value bound = IntValue(number);
+      stmt.Bind(1, bound);
+      stmt.Step();
+    } else {
+      const std::string sql = "DELETE FROM " + Ident(table_) + " WHERE (" + condition + ")";
+      Statement stmt(impl, sql);
+      stmt.Step();
+    }
+  });
   ++impl.global_epoch;
 }
 
@@ -259,13 +324,18 @@ void CustomTable::Delete() {
   Prepare();
   if (state_ == kEnd) Fail("delete: no current row");
   if (state_ == kNew) Fail("delete: the new row is not posted");
-  const std::string key = KeyText();
   Cache::Impl& impl = Live().impl();
   ++impl.global_epoch;
-  Statement stmt(impl, "DELETE FROM " + Ident(table_) + " WHERE " + Ident(key_->Column()) + " = ?",
-                 table_, "key " + key + ": delete");
-  stmt.Bind({key_->Value()});
-  stmt.Step();
+  try {
+    if (delete_sql_.sql.empty())
+      delete_sql_.sql =
+          "DELETE FROM " + Ident(table_) + " WHERE " + Ident(key_->Column()) + " = ?";
+    Statement stmt(impl, delete_sql_.sql, &delete_sql_.stmt);
+    stmt.Bind(1, key_->value_);
+    stmt.Step();
+  } catch (const SqlFailure& failure) {
+    Fail("key " + KeyText() + ": delete: " + failure.message);
+  }
   ++impl.global_epoch;
   Reset();
 }
@@ -275,49 +345,55 @@ void CustomTable::Post() {
   Cache::Impl& impl = Live().impl();
   if (state_ == kEnd) Fail("post: no current row (New() or a lookup first)");
 
-  std::vector<Param> params;
-  auto param_of = [](const Value& v) -> Param {
-    if (v.kind == Value::kInt) return Param(static_cast<long long>(v.integer));
-    if (v.kind == Value::kText) return Param(v.text);
-    return Param(nullptr);
-  };
-
   if (state_ == kNew) {
-    std::string columns, marks;
+    // The columns written: every field but an unassigned key, and but a
+    // column whose default SQLite computes (read back after the insert).
+    uint64_t mask = 0;
     bool reload = false;
-    for (Field* f : fields_) {
-      const ColumnInfo* column = info_->Find(f->Column());
+    for (size_t i = 0; i < fields_.size(); ++i) {
+      Field* f = fields_[i];
       if (f == key_ && !f->dirty_) continue;
-      if (!f->dirty_ && !column->default_known) {
-        reload = true;  // SQLite computes this default; read it back after the insert
+      if (!f->dirty_ && !columns_[i]->default_known) {
+        reload = true;
         continue;
       }
-      if (!columns.empty()) {
-        columns += ", ";
-        marks += ", ";
+      mask |= uint64_t{1} << i;
+    }
+    Prepared& prepared = insert_sql_[mask];
+    std::string& sql = prepared.sql;
+    if (sql.empty()) {
+      std::string columns, marks;
+      for (size_t i = 0; i < fields_.size(); ++i) {
+        if (!(mask & (uint64_t{1} << i))) continue;
+        if (!columns.empty()) {
+          columns += ", ";
+          marks += ", ";
+        }
+        columns += Ident(fields_[i]->Column());
+        marks += "?";
       }
-      columns += Ident(f->Column());
-      marks += "?";
-      params.push_back(param_of(f->value_));
+      sql = columns.empty() ? "INSERT INTO " + Ident(table_) + " DEFAULT VALUES"
+                            : "INSERT INTO " + Ident(table_) + " (" + columns + ") VALUES (" +
+                                  marks + ")";
     }
-    const std::string sql =
-        columns.empty() ? "INSERT INTO " + Ident(table_) + " DEFAULT VALUES"
-                        : "INSERT INTO " + Ident(table_) + " (" + columns + ") VALUES (" + marks +
-                              ")";
-    {
-      Statement stmt(impl, sql, table_, "new row");
-      stmt.Bind(params);
+    try {
+      Statement stmt(impl, sql, &prepared.stmt);
+      int index = 1;
+      for (size_t i = 0; i < fields_.size(); ++i)
+        if (mask & (uint64_t{1} << i)) stmt.Bind(index++, fields_[i]->value_);
       stmt.Step();
+    } catch (const SqlFailure& failure) {
+      Fail("new row: " + failure.message);
     }
-    const int64_t key = sqlite3_last_insert_rowid(impl.db);
-    key_->value_.kind = Value::kInt;
-    key_->value_.integer = key;
+    key_->value_ = IntValue(sqlite3_last_insert_rowid(impl.db));
     ++info_->epoch;
     if (impl.has_triggers) ++impl.global_epoch;
     if (reload) {
-      if (!Fetch(select_ + " WHERE " + Ident(key_->Column()) + " = ?", {key},
-                 "key " + std::to_string(key)))
-        Fail("key " + std::to_string(key) + ": the new row is gone after its insert");
+      const int64_t key = key_->Value();
+      const bool found = Named(table_, "key " + std::to_string(key), [&] {
+        return Fetch(FieldSql(key_->index_), {IntValue(key)});
+      });
+      if (!found) Fail("key " + std::to_string(key) + ": the new row is gone after its insert");
     }
     for (Field* f : fields_) f->dirty_ = false;
     state_ = kRow;
@@ -325,33 +401,41 @@ void CustomTable::Post() {
     return;
   }
 
-  std::string sets;
-  for (Field* f : fields_) {
-    if (!f->dirty_) continue;
-    if (!sets.empty()) sets += ", ";
-    sets += Ident(f->Column()) + " = ?";
-    params.push_back(param_of(f->value_));
+  uint64_t mask = 0;
+  for (size_t i = 0; i < fields_.size(); ++i)
+    if (fields_[i]->dirty_) mask |= uint64_t{1} << i;
+  if (mask == 0) return;  // nothing changed
+  Prepared& prepared = update_sql_[mask];
+  std::string& sql = prepared.sql;
+  if (sql.empty()) {
+    std::string sets;
+    for (size_t i = 0; i < fields_.size(); ++i) {
+      if (!(mask & (uint64_t{1} << i))) continue;
+      if (!sets.empty()) sets += ", ";
+      sets += Ident(fields_[i]->Column()) + " = ?";
+    }
+    sql = "UPDATE " + Ident(table_) + " SET " + sets + " WHERE " + Ident(key_->Column()) + " = ?";
   }
-  if (sets.empty()) return;  // nothing changed
-  const std::string key = KeyText();
-  params.push_back(Param(static_cast<long long>(key_->Value())));
-  {
-    Statement stmt(impl,
-                   "UPDATE " + Ident(table_) + " SET " + sets + " WHERE " + Ident(key_->Column()) +
-                       " = ?",
-                   table_, "key " + key);
-    stmt.Bind(params);
+  try {
+    Statement stmt(impl, sql, &prepared.stmt);
+    int index = 1;
+    for (size_t i = 0; i < fields_.size(); ++i)
+      if (mask & (uint64_t{1} << i)) stmt.Bind(index++, fields_[i]->value_);
+    stmt.Bind(index, key_->value_);
     stmt.Step();
+  } catch (const SqlFailure& failure) {
+    Fail("key " + KeyText() + ": " + failure.message);
   }
   ++info_->epoch;
   if (impl.has_triggers) ++impl.global_epoch;
-  if (sqlite3_changes(impl.db) == 0) Fail("key " + key + ": no such row (deleted meanwhile)");
+  if (sqlite3_changes(impl.db) == 0) Fail("key " + KeyText() + ": no such row (deleted meanwhile)");
   for (Field* f : fields_) f->dirty_ = false;
 }
 
 bool CustomTable::Lookup(std::initializer_list<Match> matches) {
   Prepare();
   Filter filter;
+  std::string combination;  // the field numbers, one byte each
   for (const Match& m : matches) {
     if (&m.field.Table() != this) Fail("lookup: field " + m.field.Column() + " is not of " + table_);
     Value v;
@@ -359,18 +443,39 @@ bool CustomTable::Lookup(std::initializer_list<Match> matches) {
       Reset();
       return false;
     }
-    if (!filter.where.empty()) filter.where += " AND ";
-    filter.where += Ident(m.field.Column()) + " = ?";
-    filter.params.push_back(v.kind == Value::kInt ? Param(static_cast<long long>(v.integer))
-                                                  : Param(v.text));
+    combination += static_cast<char>(m.field.index_);
+    filter.params.push_back(std::move(v));
   }
-  if (filter.where.empty()) Fail("lookup: no field given");
-  return PositionBy(std::move(filter), true, "lookup");
+  if (combination.empty()) Fail("lookup: no field given");
+  Prepared* sql = nullptr;
+  auto it = fields_sql_.find(combination);
+  if (it != fields_sql_.end()) {
+    sql = &it->second;
+  } else {
+    Prepared p;
+    for (const Match& m : matches) {
+      if (!p.where.empty()) p.where += " AND ";
+      p.where += Ident(m.field.Column()) + " = ?";
+    }
+    p.sql = select_ + " WHERE " + p.where + " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
+    sql = &fields_sql_.emplace(combination, std::move(p)).first->second;
+  }
+  filter.where = sql->where;
+  try {
+    // Not remembered: a pass looks each mailbox up once and then posts it,
+    // which would make any remembered row stale at once.
+    return PositionBy(*sql, std::move(filter), false);
+  } catch (const SqlFailure& failure) {
+    std::string what;
+    for (const Match& m : matches)
+      what += (what.empty() ? "" : ", ") + m.field.Column() + " = \"" + m.value + "\"";
+    Fail("lookup " + what + ": " + failure.message);
+  }
 }
 
 void CustomTable::First() {
   Prepare();
-  PositionBy(Filter(), false, "first row");
+  Named(table_, "first row", [&] { return PositionBy(WhereSql(""), Filter(), false); });
 }
 
 void CustomTable::Next() {
@@ -380,13 +485,27 @@ void CustomTable::Next() {
     Reset();
     return;
   }
-  Filter filter = filter_;
-  std::vector<Param> params{Param(static_cast<long long>(key_->Value()))};
+  Filter filter = std::move(filter_);
+  auto it = next_sql_.find(filter.where);
+  if (it == next_sql_.end()) {
+    if (next_sql_.size() >= kWhereLimit) {
+      for (auto& [key, p] : next_sql_) sqlite3_finalize(p.stmt);
+      next_sql_.clear();
+    }
+    Prepared p;
+    p.where = filter.where;
+    p.sql = select_ + " WHERE " + Ident(key_->Column()) + " > ?";
+    if (!filter.where.empty()) p.sql += " AND " + filter.where;
+    p.sql += " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
+    it = next_sql_.emplace(filter.where, std::move(p)).first;
+  }
+  std::vector<Value> params{key_->value_};
   params.insert(params.end(), filter.params.begin(), filter.params.end());
-  std::string sql = select_ + " WHERE " + Ident(key_->Column()) + " > ?";
-  if (!filter.where.empty()) sql += " AND " + filter.where;
-  sql += " ORDER BY " + Ident(key_->Column()) + " LIMIT 1";
-  Fetch(sql, params, "next row after key " + KeyText());
+  try {
+    Fetch(it->second, params);
+  } catch (const SqlFailure& failure) {
+    Fail("next row after key " + std::to_string(params[0].integer) + ": " + failure.message);
+  }
   filter_ = std::move(filter);
 }
 

@@ -42,6 +42,7 @@ namespace pnl_db {
 
 class Cache;
 class CustomTable;
+struct ColumnInfo;
 struct TableInfo;
 
 // One step of a schema: the SQL script that brings a database from
@@ -421,8 +422,9 @@ class IdnField : public Field {
 // into the fields; assignments change the fields only, until Post().
 //
 // Rows kept in memory: within a request a cursor remembers the rows its
-// lookups found (and the lookups that found none), so that a cache pass that
-// looks up the same few rows many times asks the database once. Every write
+// single-column lookups, Assert and DbFind found (and those that found none),
+// so that a cache pass that looks up the same few rows many times asks the
+// database once. Every write
 // made through the Cache (a post or delete of any cursor, a Query that
 // writes) and the start and end of each request drop what became stale;
 // ClearCache drops it on demand. Outside a request nothing is remembered.
@@ -463,6 +465,7 @@ class CustomTable {
   void Delete();
   // Positions on the first row matching every (field, value) pair, values as
   // text as for Field::Lookup. Returns false, at the end, when none matches.
+  // Its result is never remembered (see below).
   struct Match {
     const Field& field;
     std::string value;
@@ -492,21 +495,34 @@ class CustomTable {
   friend class Field;
   friend class Cache;
   enum State { kEnd, kRow, kNew };
+  // The walk a positioning started: Next() goes to the next row by key that
+  // matches where with params bound (none: the whole table).
   struct Filter {
-    std::string where;  // SQL condition, "" for none
-    std::vector<Param> params;
+    std::string where;
+    std::vector<Value> params;
   };
   struct Memo {
     bool found = false;
     std::vector<Value> row;
   };
+  // One of the cursor's own statements: prepared on first use, reset after
+  // each, finalized with the cursor. where is the condition of a positioning
+  // statement (kept for Next).
+  struct Prepared {
+    std::string sql;
+    std::string where;
+    sqlite3_stmt* stmt = nullptr;
+  };
 
   void Register(Field* field);
   void Prepare();
-  bool PositionBy(Filter filter, bool remember, const std::string& what);
-  bool Fetch(const std::string& sql, const std::vector<Param>& params, const std::string& what);
+  bool PositionBy(Prepared& sql, Filter&& filter, bool remember);
+  bool Fetch(Prepared& sql, const std::vector<Value>& params);
+  Prepared& WhereSql(const std::string& where);
+  Prepared& FieldSql(size_t index);
   void ClearFields();
   bool MemoValid();
+  void Finalize() noexcept;
   [[noreturn]] void Fail(const std::string& detail) const;
   std::string KeyText() const;
   Cache& Live() const;
@@ -516,7 +532,18 @@ class CustomTable {
   std::vector<Field*> fields_;
   KeyField* key_ = nullptr;
   TableInfo* info_ = nullptr;  // set by Prepare
-  std::string select_;         // SELECT <columns> FROM <table>
+  std::vector<const ColumnInfo*> columns_;  // of each field
+  // The cursor's statements: lookups by one field, by several (keyed by their
+  // field numbers), by a condition text, the walk's next row by condition,
+  // inserts and updates by the set of columns they write, delete by key.
+  std::string select_;  // SELECT <columns> FROM <table>
+  std::vector<Prepared> field_sql_;
+  std::unordered_map<std::string, Prepared> fields_sql_;
+  std::unordered_map<std::string, Prepared> where_sql_;
+  std::unordered_map<std::string, Prepared> next_sql_;
+  std::unordered_map<uint64_t, Prepared> insert_sql_;
+  std::unordered_map<uint64_t, Prepared> update_sql_;
+  Prepared delete_sql_;
   State state_ = kEnd;
   Filter filter_;
   std::unordered_map<std::string, Memo> memo_;
