@@ -1,0 +1,107 @@
+// The panel database's schema, one migration step per version. A released
+// step is never edited: a change of the schema is a new step at the end.
+#include "zelapi/db.h"
+#include "zelapi/mail/tables.h"
+
+namespace zel_db {
+
+namespace {
+
+// Version 1: users, web domains, mail objects and the file states.
+const char kVersion1[] = R"sql(
+CREATE TABLE users (
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL UNIQUE
+) STRICT;
+
+CREATE TABLE domain (
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL COLLATE NOCASE UNIQUE,
+  users INTEGER REFERENCES users(id) ON DELETE SET NULL
+) STRICT;
+CREATE INDEX domain_users ON domain(users);
+
+CREATE TABLE email_domain (
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL COLLATE NOCASE UNIQUE,
+  enabled INTEGER NOT NULL DEFAULT 1 CHECK (enabled IN (0, 1)),
+  users INTEGER REFERENCES users(id) ON DELETE SET NULL,
+  tag INTEGER NOT NULL DEFAULT 0,
+  def_action TEXT NOT NULL DEFAULT 'error',
+  redirect TEXT NOT NULL DEFAULT ''
+) STRICT;
+CREATE INDEX email_domain_users ON email_domain(users);
+
+CREATE TABLE email (
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL,
+  domain INTEGER NOT NULL REFERENCES email_domain(id) ON DELETE CASCADE,
+  enabled INTEGER NOT NULL DEFAULT 1 CHECK (enabled IN (0, 1)),
+  forward_only INTEGER NOT NULL DEFAULT 0 CHECK (forward_only IN (0, 1)),
+  tag INTEGER NOT NULL DEFAULT 0,
+  UNIQUE (name, domain)
+) STRICT;
+CREATE INDEX email_domain_ref ON email(domain);
+
+CREATE TABLE email_alias (
+  id INTEGER PRIMARY KEY,
+  email INTEGER NOT NULL REFERENCES email(id) ON DELETE CASCADE,
+  name TEXT NOT NULL
+) STRICT;
+CREATE INDEX email_alias_email ON email_alias(email);
+
+CREATE TABLE email_forward (
+  id INTEGER PRIMARY KEY,
+  email INTEGER NOT NULL REFERENCES email(id) ON DELETE CASCADE,
+  name TEXT NOT NULL
+) STRICT;
+CREATE INDEX email_forward_email ON email_forward(email);
+
+CREATE TABLE email_responder (
+  id INTEGER PRIMARY KEY,
+  email INTEGER NOT NULL UNIQUE REFERENCES email(id) ON DELETE CASCADE,
+  enabled INTEGER NOT NULL DEFAULT 0 CHECK (enabled IN (0, 1)),
+  subject TEXT NOT NULL DEFAULT '',
+  text TEXT NOT NULL DEFAULT '',
+  period_days INTEGER NOT NULL DEFAULT 7 CHECK (period_days >= 0)
+) STRICT;
+
+CREATE TABLE email_responder_sent (
+  id INTEGER PRIMARY KEY,
+  responder INTEGER NOT NULL REFERENCES email_responder(id) ON DELETE CASCADE,
+  sender TEXT NOT NULL,
+  sent_at INTEGER NOT NULL DEFAULT 0,
+  UNIQUE (responder, sender)
+) STRICT;
+
+CREATE TABLE email_whitelist (
+  id INTEGER PRIMARY KEY,
+  sender TEXT NOT NULL
+) STRICT;
+
+CREATE TABLE email_blacklist (
+  id INTEGER PRIMARY KEY,
+  sender TEXT NOT NULL
+) STRICT;
+
+CREATE TABLE file_state (
+  id INTEGER PRIMARY KEY,
+  path TEXT NOT NULL UNIQUE,
+  state TEXT NOT NULL
+) STRICT;
+)sql";
+
+// The schema becomes pnl_db's default when the library loads, so that
+// pnl_db::Cache::Open(file) opens a panel database.
+[[maybe_unused]] const bool kRegistered = (pnl_db::RegisterSchema(PanelSchema()), true);
+
+}  // namespace
+
+const pnl_db::Schema& PanelSchema() {
+  static const pnl_db::Schema schema = {
+      {1, kVersion1},
+  };
+  return schema;
+}
+
+}  // namespace zel_db
