@@ -56,7 +56,18 @@ void ConfDataSet::Next() {
   f.Next(*this);
 }
 
-bool ConfDataSet::Eof() const { return state_ == kNone || state_ == kEof; }
+bool ConfDataSet::Eof() const {
+  // Another cursor's re-read may move this one: read the state under the lock.
+  if (!file_) return state_ == kNone || state_ == kEof;
+  Guard guard(file_->mutex());
+  return state_ == kNone || state_ == kEof;
+}
+
+bool ConfDataSet::IsNew() const {
+  if (!file_) return state_ == kNew;
+  Guard guard(file_->mutex());
+  return state_ == kNew;
+}
 
 void ConfDataSet::New() {
   zel_conf::CachedFile& f = Open();

@@ -200,7 +200,8 @@ void Cf::CacheField(const dd::Field& field) {
 void Cf::CacheDone(HeadDataSet& ds, bool to_line_end) {
   CheckOpen("CacheDone");
   if (&ds != view_) Refuse("CacheDone for another view than CacheStart");
-  if (key_required_ && (fields_.empty() || !fields_[0].set)) {
+  if (key_required_ && (fields_.empty() || !fields_[0].set ||
+                        (fields_[0].own ? fields_[0].value.empty() : fields_[0].size == 0))) {
     open_ = false;
     Refuse("record without its key");
   }

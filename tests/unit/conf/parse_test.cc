@@ -236,11 +236,33 @@ TEST(CfTest, KeyRequiredRefusesARecordWithoutKey) {
   EXPECT_THROW(cf.CacheDone(view, false), pnl_err::Error);
   EXPECT_FALSE(cf.stored());
   cf.Rewind();
+  cf.CacheStart(view, true);
+  cf.CacheField(0, "", "", 1);
+  EXPECT_THROW(cf.CacheDone(view, false), pnl_err::Error);  // an empty key
+  cf.Rewind();
   cf.CacheStart(view, false);
   cf.CacheField(view.value);
   cf.CacheDone(view, false);
   EXPECT_TRUE(cf.stored());
   EXPECT_FALSE(cf.stored_field(0).set);
+}
+
+TEST(CfTest, DomainLineWithoutDomainAtTheEndIsNoRecord) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("@", rules);
+  DomainView domain;
+  ASSERT_TRUE(cf.NextLine());
+  EXPECT_THROW(domain.Parse(cf), pnl_err::Error);
+  EXPECT_FALSE(cf.stored());
+}
+
+TEST(CfTest, LineEndingInCarriageReturnIsRefused) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("@a.example\tdevnull\r\n", rules);
+  DomainView domain;
+  ASSERT_TRUE(cf.NextLine());
+  EXPECT_THROW(domain.Parse(cf), pnl_err::Error);
+  EXPECT_FALSE(cf.stored());
 }
 
 TEST(CfTest, CacheDoneToLineEndRefusesTextAfterTheRecord) {

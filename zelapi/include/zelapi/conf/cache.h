@@ -108,8 +108,9 @@ class ConfCache {
   // The cached file at path for table name, read (or read again when it
   // changed on disk) as needed. A missing file is created empty (mode
   // 0644, AfterSave with kSaveCreated) when create is set, else it is an
-  // error. folder: opened on the file's folder here if it is not open yet
-  // and used to flush it after a creation. Throws pnl_err::Error: "conf"
+  // error. folder: used to create a missing file (opened on the file's
+  // folder if it is not open yet, flushed after the creation). Throws
+  // pnl_err::Error: "conf"
   // for an unknown table, a missing file or a path cached for another
   // table, "file" when the file cannot be read or created.
   ConfRef Config(const std::string& name, pnl_file::safe::Folder& folder, const std::string& path,

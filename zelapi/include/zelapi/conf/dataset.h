@@ -90,7 +90,7 @@ class ConfDataSet : public virtual dd::Record {
   bool IsOpen() const { return file_ != nullptr; }
   // True on a new record that is not posted yet (New, or Create of a
   // missing key).
-  bool IsNew() const { return state_ == kNew; }
+  bool IsNew() const;
   // True when both cursors are open on the one cached copy of a file.
   bool SameFile(const ConfDataSet& other) const { return file_ && file_ == other.file_; }
 

@@ -87,14 +87,16 @@ class Cf {
   void GetUntilToken(const std::string& end, bool include_end = false, bool skip_blanks = true);
 
   // Opens a record of view ds at the current line. key_required: CacheDone
-  // refuses a record whose key field (index 0) was not cached.
+  // refuses a record whose key field (index 0) was not cached or is empty.
   void CacheStart(HeadDataSet& ds, bool key_required);
   // Caches field index: raw is its text in the file, value its value. pos
   // -1: raw is the current token (so its byte span is known when the token
   // is one stretch of the line); otherwise pos is raw's offset in the text.
   // The last two arguments are reserved and must be 0. Throws
   // pnl_err::Error("conf") without a CacheStart, for an index out of range,
-  // for a line end in raw or value, or when raw is not at pos.
+  // for a line end ("\n" or "\r") in raw or value, or when raw is not at
+  // pos. (So a line ending in "\r\n" is claimed by no view that reads up
+  // to the line end, and stays as it is.)
   void CacheField(int index, const std::string& raw, const std::string& value, int pos = -1,
                   int reserved1 = 0, int reserved2 = 0);
   // CacheField(field's index, token(), token()).
