@@ -417,7 +417,16 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
     changed[i] = c.FieldAt(i).Str() != c.loaded_[i];
     any = any || changed[i];
   }
-  if (!any) return;  // nothing to write
+  if (!any) {
+    // Posting an unchanged record still saves the file as it is (and runs
+    // the after-save step): callers post to have the table brought up to date.
+    Store::Edit edit;
+    edit.kind = Store::Edit::kUpdate;
+    edit.line = store_.record(c.record_).line;
+    edit.text = std::string(store_.LineText(edit.line));
+    Commit(edit, note, [] {});
+    return;
+  }
   // What the cursor did not change is taken from the copy, which may be
   // newer than what the cursor read.
   for (std::size_t i = 0; i < n; ++i)

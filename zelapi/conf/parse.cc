@@ -104,6 +104,9 @@ void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blank
     first = false;
     const bool is_end = t.type != pnl_token::Token::End && Text(t.start, t.end) == end;
     if (is_end || AtLineEnd(t.type)) {
+      // Separators before the end belong to the value; a comment (and the
+      // separators before it) does not.
+      if (t.start > last_end && !HasComment(last_end, t.start)) last_end = t.start;
       if (is_end && include_end) {
         last_end = t.end;
         next_ = scan;
@@ -119,6 +122,14 @@ void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blank
   end_ = last_end < value_start ? value_start : last_end;
   contiguous_ = true;
   token_valid_ = false;
+}
+
+bool Cf::HasComment(std::size_t from, std::size_t to) const {
+  // Between two tokens there are only separators and comments.
+  const pnl_token::Params& rules = tokenizer_.rules();
+  for (std::size_t p = from; p < to; ++p)
+    if (rules.Class(static_cast<unsigned char>(text_[p])) != pnl_token::Token::Separator) return true;
+  return false;
 }
 
 void Cf::CheckOpen(const char* what) const {

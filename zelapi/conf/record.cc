@@ -146,12 +146,9 @@ const std::string& ArrayField::operator[](int i) const {
 }
 
 void ArrayField::Assign(const std::string& value) {
-  if (value.empty()) {
-    elements_.clear();
-    return;
-  }
-  CheckElement(value);
-  elements_.assign(1, value);
+  // The list becomes what the file holds once value is written.
+  Check(value);
+  elements_ = Split(value, separator_);
 }
 
 void ArrayField::Load(std::string_view stored) { elements_ = Split(stored, separator_); }

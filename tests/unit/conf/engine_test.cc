@@ -183,14 +183,36 @@ TEST_F(EngineTest, AppendedListElementRewritesTheListSpan) {
   EXPECT_EQ(Slurp(path), Sample("list_append_item.golden"));
 }
 
-TEST_F(EngineTest, PostWithoutChangeWritesNothing) {
-  const std::string path = Copy("virt.txt");
-  auto mails = VirtTable::Get<MailView>(path, false);
-  ASSERT_TRUE(mails->Find("bob@other.org"));
-  mails->target.Set("bob+other.org    bob@elsewhere.net");  // the same list
-  mails->Post("");
-  EXPECT_TRUE(Journal::Get().saves().empty());
-  EXPECT_EQ(Slurp(path), Sample("virt.txt"));
+TEST_F(EngineTest, PostWithoutChangeRewritesTheFileByteForByte) {
+  for (const char* sample : {"virt.txt", "names.txt", "list.txt"}) {
+    const std::string path = Copy(sample);
+    struct stat old_st;
+    ASSERT_EQ(::stat(path.c_str(), &old_st), 0);
+    const ino_t before = old_st.st_ino;
+    SmartPtr<HeadDataSet> cursor;
+    if (std::string(sample) == "virt.txt") {
+      auto mails = VirtTable::Get<MailView>(path, false);
+      ASSERT_TRUE(mails->Find("bob@other.org"));
+      mails->target.Set("bob+other.org    bob@elsewhere.net");  // the same list
+      cursor = mails;
+    } else if (std::string(sample) == "names.txt") {
+      auto names = NamesTable::Get<NameView>(path, false);
+      ASSERT_TRUE(names->Find("other.org "));
+      cursor = names;
+    } else {
+      auto lists = ListTable::Get<ListView>(path, false);
+      ASSERT_TRUE(lists->Find("info"));
+      cursor = lists;
+    }
+    cursor->Post("");
+    EXPECT_EQ(Slurp(path), Sample(sample)) << sample;
+    struct stat st;
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_NE(st.st_ino, before) << sample << " was not written again";
+  }
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 3u);
+  for (const auto& save : saves) EXPECT_EQ(save.reason, ConfCache::kSavePosted);
 }
 
 TEST_F(EngineTest, DeletedRecordRemovesOnlyItsLine) {

@@ -122,6 +122,20 @@ TEST(CfTest, GetUntilTokenTakesTheRestWithoutOuterBlanksOrRemark) {
   EXPECT_EQ(cf.token(), "\n");
 }
 
+TEST(CfTest, GetUntilTokenKeepsBlanksBeforeTheLineEnd) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("z@a.example\tREJECT \t\n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.AddToken();
+  cf.AddToken();
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "REJECT \t");
+  Cf empty("key \n", rules);
+  ASSERT_TRUE(empty.NextLine());
+  empty.GetUntilToken("\n", false, true);
+  EXPECT_EQ(empty.token(), "");
+}
+
 TEST(CfTest, GetUntilTokenKeepsLeadingBlanksWhenAskedAndIncludesTheEndWhenAsked) {
   const pnl_token::Params rules = VirtRules();
   Cf cf("key  a b@c d\n", rules);

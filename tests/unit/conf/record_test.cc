@@ -125,8 +125,14 @@ TEST(ArrayFieldTest, AssigningMakesTheWholeListOneElement) {
   r.list = "x@example.com";
   EXPECT_EQ(r.list.Size(), 1u);
   EXPECT_EQ(r.list[0], "x@example.com");
-  EXPECT_THROW(r.list = "a, b", pnl_err::Error);
-  EXPECT_EQ(r.list.Str(), "x@example.com");
+  r.list = "\"|/bin/prog a,b\"";
+  EXPECT_EQ(r.list.Size(), 1u);
+  // A value that holds separators is what the file will read back.
+  r.words = "error:nouser Account temporary disabled";
+  EXPECT_EQ(r.words.Str(), "error:nouser Account temporary disabled");
+  EXPECT_EQ(r.words.Size(), 4u);
+  EXPECT_THROW(r.list = "a\nb", pnl_err::Error);
+  EXPECT_EQ(r.list.Size(), 1u);
   r.list = "";
   EXPECT_EQ(r.list.Size(), 0u);
   // Through the base class the list keeps its meaning.

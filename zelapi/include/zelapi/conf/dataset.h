@@ -18,7 +18,9 @@
 // Writing: each Post or Delete that changes the file saves it at once
 // (atomically) and then calls the table's AfterSave with reason 0; while
 // the engine is in deferred mode (ConfCache::BeginDeferred) it only changes
-// the cached copy. A Post that changes nothing writes nothing. A changed
+// the cached copy. A Post that changes nothing still saves the file as it
+// is (and so runs AfterSave): posting is how a caller asks for the table's
+// after-save step. A Delete without a record writes nothing. A changed
 // record rewrites only its own line, and on it only the byte spans of the
 // changed fields when they are known (spacing and a trailing comment
 // survive); otherwise the line becomes NewRecordTemplate(). Before anything

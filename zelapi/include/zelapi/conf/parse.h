@@ -82,8 +82,10 @@ class Cf {
   // The current token becomes the text after it up to the next token equal
   // to end (or the line end, or the end of the text), excluding end unless
   // include_end. With skip_blanks the separators right after the current
-  // token are not part of it. Separators and a comment before end are never
-  // part of it. The context then stands on end (past it with include_end).
+  // token are not part of it. The rest is taken as it stands, separators
+  // right before end included ("REJECT \n" gives "REJECT "), except that a
+  // comment, and the separators before it, are never part of it. The
+  // context then stands on end (past it with include_end).
   void GetUntilToken(const std::string& end, bool include_end = false, bool skip_blanks = true);
 
   // Opens a record of view ds at the current line. key_required: CacheDone
@@ -122,6 +124,8 @@ class Cf {
     return text_.substr(start, end - start);
   }
   void CheckOpen(const char* what) const;
+  // Whether a comment lies between the token boundaries from and to.
+  bool HasComment(std::size_t from, std::size_t to) const;
 
   std::string_view text_;
   pnl_token::Tokenizer tokenizer_;

@@ -152,8 +152,9 @@ class ArrayField : public Field {
   const std::string& operator[](int i) const;
   const std::vector<std::string>& Elements() const { return elements_; }
 
-  // The whole list becomes exactly the one element value (checked as for
-  // Append); an empty value makes the list empty.
+  // The whole list becomes value: the one element value, or, when value
+  // holds separators outside quotes, the elements it reads back as (as
+  // Set). An empty value makes the list empty. Throws on a line end.
   ArrayField& operator=(const std::string& value) {
     Assign(value);
     return *this;

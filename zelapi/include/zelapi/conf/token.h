@@ -101,6 +101,7 @@ class Tokenizer {
   Tokenizer(const Params& rules, std::string_view text) : rules_(&rules), text_(text) {}
 
   std::string_view text() const { return text_; }
+  const Params& rules() const { return *rules_; }
 
   // The token that starts at or after pos, skipping comments (and separator
   // runs unless with_separators); pos moves just past it. At the end of the
