@@ -296,6 +296,8 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
 
 uint64_t Cache::PrepareCount() const { return impl_->statements.Prepared(); }
 
+size_t Cache::KeptStatements() const { return impl_->statements.Size(); }
+
 int Cache::SchemaVersion() {
   return Named(file_, "read the schema version", [&] {
     static const std::string kSql = "PRAGMA user_version";

@@ -4,6 +4,8 @@
 
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "test_tables.h"
 #include "zelapi/db.h"
@@ -51,6 +53,18 @@ TEST_F(DbTest, OlderFileIsMigratedInPlace) {
   EXPECT_EQ(v2->SchemaVersion(), 2);
   EXPECT_EQ(v2->Query("SELECT name || '/' || note FROM owner").Str(), "kept/");
   EXPECT_EQ(v2->Query("SELECT count(*) FROM mark").Int(), 0);
+}
+
+TEST_F(DbTest, StepLeavingBrokenReferencesIsRolledBack) {
+  const std::string file = sandbox_.Path("dangling.db");
+  { pnl_db::Cache::Open(file, {dbtest::TestSchema()[0]}); }
+  pnl_db::Schema dangling = {dbtest::TestSchema()[0],
+                             {2, "INSERT INTO item (name, owner) VALUES ('orphan', 99)"}};
+  pnl_err::Error e = ErrorOf([&] { pnl_db::Cache::Open(file, dangling); });
+  EXPECT_EQ(e.detail(), "migrate: rows of table item refer to missing rows of owner");
+  auto v1 = pnl_db::Cache::Open(file, {dbtest::TestSchema()[0]});
+  EXPECT_EQ(v1->SchemaVersion(), 1);
+  EXPECT_EQ(v1->Query("SELECT count(*) FROM item").Int(), 0);
 }
 
 TEST_F(DbTest, FileOfANewerVersionIsRefused) {
@@ -184,6 +198,16 @@ TEST_F(DbTest, AStatementIsPreparedOnceAndReused) {
   EXPECT_EQ(cache_->PrepareCount(), before);
 }
 
+TEST_F(DbTest, OnlyTheMostRecentlyUsedStatementsAreKept) {
+  for (int i = 0; i < 600; ++i) cache_->Query("SELECT " + std::to_string(i));
+  EXPECT_EQ(cache_->KeptStatements(), 512u);
+  const uint64_t before = cache_->PrepareCount();
+  EXPECT_EQ(cache_->Query("SELECT 599").Int(), 599);  // kept
+  EXPECT_EQ(cache_->PrepareCount(), before);
+  EXPECT_EQ(cache_->Query("SELECT 0").Int(), 0);  // dropped, prepared again
+  EXPECT_EQ(cache_->PrepareCount(), before + 1);
+}
+
 TEST_F(DbTest, TwoOpenResultsOfOneSqlTextDoNotDisturbEachOther) {
   AddOwner("ann");
   AddOwner("bob");
@@ -207,6 +231,23 @@ TEST_F(DbTest, GetHandsBackAPooledCursorPositionForgotten) {
   EXPECT_TRUE(again->name.IsNull());
   auto other = cache_->Get<OwnerTable>();
   EXPECT_NE(other.get(), again.get());
+}
+
+TEST_F(DbTest, CursorsAreTakenAndGivenBackFromSeveralThreads) {
+  AddOwner("ann");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([this] {
+      for (int i = 0; i < 2000; ++i) {
+        auto owners = cache_->Get<OwnerTable>();
+        auto items = cache_->Get<ItemTable>();
+        EXPECT_TRUE(owners->Eof());
+      }
+    });
+  for (std::thread& t : threads) t.join();
+  auto owners = cache_->Get<OwnerTable>();
+  owners->First();
+  EXPECT_EQ(owners->name.Str(), "ann");
 }
 
 TEST_F(DbTest, CursorHeldPastItsCacheIsDetached) {

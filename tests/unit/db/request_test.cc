@@ -123,6 +123,16 @@ TEST_F(DbTest, AnotherThreadWaitsUntilTheRequestEnds) {
   EXPECT_EQ(cache_->Query("SELECT group_concat(name, ',') FROM owner").Str(), "first,second");
 }
 
+TEST_F(DbTest, OnlyTheThreadOfTheRequestMayEndIt) {
+  cache_->BeginRequest();
+  std::string detail;
+  std::thread other([&] { detail = ErrorOf([&] { cache_->EndRequest(); }).detail(); });
+  other.join();
+  EXPECT_EQ(detail, "end request: the request is open on another thread");
+  EXPECT_TRUE(cache_->InRequest());
+  cache_->EndRequest();
+}
+
 TEST_F(DbTest, RequestHooksRunInTheRequestBeforeItCommits) {
   int calls = 0;
   cache_->BeginRequest();

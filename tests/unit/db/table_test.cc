@@ -306,6 +306,14 @@ TEST_F(DbTest, FieldsAreCheckedAgainstTheTableOnFirstUse) {
   EXPECT_EQ(e.detail(), "no such table in " + file_);
 }
 
+TEST_F(DbTest, NextOnANewRowGoesToTheEnd) {
+  AddItem("x");
+  auto items = cache_->Get<ItemTable>();
+  items->New();
+  items->Next();
+  EXPECT_TRUE(items->Eof());
+}
+
 TEST_F(DbTest, ResetLeavesTheCursorAtTheEnd) {
   AddItem("x");
   auto items = cache_->Get<ItemTable>();

@@ -14,7 +14,7 @@
 using mailtest::ErrorOf;
 using mailtest::MailTest;
 
-class EmailTest : public MailTest {
+class EmailHelpersTest : public MailTest {
  protected:
   void SetUp() override {
     MailTest::SetUp();
@@ -41,7 +41,7 @@ class EmailTest : public MailTest {
   std::shared_ptr<zel_db::EmailDomainTable> domains_;
 };
 
-TEST_F(EmailTest, GetEmailNameJoinsTheLocalPartAndTheDomainName) {
+TEST_F(EmailHelpersTest, GetEmailNameJoinsTheLocalPartAndTheDomainName) {
   emails_->Assert(std::to_string(box_));
   EXPECT_EQ(email::GetEmailName(emails_), "info@example.com");
   const int64_t idn = AddMailDomain("b\xc3\xbc" "cher.example");
@@ -49,7 +49,7 @@ TEST_F(EmailTest, GetEmailNameJoinsTheLocalPartAndTheDomainName) {
   EXPECT_EQ(email::GetEmailName(emails_), "post@xn--bcher-kva.example");
 }
 
-TEST_F(EmailTest, GetEmailNameOfAMailboxWhoseDomainIsMissingNamesTheDomainKey) {
+TEST_F(EmailHelpersTest, GetEmailNameOfAMailboxWhoseDomainIsMissingNamesTheDomainKey) {
   emails_->Assert(std::to_string(box_));
   cache_->Get<zel_db::EmailDomainTable>()->DbDelete("id = " + std::to_string(domain_));
   pnl_err::Error e = ErrorOf([&] { email::GetEmailName(emails_); });
@@ -57,12 +57,12 @@ TEST_F(EmailTest, GetEmailNameOfAMailboxWhoseDomainIsMissingNamesTheDomainKey) {
   EXPECT_STREQ(e.what(), ("email_domain: no row with key " + std::to_string(domain_)).c_str());
 }
 
-TEST_F(EmailTest, GetEmailNameWithoutACurrentMailboxIsAnError) {
+TEST_F(EmailHelpersTest, GetEmailNameWithoutACurrentMailboxIsAnError) {
   EXPECT_STREQ(ErrorOf([&] { email::GetEmailName(emails_); }).what(),
                "email: no current mailbox row");
 }
 
-TEST_F(EmailTest, FindByEmailNamePositionsTheDomainAndTheMailbox) {
+TEST_F(EmailHelpersTest, FindByEmailNamePositionsTheDomainAndTheMailbox) {
   AddMailbox("sales", domain_);
   ASSERT_TRUE(email::FindByEmailName("info@example.com", emails_, domains_));
   EXPECT_EQ(emails_->id.Value(), box_);
@@ -71,27 +71,27 @@ TEST_F(EmailTest, FindByEmailNamePositionsTheDomainAndTheMailbox) {
   EXPECT_EQ(domains_->name.Str(), "example.com");
 }
 
-TEST_F(EmailTest, FindByEmailNameOfAMissingMailboxLeavesTheDomainPositioned) {
+TEST_F(EmailHelpersTest, FindByEmailNameOfAMissingMailboxLeavesTheDomainPositioned) {
   EXPECT_FALSE(email::FindByEmailName("nobody@example.com", emails_, domains_));
   EXPECT_TRUE(emails_->Eof());
   ASSERT_FALSE(domains_->Eof());
   EXPECT_EQ(domains_->id.Value(), domain_);
 }
 
-TEST_F(EmailTest, FindByEmailNameOfAnUnknownDomainLeavesBothAtTheEnd) {
+TEST_F(EmailHelpersTest, FindByEmailNameOfAnUnknownDomainLeavesBothAtTheEnd) {
   EXPECT_FALSE(email::FindByEmailName("info@elsewhere.example", emails_, domains_));
   EXPECT_TRUE(emails_->Eof());
   EXPECT_TRUE(domains_->Eof());
 }
 
-TEST_F(EmailTest, FindByEmailNameFindsNoMailboxOfAnotherDomain) {
+TEST_F(EmailHelpersTest, FindByEmailNameFindsNoMailboxOfAnotherDomain) {
   AddMailDomain("other.example");
   EXPECT_FALSE(email::FindByEmailName("info@other.example", emails_, domains_));
   EXPECT_TRUE(emails_->Eof());
   EXPECT_FALSE(domains_->Eof());
 }
 
-TEST_F(EmailTest, CatchAllsAndNamesWithoutAtSignAreNoMailboxNames) {
+TEST_F(EmailHelpersTest, CatchAllsAndNamesWithoutAtSignAreNoMailboxNames) {
   for (const char* name : {"@example.com", "info@", "info", ""}) {
     domains_->First();
     EXPECT_FALSE(email::FindByEmailName(name, emails_, domains_)) << name;
@@ -100,14 +100,14 @@ TEST_F(EmailTest, CatchAllsAndNamesWithoutAtSignAreNoMailboxNames) {
   }
 }
 
-TEST_F(EmailTest, FindByEmailNameSplitsAtTheFirstAtSign) {
+TEST_F(EmailHelpersTest, FindByEmailNameSplitsAtTheFirstAtSign) {
   const int64_t odd = AddMailDomain("odd@example.com");  // not a host name; the split decides
   AddMailbox("info", odd);
   ASSERT_TRUE(email::FindByEmailName("info@odd@example.com", emails_, domains_));
   EXPECT_EQ(domains_->id.Value(), odd);
 }
 
-TEST_F(EmailTest, FindByEmailNameTakesTheDomainInEitherForm) {
+TEST_F(EmailHelpersTest, FindByEmailNameTakesTheDomainInEitherForm) {
   const int64_t idn = AddMailDomain("b\xc3\xbc" "cher.example");
   const int64_t box = AddMailbox("post", idn);
   ASSERT_TRUE(email::FindByEmailName("post@b\xc3\xbc" "cher.example", emails_, domains_));
@@ -116,13 +116,13 @@ TEST_F(EmailTest, FindByEmailNameTakesTheDomainInEitherForm) {
   EXPECT_EQ(emails_->id.Value(), box);
 }
 
-TEST_F(EmailTest, FindByEmailNameKeepsQuotesOfTheLocalPart) {
+TEST_F(EmailHelpersTest, FindByEmailNameKeepsQuotesOfTheLocalPart) {
   const int64_t box = AddMailbox("o'brien", domain_);
   ASSERT_TRUE(email::FindByEmailName("o'brien@example.com", emails_, domains_));
   EXPECT_EQ(emails_->id.Value(), box);
 }
 
-TEST_F(EmailTest, FindByEmailNameInARequestSeesMailboxesPostedMeanwhile) {
+TEST_F(EmailHelpersTest, FindByEmailNameInARequestSeesMailboxesPostedMeanwhile) {
   pnl_db::Request request(*cache_);
   EXPECT_FALSE(email::FindByEmailName("new@example.com", emails_, domains_));
   emails_->New();
@@ -133,14 +133,14 @@ TEST_F(EmailTest, FindByEmailNameInARequestSeesMailboxesPostedMeanwhile) {
   EXPECT_EQ(emails_->name.Str(), "new");
 }
 
-TEST_F(EmailTest, ResponderActionPipesToTheDefaultProgramWithTheAddress) {
+TEST_F(EmailHelpersTest, ResponderActionPipesToTheDefaultProgramWithTheAddress) {
   emails_->Assert(std::to_string(box_));
   EXPECT_EQ(email::GetResponderAction(emails_),
             "\"|/usr/lib/zelpnl/zelpnl-responder info@example.com\"");
   EXPECT_EQ(email::GetResponderAction(emails_), email::GetResponderAction(emails_));
 }
 
-TEST_F(EmailTest, ResponderActionUsesTheConfiguredProgramAndConfigurationFile) {
+TEST_F(EmailHelpersTest, ResponderActionUsesTheConfiguredProgramAndConfigurationFile) {
   const std::string config = sandbox_.Path("zelpnl.conf");
   zeltest::WriteFile(config, "[paths]\nzelpnl-responder = /opt/zel/responder\n");
   pnl_cf::Load(config);
@@ -149,7 +149,7 @@ TEST_F(EmailTest, ResponderActionUsesTheConfiguredProgramAndConfigurationFile) {
             "\"|/opt/zel/responder --config " + config + " info@example.com\"");
 }
 
-TEST_F(EmailTest, ResponderActionQuotesWordsAShellWouldRead) {
+TEST_F(EmailHelpersTest, ResponderActionQuotesWordsAShellWouldRead) {
   const std::string config = sandbox_.Path("my zelpnl.conf");
   zeltest::WriteFile(config, "[params]\n");
   pnl_cf::Load(config);
@@ -160,7 +160,7 @@ TEST_F(EmailTest, ResponderActionQuotesWordsAShellWouldRead) {
             "\"|/usr/lib/zelpnl/zelpnl-responder --config '" + config + "' '#x@example.com'\"");
 }
 
-TEST_F(EmailTest, ResponderActionRefusesWhatAnAliasesTargetCannotCarry) {
+TEST_F(EmailHelpersTest, ResponderActionRefusesWhatAnAliasesTargetCannotCarry) {
   for (const char* local : {"a,b", "a\"b", "a\\b", "it's"}) {
     pnl_err::Error e = ErrorOf([&] { email::GetResponderAction(Mailbox(local)); });
     EXPECT_EQ(e.type(), "email") << local;
@@ -177,7 +177,7 @@ TEST_F(EmailTest, ResponderActionRefusesWhatAnAliasesTargetCannotCarry) {
   EXPECT_THROW(email::GetResponderAction(Mailbox("ok2")), pnl_err::Error);
 }
 
-TEST_F(EmailTest, ResponderActionOfAMailboxWhoseDomainIsMissingFails) {
+TEST_F(EmailHelpersTest, ResponderActionOfAMailboxWhoseDomainIsMissingFails) {
   emails_->Assert(std::to_string(box_));
   cache_->Get<zel_db::EmailDomainTable>()->DbDelete("id = " + std::to_string(domain_));
   EXPECT_EQ(ErrorOf([&] { email::GetResponderAction(emails_); }).type(), "db");

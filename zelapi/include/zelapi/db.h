@@ -2,8 +2,8 @@
 //
 // A Cache owns one connection to the database file (WAL journal, foreign keys
 // on, a 30 s busy timeout so that several processes share the file), the
-// statements it has prepared (each SQL text is prepared once and reused), and
-// a pool of table cursors. Table cursors derive from CustomTable and declare
+// statements of its queries (each SQL text is prepared once and reused) and
+// a pool of table cursors, which keep their own prepared statements. Table cursors derive from CustomTable and declare
 // their columns as typed field members; Get<T>() hands one out in a
 // shared_ptr whose deleter gives it back to the pool (Put).
 //
@@ -33,6 +33,7 @@
 #include <typeindex>
 #include <typeinfo>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -208,6 +209,9 @@ class Cache {
   // once while it stays among the most recently used): for tests and
   // diagnostics.
   uint64_t PrepareCount() const;
+  // Number of SQL texts whose prepared statements Query and the deletes keep
+  // now: at most 512, the least recently used are finalized first.
+  size_t KeptStatements() const;
 
   // For the layer's own use.
   struct Impl;
@@ -318,7 +322,8 @@ class Field {
 };
 
 // The table's key, column INTEGER PRIMARY KEY. Set by the database when a new
-// row is posted; not assignable.
+// row is posted; SetText may give a new row an explicit key, a stored row's
+// key never changes.
 class KeyField : public Field {
  public:
   using Field::Field;
