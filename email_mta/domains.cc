@@ -34,7 +34,10 @@ void SendmailLikeInterface::CacheDomains() {
       if (owner.Eof()) continue;
       domains->New();
       domains->name = domain;
-      domains->users.SetText(owner.Str());
+      if (owner.IsNull())
+        domains->users.SetNull();
+      else
+        domains->users = owner.Int();
     }
 
     if (!hosts->Find(domain)) {
