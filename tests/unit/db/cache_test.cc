@@ -251,8 +251,12 @@ TEST_F(DbTest, CursorsAreTakenAndGivenBackFromSeveralThreads) {
 }
 
 TEST_F(DbTest, CursorHeldPastItsCacheIsDetached) {
+  AddOwner("ann");
   auto owners = cache_->Get<OwnerTable>();
+  owners->First();  // the cursor now holds prepared statements of the connection
+  ASSERT_TRUE(owners->name.Lookup("ann"));
   cache_.reset();
+  EXPECT_EQ(owners->name.Str(), "ann");  // the fields stay readable
   pnl_err::Error e = ErrorOf([&] { owners->First(); });
   EXPECT_EQ(e.object(), "owner");
   EXPECT_EQ(e.detail(), "database is closed");

@@ -144,6 +144,14 @@ TEST_F(FileStateTest, AMissingFileHasTheStateMissing) {
   }
 }
 
+TEST_F(FileStateTest, AFileThatExistsButCannotBeReadIsAnError) {
+  std::string stamp;
+  pnl_err::Error e = mailtest::ErrorOf([&] { zel_db::FileIsChanged(sandbox_.dir(), stamp); });
+  EXPECT_EQ(e.type(), "file");
+  EXPECT_EQ(e.object(), sandbox_.dir());
+  EXPECT_EQ(Count("file_state"), 0);
+}
+
 TEST_F(FileStateTest, OutsideARequestTheStateIsRememberedAtOnce) {
   EXPECT_TRUE(Changed());
   EXPECT_EQ(Count("file_state"), 1);
