@@ -16,8 +16,8 @@
 // deferred changes, is never dropped.
 //
 // Save reasons handed to AfterSave:
-//   kSavePosted   (0) records were posted or deleted and the file was
-//                     written at once;
+//   kSavePosted   (0) a record was posted (changed or not) or deleted and
+//                     the file was written at once;
 //   kSaveCreated  (1) a missing file was created empty because the create
 //                     flag was set (no record changed);
 //   kSaveDeferred (2) a deferred save wrote several changes at once
@@ -28,7 +28,8 @@
 //
 // All members are thread-safe. The process-wide engine is
 // BaseCachedConfig<PnlConfCache>::Instance(), built once as
-// PnlConfCache(20) and never destroyed.
+// PnlConfCache(20), that is keeping up to 20 unreferenced files, and never
+// destroyed.
 #pragma once
 
 #include <memory>
@@ -110,9 +111,10 @@ class ConfCache {
   // 0644, AfterSave with kSaveCreated) when create is set, else it is an
   // error. folder: used to create a missing file (opened on the file's
   // folder if it is not open yet, flushed after the creation). Throws
-  // pnl_err::Error: "conf"
-  // for an unknown table, a missing file or a path cached for another
-  // table, "file" when the file cannot be read or created.
+  // pnl_err::Error: "conf" for an unknown table, a missing file or a path
+  // cached for another table; "file" when the file cannot be read or
+  // created. The path is the cache key as given (made absolute, "." and
+  // ".." removed); FileName() returns that form.
   ConfRef Config(const std::string& name, pnl_file::safe::Folder& folder, const std::string& path,
                  bool create);
 

@@ -15,19 +15,18 @@
 // Post, Delete or Next throws). A hand edit is never overwritten from a
 // stale copy.
 //
-// Writing: each Post or Delete that changes the file saves it at once
+// Writing: each Post, and each Delete of a record, saves the file at once
 // (atomically) and then calls the table's AfterSave with reason 0; while
-// the engine is in deferred mode (ConfCache::BeginDeferred) it only changes
-// the cached copy. A Post that changes nothing still saves the file as it
-// is (and so runs AfterSave): posting is how a caller asks for the table's
-// after-save step. A Delete without a record writes nothing. A changed
-// record rewrites only its own line, and on it only the byte spans of the
-// changed fields when they are known (spacing and a trailing comment
-// survive); otherwise the line becomes NewRecordTemplate(). Before anything
-// is written, the new line is parsed back: a value that would not read back
-// as written (it holds a comment start, leading or trailing blanks, a word
-// that turns it into another view's line...) is refused with
-// pnl_err::Error("conf") and nothing changes.
+// the engine is in deferred mode (ConfCache::BeginDeferred) they only
+// change the cached copy. A Post that changes nothing still saves the file
+// as it is (and so runs AfterSave): posting is how a caller asks for the
+// table's after-save step. A changed record rewrites only its own line, and
+// on it only the byte spans of the changed fields when they are known
+// (spacing and a trailing comment survive); otherwise the line becomes
+// NewRecordTemplate(). Before anything is written, the new line is parsed
+// back: a value that would not read back as written (it holds a comment
+// start, leading blanks, a word that turns the line into another view's
+// line...) is refused with pnl_err::Error("conf") and nothing changes.
 //
 // Threads: one cursor belongs to one thread at a time; cursors on the same
 // file may be used from different threads, each operation holding the
