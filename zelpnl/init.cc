@@ -1,0 +1,236 @@
+// zelpnl init --sandbox DIR: a self-contained set-up in one folder, with
+// every file and command of the panel's mail pointing into it.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "commands.h"
+#include "records.h"
+#include "validation.h"
+#include "zelapi/db.h"
+#include "zelapi/err.h"
+#include "zelapi/proc.h"
+
+namespace fs = std::filesystem;
+
+namespace zelpnl {
+
+namespace {
+
+constexpr char kCfMacros[] = "/usr/share/sendmail/cf/m4/cf.m4";
+constexpr char kM4[] = "/usr/bin/m4";
+constexpr char kAdmin[] = "admin";
+
+// The files init makes; an existing one stops it.
+const char* const kFiles[] = {"zelpnl.conf",     "panel.db", "local-host-names", "virtusertable",
+                              "aliases",         "access",   "sendmail.mc",      "sendmail.cf",
+                              "service.switch",  "queue",    "zelpnl.log"};
+
+// The folder as an absolute path of characters that every file and command
+// line of the set-up carries without quoting (the commands run through the
+// shell, and the sendmail configuration quotes with ` and ').
+fs::path SandboxDir(const std::string& text) {
+  if (text.empty()) throw Invalid("sandbox folder", text, "is empty");
+  const fs::path dir = fs::absolute(text).lexically_normal();
+  std::string s = dir.string();
+  if (s.size() > 1 && s.back() == '/') s.pop_back();
+  for (char c : s) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '/' || c == '.' || c == '_' || c == '-' || c == '+';
+    if (!ok)
+      throw Invalid("sandbox folder", text,
+                    std::string("contains ") + Quote(std::string(1, c)) +
+                        "; use letters, digits and \"/._+-\" only (the path goes unquoted into "
+                        "shell commands and sendmail's configuration)");
+  }
+  if (s == "/") throw Invalid("sandbox folder", text, "is the root folder");
+  return s;
+}
+
+// sendmail refuses maps and alias files below a folder anyone may write to.
+void CheckFolderChain(const fs::path& dir) {
+  for (fs::path p = dir;; p = p.parent_path()) {
+    struct stat st;
+    if (::stat(p.c_str(), &st) == 0) {
+      if (!S_ISDIR(st.st_mode))
+        throw pnl_err::Error("unsafe", "folder " + Quote(p.string()), "is not a folder");
+      if (st.st_mode & S_IWOTH)
+        throw pnl_err::Error(
+            "unsafe", "folder " + Quote(p.string()),
+            "is writable by everyone, and sendmail refuses files below such a folder; choose a "
+            "sandbox folder whose parents only their owners may write to (not under /tmp)");
+    }
+    if (p == p.root_path() || p.empty()) break;
+  }
+}
+
+void MakeFolders(const fs::path& dir) {
+  std::vector<fs::path> missing;
+  for (fs::path p = dir; !fs::exists(p); p = p.parent_path()) missing.push_back(p);
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    fs::create_directory(*it);
+    fs::permissions(*it, fs::perms(0755));
+  }
+}
+
+void WriteText(const fs::path& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) throw pnl_err::Error("file", path.string(), "cannot be written");
+  fs::permissions(path, fs::perms(0644));
+}
+
+void Run(const std::string& command, const std::string& object) {
+  pnl_proc::Execute run(command, 2);
+  if (run.Result() != 0)
+    throw pnl_err::Error("init", object,
+                         "\"" + command + "\" failed with status " + std::to_string(run.Result()) +
+                             (run.Str().empty() ? "" : ":\n" + run.Str()));
+}
+
+// A minimal sendmail configuration that reads only the sandbox's files and
+// never asks DNS: host names from the hosts file, no probing of interfaces,
+// no canonification of addresses. The panel's mailboxes are no system
+// accounts, so the local mailer takes any user name (no "w" flag).
+std::string MailConfig(const std::string& d) {
+  return "divert(-1)\n"
+         "# sendmail configuration of the zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
+         "# It reads the sandbox's files only and never asks DNS. Rebuild with:\n"
+         "#   m4 " + d + "/sendmail.mc > " + d + "/sendmail.cf\n"
+         "divert(0)dnl\n"
+         "include(`" + kCfMacros + "')dnl\n"
+         "VERSIONID(`zelpnl sandbox')dnl\n"
+         "OSTYPE(`linux')dnl\n"
+         "MODIFY_MAILER_FLAGS(`LOCAL', `-w')dnl\n"
+         "define(`confCW_FILE', `" + d + "/local-host-names')dnl\n"
+         "FEATURE(`use_cw_file')dnl\n"
+         "define(`ALIAS_FILE', `" + d + "/aliases')dnl\n"
+         "FEATURE(`virtusertable', `hash -o " + d + "/virtusertable.db')dnl\n"
+         "FEATURE(`access_db', `hash -T<TMPF> -o " + d + "/access.db')dnl\n"
+         "FEATURE(`nocanonify')dnl\n"
+         "define(`confSERVICE_SWITCH_FILE', `" + d + "/service.switch')dnl\n"
+         "define(`QUEUE_DIR', `" + d + "/queue')dnl\n"
+         "define(`confDONT_PROBE_INTERFACES', `True')dnl\n"
+         "MAILER(`local')dnl\n"
+         "MAILER(`smtp')dnl\n";
+}
+
+std::string PanelConfig(const std::string& d, bool with_cf) {
+  std::string text =
+      "# zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
+      "[params]\n"
+      "MTA = sendmail\n"
+      "database = " + d + "/panel.db\n"
+      "log_file = " + d + "/zelpnl.log\n"
+      "log_level = info\n"
+      "module_dir = " + DefaultModuleDir() + "\n";
+  if (with_cf) text += "sendmail_cf = " + d + "/sendmail.cf\n";
+  text +=
+      "[paths]\n"
+      "sendmail-virtusertable = " + d + "/virtusertable\n"
+      "sendmail-localhostnames = " + d + "/local-host-names\n"
+      "sendmail-accessdb = " + d + "/access\n"
+      "sendmail-aliases = " + d + "/aliases\n"
+      "sendmail-mc = " + d + "/sendmail.mc\n";
+  if (with_cf)
+    text += "sendmail-newaliases = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bi\n";
+  else
+    text += "sendmail-newaliases = /usr/sbin/sendmail -bi -oA" + d + "/aliases\n";
+  text +=
+      "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
+      "# \"true\" does nothing and succeeds.\n"
+      "sendmail-restart = true\n"
+      "zelpnl-responder = /usr/lib/zelpnl/zelpnl-responder\n";
+  return text;
+}
+
+void Init(Host& host, const Output& out, const fs::path& dir) {
+  const std::string d = dir.string();
+  CheckFolderChain(dir);
+  for (const char* name : kFiles)
+    if (fs::exists(dir / name))
+      throw pnl_err::Error("exists", "sandbox folder " + Quote(d),
+                           "already holds " + std::string(name) + "; choose a new or empty folder");
+  MakeFolders(dir);
+
+  for (const char* name : {"local-host-names", "virtusertable", "access", "aliases"})
+    WriteText(dir / name, "");
+  WriteText(dir / "service.switch", "hosts files\naliases files\n");
+  fs::create_directory(dir / "queue");
+  fs::permissions(dir / "queue", fs::perms(0750));
+
+  const bool with_cf = fs::exists(kCfMacros) && fs::exists(kM4);
+  if (with_cf) {
+    WriteText(dir / "sendmail.mc", MailConfig(d));
+    const std::string cf = d + "/sendmail.cf";
+    pnl_proc::Execute m4(std::string(kM4) + " " + d + "/sendmail.mc > " + cf, 2);
+    if (m4.Result() != 0 || !m4.Str().empty()) {
+      fs::remove(cf);
+      throw pnl_err::Error("init", cf, "m4 could not build it:\n" + m4.Str());
+    }
+    fs::permissions(cf, fs::perms(0644));
+  }
+  const std::string config = d + "/zelpnl.conf";
+  WriteText(config, PanelConfig(d, with_cf));
+  for (const char* map : {"virtusertable", "access"})
+    Run("/usr/sbin/makemap hash " + d + "/" + map + " < " + d + "/" + map, d + "/" + map);
+
+  // The panel as every later run opens it: the module writes the "devnull"
+  // alias and builds the aliases database.
+  host.UseConfig(config);
+  host.Open(Needs::kMail);
+  pnl_db::Cache& db = host.Db();
+  {
+    pnl_db::Request request(db);
+    UserRow admin = db.Get<zel_db::UserTable>();
+    admin->New();
+    admin->name = kAdmin;
+    admin->Post();
+    request.End();
+  }
+
+  nlohmann::ordered_json doc = {{"sandbox",
+                         {{"dir", d},
+                          {"config", config},
+                          {"database", d + "/panel.db"},
+                          {"log_file", d + "/zelpnl.log"},
+                          {"sendmail_cf", with_cf ? nlohmann::ordered_json(d + "/sendmail.cf") : nullptr},
+                          {"admin", kAdmin}}}};
+  std::string text = "sandbox ready in " + d + "\n" +
+                     Fields({{"configuration", config},
+                             {"database", d + "/panel.db (user \"admin\")"},
+                             {"sendmail files", d + "/{local-host-names,virtusertable,aliases,access}"},
+                             {"sendmail.cf", with_cf ? d + "/sendmail.cf (for mail check)"
+                                                     : std::string("none (sendmail-cf or m4 missing)")},
+                             {"restart command", "true (no mail daemon runs on these files)"}}) +
+                     "use it with: export ZELPNL_CONF=" + config + "\n";
+  out.Print(doc, text);
+}
+
+}  // namespace
+
+void AddInitCommand(CLI::App& app, Command* out) {
+  auto dir = std::make_shared<std::string>();
+  CLI::App* init = app.add_subcommand(
+      "init", "Make a self-contained set-up in a folder: configuration, database, sendmail files");
+  init->footer(
+      "Writes DIR/zelpnl.conf with every path key pointing into DIR, the panel database "
+      "DIR/panel.db with the user \"admin\", empty local-host-names, virtusertable, aliases and "
+      "access files (the aliases file gets the \"devnull\" alias), and, where sendmail-cf and m4 "
+      "are installed, DIR/sendmail.mc and DIR/sendmail.cf: a sendmail configuration that reads "
+      "DIR's files, so that \"mail check\" asks sendmail itself. The aliases rebuild "
+      "(sendmail-newaliases) rebuilds DIR's aliases; the restart command is \"true\", which is "
+      "harmless: no mail daemon runs on these files. DIR must not lie below a folder anyone may "
+      "write to (such as /tmp): sendmail refuses files there.");
+  init->add_option("--sandbox", *dir, "The folder (made when missing; must hold none of the files)")
+      ->required()
+      ->option_text("DIR");
+  init->callback([=] {
+    const fs::path d = SandboxDir(*dir);
+    *out = {Needs::kNothing, [=](Host& h, const Output& o) { Init(h, o, d); }};
+  });
+}
+
+}  // namespace zelpnl

@@ -1,0 +1,90 @@
+#include "output.h"
+
+#include <cstdio>
+#include <iostream>
+
+namespace zelpnl {
+
+namespace {
+
+// Characters of UTF-8 text: bytes that do not continue a sequence.
+size_t Width(const std::string& text) {
+  size_t width = 0;
+  for (unsigned char c : text)
+    if ((c & 0xC0) != 0x80) ++width;
+  return width;
+}
+
+void Pad(std::string& line, const std::string& cell, size_t width) {
+  line += cell;
+  for (size_t w = Width(cell); w < width; ++w) line += ' ';
+}
+
+std::string TrimRight(std::string line) {
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return line;
+}
+
+}  // namespace
+
+void Output::Print(const nlohmann::ordered_json& data, const std::string& text) const {
+  if (json_) {
+    std::cout << data.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+  } else {
+    std::cout << text;
+  }
+  std::cout.flush();
+}
+
+void PrintError(const std::string& object, const std::string& detail) {
+  std::string cause = detail;
+  while (!cause.empty() && (cause.back() == '\n' || cause.back() == '\r')) cause.pop_back();
+  if (cause.empty()) cause = "failed";
+  std::cerr << "error: " << (object.empty() ? "" : object + ": ") << cause << "\n";
+  std::cerr.flush();
+}
+
+std::string Table(const std::vector<std::string>& header,
+                  const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths(header.size(), 0);
+  for (size_t i = 0; i < header.size(); ++i) widths[i] = Width(header[i]);
+  for (const auto& row : rows)
+    for (size_t i = 0; i < row.size() && i < widths.size(); ++i)
+      widths[i] = std::max(widths[i], Width(row[i]));
+  std::string out;
+  auto add = [&](const std::vector<std::string>& cells) {
+    std::string line;
+    for (size_t i = 0; i < cells.size() && i < widths.size(); ++i) {
+      if (i) line += "  ";
+      Pad(line, cells[i], widths[i]);
+    }
+    out += TrimRight(line) + "\n";
+  };
+  add(header);
+  for (const auto& row : rows) add(row);
+  return out;
+}
+
+std::string Fields(const std::vector<std::pair<std::string, std::string>>& fields) {
+  size_t width = 0;
+  for (const auto& [name, value] : fields) width = std::max(width, Width(name) + 1);
+  std::string out;
+  for (const auto& [name, value] : fields) {
+    std::string line;
+    Pad(line, name + ":", width);
+    out += TrimRight(line + " " + value) + "\n";
+  }
+  return out;
+}
+
+std::string JoinOrDash(const std::vector<std::string>& items) {
+  if (items.empty()) return "-";
+  std::string out;
+  for (const auto& item : items) {
+    if (!out.empty()) out += ", ";
+    out += item;
+  }
+  return out;
+}
+
+}  // namespace zelpnl

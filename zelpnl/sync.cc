@@ -1,0 +1,235 @@
+// zelpnl mail sync: reads sendmail's files back into the panel's tables and
+// tells what changed.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <map>
+
+#include "commands.h"
+#include "email/mta_interface.h"
+#include "records.h"
+#include "zelapi/err.h"
+
+namespace zelpnl {
+
+namespace {
+
+constexpr char kSyncHelp[] =
+    "Read sendmail's files back into the panel's database; the files are the truth. In order: "
+    "mail domains from the virtual user table (a catch-all line of a web domain of the panel "
+    "makes a mail domain row, a row without its line goes; the access map tells whether it is "
+    "suspended; a domain missing from local-host-names is added there), mailboxes from the "
+    "virtual user table (lines of known mail domains make rows, rows without a line go, a "
+    "disabled target means suspended; an alias line, which has no aliases entry of its own, stays an alias and is no mailbox), then each mailbox's aliases, forwards and forward-only "
+    "flag from its aliases entry and the virtual user table, each responder's on/off state from "
+    "its mailbox's aliases entry, and the whitelist and blacklist from the access map. Domains "
+    "and mailboxes are only read when the virtual user table changed since the panel last read "
+    "it, the whitelist when the access map did.\n\n"
+    "What it repairs: rows left behind or missing after a failed command (a command whose "
+    "back-end call failed undoes its own rows, but the files may hold part of the change), and "
+    "any hand edit of the files. It does not rewrite the files (except local-host-names and "
+    "access entries of domains, as above); to write a row's state to the files again use "
+    "\"mail domain update\", \"mail box resume\" or \"mail box set\".\n\n"
+    "Prints, per table, the rows before and after and what was added and removed. A progress "
+    "bar goes to standard error when it is a terminal.";
+
+// One table's rows, each as one line of text, sorted.
+struct Snapshot {
+  std::map<std::string, std::vector<std::string>> tables;
+};
+
+struct TableQuery {
+  const char* name;
+  const char* label;
+  const char* sql;
+};
+
+const TableQuery kTables[] = {
+    {"email_domain", "mail domains",
+     "SELECT name || CASE WHEN enabled THEN ' active ' ELSE ' suspended ' END || def_action || "
+     "CASE WHEN redirect != '' THEN ' ' || redirect ELSE '' END FROM email_domain"},
+    {"email", "mailboxes",
+     "SELECT e.name || '@' || d.name || CASE WHEN e.enabled THEN ' active' ELSE ' suspended' END "
+     "|| CASE WHEN e.forward_only THEN ' forward-only' ELSE '' END "
+     "FROM email e JOIN email_domain d ON d.id = e.domain"},
+    {"email_alias", "aliases",
+     "SELECT a.name || '@' || d.name || ' -> ' || e.name || '@' || d.name FROM email_alias a "
+     "JOIN email e ON e.id = a.email JOIN email_domain d ON d.id = e.domain"},
+    {"email_forward", "forwards",
+     "SELECT e.name || '@' || d.name || ' -> ' || f.name FROM email_forward f "
+     "JOIN email e ON e.id = f.email JOIN email_domain d ON d.id = e.domain"},
+    {"email_responder", "responders",
+     "SELECT e.name || '@' || d.name || CASE WHEN r.enabled THEN ' on' ELSE ' off' END "
+     "FROM email_responder r JOIN email e ON e.id = r.email JOIN email_domain d ON d.id = "
+     "e.domain"},
+    {"email_whitelist", "whitelist", "SELECT sender FROM email_whitelist"},
+    {"email_blacklist", "blacklist", "SELECT sender FROM email_blacklist"},
+};
+
+// The mailbox (other than `self`) whose alias the local part is, or "".
+std::string AliasOwner(pnl_db::Cache& db, int64_t domain_id, const std::string& local,
+                       int64_t self) {
+  pnl_db::Query q = db.Query(
+      "SELECT e.name FROM email_alias a JOIN email e ON e.id = a.email "
+      "WHERE e.domain = ? AND a.name = ? AND e.id != ?",
+      {static_cast<long long>(domain_id), local, static_cast<long long>(self)});
+  return q.Eof() ? "" : q.Str();
+}
+
+Snapshot Take(pnl_db::Cache& db) {
+  Snapshot s;
+  for (const TableQuery& t : kTables) {
+    std::vector<std::string>& rows = s.tables[t.name];
+    for (pnl_db::Query q = db.Query(t.sql); !q.Eof(); q.Next()) rows.push_back(q.Str());
+    std::sort(rows.begin(), rows.end());
+  }
+  return s;
+}
+
+std::vector<std::string> Minus(const std::vector<std::string>& a,
+                               const std::vector<std::string>& b) {
+  std::vector<std::string> out;
+  std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(out));
+  return out;
+}
+
+// A progress bar on stderr, drawn only when stderr is a terminal.
+class Progress {
+ public:
+  Progress(size_t total, bool draw) : total_(total), draw_(draw) {}
+  ~Progress() { Done(); }
+
+  void Step(const std::string& what) {
+    ++done_;
+    if (!draw_) return;
+    constexpr size_t kWidth = 30;
+    const size_t filled = total_ ? done_ * kWidth / total_ : kWidth;
+    std::string bar(filled, '#');
+    bar.resize(kWidth, '.');
+    std::string label = what.substr(0, 40);
+    std::cerr << "\r\033[Kmail sync [" << bar << "] " << done_ << "/" << total_ << " " << label;
+    std::cerr.flush();
+    drawn_ = true;
+  }
+  void Done() {
+    if (drawn_) {
+      std::cerr << "\r\033[K";
+      std::cerr.flush();
+      drawn_ = false;
+    }
+  }
+
+ private:
+  size_t total_;
+  size_t done_ = 0;
+  bool draw_;
+  bool drawn_ = false;
+};
+
+void Sync(Host& host, const Output& out) {
+  pnl_db::Cache& db = host.Db();
+  email::MtaInterface& mta = host.Mta();
+  const Snapshot before = Take(db);
+  std::vector<std::pair<std::string, std::string>> failures;  // object, cause
+
+  mta.CacheDomains();
+  mta.CacheEmails();
+
+  std::vector<Address> mailboxes;
+  for (pnl_db::Query q = db.Query(
+           "SELECT e.name, d.name FROM email e JOIN email_domain d ON d.id = e.domain "
+           "ORDER BY d.name, e.name");
+       !q.Eof(); q.Next())
+    mailboxes.push_back({q.Str(0), q.Str(1)});
+  std::vector<Address> responders;
+  for (pnl_db::Query q = db.Query(
+           "SELECT e.name, d.name FROM email_responder r JOIN email e ON e.id = r.email "
+           "JOIN email_domain d ON d.id = e.domain ORDER BY d.name, e.name");
+       !q.Eof(); q.Next())
+    responders.push_back({q.Str(0), q.Str(1)});
+
+  // Drawn once the mailboxes and responders are counted: the first two steps
+  // are then done.
+  Progress bar(2 + mailboxes.size() + responders.size() + 2, ::isatty(STDERR_FILENO) == 1);
+  Progress* progress = &bar;
+  progress->Step("mail domains");
+  progress->Step("mailboxes");
+  std::vector<std::pair<Address, std::string>> unbacked;  // no aliases entry
+  for (const Address& address : mailboxes) {
+    progress->Step(address.Text());
+    try {
+      MailboxRow mailbox = RequireMailbox(db, address);
+      mta.CacheAliases(mailbox);
+    } catch (const pnl_err::Error& e) {
+      unbacked.emplace_back(address, e.what());
+    }
+  }
+  // Every address line of a known mail domain came in as a mailbox, the
+  // alias lines too. A "mailbox" without an aliases entry of its own whose
+  // name is an alias of another mailbox is that alias's line: its row goes
+  // (the line stays). Any other one is a line the panel did not write.
+  for (const auto& [address, cause] : unbacked) {
+    MailDomainRow domain;
+    MailboxRow mailbox = RequireMailbox(db, address, &domain);
+    if (AliasOwner(db, domain->id.Value(), address.local, mailbox->id.Value()).empty()) {
+      failures.emplace_back("mailbox " + address.Text(),
+                            cause + " (a virtual user table line the panel did not write, or a "
+                                    "mailbox whose aliases entry is gone)");
+    } else {
+      mailbox->Delete();
+    }
+  }
+  for (const Address& address : responders) {
+    progress->Step("responder " + address.Text());
+    try {
+      MailboxRow mailbox = RequireMailbox(db, address);
+      ResponderRow responder = FindResponder(db, mailbox->id.Value());
+      if (responder) mta.GetResponder(responder);
+    } catch (const pnl_err::Error& e) {
+      failures.emplace_back("responder of " + address.Text(), e.what());
+    }
+  }
+  progress->Step("whitelist");
+  mta.CacheWhitelist();
+  progress->Step("blacklist");
+  mta.CacheBlacklist();
+  progress->Done();
+
+  const Snapshot after = Take(db);
+  nlohmann::ordered_json tables = nlohmann::ordered_json::object();
+  std::vector<std::vector<std::string>> rows;
+  std::string changes;
+  for (const TableQuery& t : kTables) {
+    const auto& b = before.tables.at(t.name);
+    const auto& a = after.tables.at(t.name);
+    const auto added = Minus(a, b);
+    const auto removed = Minus(b, a);
+    tables[t.name] = {{"label", t.label},      {"before", b.size()},  {"after", a.size()},
+                      {"added", added},        {"removed", removed}};
+    rows.push_back({t.label, std::to_string(b.size()), std::to_string(a.size()),
+                    std::to_string(added.size()), std::to_string(removed.size())});
+    for (const auto& item : removed) changes += std::string("  - ") + t.label + ": " + item + "\n";
+    for (const auto& item : added) changes += std::string("  + ") + t.label + ": " + item + "\n";
+  }
+  nlohmann::ordered_json failed = nlohmann::ordered_json::array();
+  for (const auto& [object, cause] : failures) failed.push_back({{"object", object}, {"cause", cause}});
+
+  std::string text = Table({"TABLE", "BEFORE", "AFTER", "ADDED", "REMOVED"}, rows);
+  text += changes.empty() ? "no changes\n" : "changes:\n" + changes;
+  out.Print({{"sync", {{"tables", tables}, {"failures", failed}}}}, text);
+  if (!failures.empty()) {
+    for (const auto& [object, cause] : failures) PrintError(object, cause);
+    out.SetFailed();
+  }
+}
+
+}  // namespace
+
+void AddSyncCommand(CLI::App& mail, Command* out) {
+  CLI::App* sync = mail.add_subcommand("sync", "Read sendmail's files back into the panel");
+  sync->footer(kSyncHelp);
+  sync->callback([=] { *out = {Needs::kMail, [](Host& h, const Output& o) { Sync(h, o); }}; });
+}
+
+}  // namespace zelpnl

@@ -1,0 +1,289 @@
+#include "validation.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+
+#include "zelapi/test.h"
+
+namespace zelpnl {
+
+namespace {
+
+constexpr size_t kMaxLocal = 64;
+constexpr size_t kMaxUser = 32;
+constexpr size_t kMaxSubject = 255;
+constexpr size_t kMaxText = 65536;
+
+std::string Lower(std::string text) {
+  for (char& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
+bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+// The characters that break a line of the mail files, with the reason, in
+// the order they are looked for. Empty when there is none.
+std::string LineBreaker(const std::string& text, const std::string& separators) {
+  for (unsigned char c : text) {
+    if (c == '\n' || c == '\r') return "contains a line end";
+    if (c == '\t') return "contains a tab, which separates the fields of a line";
+  }
+  for (char c : separators) {
+    if (text.find(c) == std::string::npos) continue;
+    switch (c) {
+      case ',':
+        return "contains a comma, which separates the targets of an aliases line";
+      case ':':
+        return "contains a colon, which ends the name of an aliases line";
+      case '#':
+        return "contains \"#\", which starts a comment in the mail files";
+      case '|':
+        return "contains \"|\", which the aliases file reads as a pipe to a program";
+      case ' ':
+        return "contains a blank";
+      case '"':
+        return "contains a double quote";
+      case '\\':
+        return "contains a backslash";
+      default:
+        return std::string("contains \"") + c + "\"";
+    }
+  }
+  for (unsigned char c : text)
+    if (IsControl(c)) return "contains a control character";
+  return "";
+}
+
+void RefuseBreakers(const std::string& kind, const std::string& text,
+                    const std::string& separators) {
+  const std::string why = LineBreaker(text, separators);
+  if (!why.empty()) throw Invalid(kind, text, why);
+}
+
+bool HasNonAscii(const std::string& text) {
+  for (unsigned char c : text)
+    if (c >= 0x80) return true;
+  return false;
+}
+
+bool IsIp6(const std::string& text) { return test::Const<&test::Ip6>(text); }
+bool IsIp(const std::string& text) { return test::Const<&test::Ip>(text); }
+
+std::string CompressedIp6(const std::string& text) {
+  unsigned char raw[16];
+  char out[INET6_ADDRSTRLEN];
+  if (::inet_pton(AF_INET6, text.c_str(), raw) != 1 ||
+      ::inet_ntop(AF_INET6, raw, out, sizeof(out)) == nullptr)
+    return text;
+  return out;
+}
+
+}  // namespace
+
+Invalid::Invalid(const std::string& kind, const std::string& value, const std::string& detail)
+    : pnl_err::Error("usage", kind + " " + Quote(value), detail) {}
+
+std::string Quote(const std::string& value) {
+  std::string out = "\"";
+  for (unsigned char c : value) {
+    switch (c) {
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      case '\\': out += "\\\\"; break;
+      case '"': out += "\\\""; break;
+      default:
+        if (IsControl(c)) {
+          char hex[8];
+          std::snprintf(hex, sizeof(hex), "\\x%02x", c);
+          out += hex;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string UserName(const std::string& text) {
+  const std::string kind = "user name";
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  if (text.size() > kMaxUser) throw Invalid(kind, text, "is longer than 32 characters");
+  RefuseBreakers(kind, text, ",:# ");
+  for (char c : text) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+                    c == '-';
+    if (!ok)
+      throw Invalid(kind, text,
+                    "may hold only lower-case letters, digits, \".\", \"_\" and \"-\"");
+  }
+  if (text[0] == '.' || text[0] == '_' || text[0] == '-')
+    throw Invalid(kind, text, "must start with a letter or a digit");
+  return text;
+}
+
+std::string DomainName(const std::string& text, const std::string& kind) {
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  RefuseBreakers(kind, text, ",:#| \"\\@");
+  if (text.back() == '.') throw Invalid(kind, text, "ends in a dot; give the name without it");
+  std::string name = Lower(text);
+  if (!test::Domain(name)) {
+    if (HasNonAscii(text))
+      throw Invalid(kind, text,
+                    "is not a valid domain name (cannot be converted to its ASCII form, or a "
+                    "label is invalid)");
+    throw Invalid(kind, text,
+                  "is not a valid domain name (two or more labels of letters, digits and "
+                  "\"-\", at most 63 characters each, the last not all digits)");
+  }
+  return name;
+}
+
+std::string LocalPart(const std::string& text, const std::string& kind) {
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  RefuseBreakers(kind, text, ",:#| \"\\@");
+  if (text.size() > kMaxLocal) throw Invalid(kind, text, "is longer than 64 characters");
+  if (text[0] == '/')
+    throw Invalid(kind, text, "starts with \"/\", which the aliases file reads as a file");
+  if (text.front() == '.' || text.back() == '.' || text.find("..") != std::string::npos)
+    throw Invalid(kind, text, "has a dot at its start or end, or two dots in a row");
+  std::string probe = text + "@example.com";
+  if (!test::Email(probe))
+    throw Invalid(kind, text,
+                  "is not a valid local part (letters, digits and !$%&'*+-/=?^_`{}~, "
+                  "dot-separated)");
+  return Lower(text);
+}
+
+Address MailAddress(const std::string& text, const std::string& kind) {
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  RefuseBreakers(kind, text, ",:#| \"\\");
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos) throw Invalid(kind, text, "has no \"@\"");
+  if (at == 0) throw Invalid(kind, text, "has no local part before \"@\"");
+  if (at + 1 == text.size()) throw Invalid(kind, text, "has no domain after \"@\"");
+  Address address;
+  try {
+    address.local = LocalPart(text.substr(0, at));
+    address.domain = DomainName(text.substr(at + 1));
+  } catch (const Invalid& e) {
+    throw Invalid(kind, text, e.detail() + " (" + e.object() + ")");
+  }
+  if (address.Text().size() > 254)
+    throw Invalid(kind, text, "is longer than 254 characters");
+  return address;
+}
+
+std::string AliasName(const std::string& text, const std::string& domain) {
+  const std::string kind = "alias";
+  if (text.find('@') == std::string::npos) return LocalPart(text, kind);
+  const Address address = MailAddress(text, kind);
+  if (address.domain != domain)
+    throw Invalid(kind, text, "is not in the mailbox's domain " + domain);
+  return address.local;
+}
+
+std::string ForwardTarget(const std::string& text, bool allow_programs) {
+  const std::string kind = "forward target";
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  std::string body = text;
+  if (body.size() >= 2 && body.front() == '"' && body.back() == '"')
+    body = body.substr(1, body.size() - 2);
+  const bool program = !body.empty() && body[0] == '|';
+  const bool file = !body.empty() && body[0] == '/';
+  if (program || file) {
+    const std::string what = program ? "a pipe to a program" : "a file";
+    if (!allow_programs)
+      throw Invalid(kind, text, "is " + what + ", which needs --allow-program-targets");
+    const std::string why = LineBreaker(body, ",\"\\");
+    if (!why.empty()) throw Invalid(kind, text, why);
+    if ((program && body.size() < 2) || (file && body.size() < 2))
+      throw Invalid(kind, text, "names no " + std::string(program ? "program" : "file"));
+    return "\"" + body + "\"";
+  }
+  if (text.front() == '"') throw Invalid(kind, text, "contains a double quote");
+  if (text.rfind(":include:", 0) == 0)
+    throw Invalid(kind, text, "is an include file, which the panel does not write");
+  const Address address = MailAddress(text, kind);
+  // The local part of a remote address keeps its letter case.
+  return text.substr(0, text.rfind('@')) + "@" + address.domain;
+}
+
+std::string Sender(const std::string& text, std::string* kind_out) {
+  const std::string kind = "sender";
+  if (text.empty()) throw Invalid(kind, text, "is empty");
+  RefuseBreakers(kind, text, ",#| \"\\");
+  std::string which;
+  std::string value;
+  if (text.find('@') != std::string::npos) {
+    which = "address";
+    value = MailAddress(text, kind).Text();
+  } else if (IsIp6(text)) {
+    which = "ipv6";
+    value = CompressedIp6(Lower(text));
+  } else if (IsIp(text)) {
+    which = "ipv4";
+    value = text;
+  } else {
+    bool digits_and_dots = true;
+    for (char c : text) digits_and_dots &= (c >= '0' && c <= '9') || c == '.';
+    if (digits_and_dots || text.find(':') != std::string::npos)
+      throw Invalid(kind, text, "is not a valid IPv4 or IPv6 address");
+    try {
+      value = DomainName(text);
+    } catch (const Invalid&) {
+      throw Invalid(kind, text,
+                    "is neither an e-mail address, a domain name, an IPv4 nor an IPv6 address");
+    }
+    which = "domain";
+  }
+  if (kind_out) *kind_out = which;
+  return value;
+}
+
+std::string Redirect(const std::string& action, const std::string& redirect,
+                     const std::string& domain) {
+  if (action == "error" || action == "ignore") {
+    if (!redirect.empty())
+      throw Invalid("redirect", redirect,
+                    "is only taken with the default actions redir_email and redir_domain, not " +
+                        action);
+    return "";
+  }
+  if (action == "redir_email") {
+    if (redirect.empty())
+      throw Invalid("default action", action, "needs --redirect with an e-mail address");
+    return MailAddress(redirect, "redirect").Text();
+  }
+  if (action == "redir_domain") {
+    if (redirect.empty())
+      throw Invalid("default action", action, "needs --redirect with a domain name");
+    const std::string target = DomainName(redirect, "redirect");
+    if (target == domain)
+      throw Invalid("redirect", redirect, "is the domain itself; mail would loop");
+    return target;
+  }
+  throw Invalid("default action", action,
+                "is not one of error, ignore, redir_email, redir_domain");
+}
+
+std::string ResponderSubject(const std::string& text) {
+  const std::string kind = "responder subject";
+  if (text.size() > kMaxSubject) throw Invalid(kind, text, "is longer than 255 characters");
+  for (unsigned char c : text)
+    if (IsControl(c)) throw Invalid(kind, text, "is not one line (contains a control character)");
+  return text;
+}
+
+std::string ResponderText(const std::string& text) {
+  const std::string kind = "responder text";
+  if (text.size() > kMaxText) throw Invalid(kind, text.substr(0, 40) + "...", "is longer than 65536 bytes");
+  for (unsigned char c : text)
+    if (IsControl(c) && c != '\n' && c != '\t' && c != '\r')
+      throw Invalid(kind, text, "contains a control character other than line ends and tabs");
+  return text;
+}
+
+}  // namespace zelpnl
