@@ -1,0 +1,178 @@
+// zelpnl init: the sandbox's files, its configuration, its database, and the
+// folders it refuses; finding the configuration file.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "zelpnl_fixture.h"
+
+using zeltest::RunProgram;
+using zeltest::ZelpnlTest;
+
+namespace {
+
+const char kZelpnl[] = ZEL_BIN_DIR "/zelpnl";
+const bool kHaveCf = std::filesystem::exists("/usr/share/sendmail/cf/m4/cf.m4") &&
+                     std::filesystem::exists("/usr/bin/m4");
+
+}  // namespace
+
+TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
+  const std::string d = Dir();
+  std::string expected =
+      "# zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
+      "[params]\n"
+      "MTA = sendmail\n"
+      "database = " + d + "/panel.db\n"
+      "log_file = " + d + "/zelpnl.log\n"
+      "log_level = info\n"
+      "module_dir = " + std::filesystem::path(ZEL_LIB_DIR "/modules").lexically_normal().string() +
+      "\n";
+  if (kHaveCf) expected += "sendmail_cf = " + d + "/sendmail.cf\n";
+  expected +=
+      "[paths]\n"
+      "sendmail-virtusertable = " + d + "/virtusertable\n"
+      "sendmail-localhostnames = " + d + "/local-host-names\n"
+      "sendmail-accessdb = " + d + "/access\n"
+      "sendmail-aliases = " + d + "/aliases\n"
+      "sendmail-mc = " + d + "/sendmail.mc\n";
+  expected += kHaveCf ? "sendmail-newaliases = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bi\n"
+                      : "sendmail-newaliases = /usr/sbin/sendmail -bi -oA" + d + "/aliases\n";
+  expected +=
+      "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
+      "# \"true\" does nothing and succeeds.\n"
+      "sendmail-restart = true\n"
+      "zelpnl-responder = /usr/lib/zelpnl/zelpnl-responder\n";
+  EXPECT_EQ(File("zelpnl.conf"), expected);
+}
+
+TEST_F(ZelpnlTest, InitMakesEmptyMailFilesTheirMapsTheDevnullAliasAndTheAdministrator) {
+  EXPECT_EQ(File("local-host-names"), "");
+  EXPECT_EQ(File("virtusertable"), "");
+  EXPECT_EQ(File("access"), "");
+  EXPECT_EQ(File("aliases"), zeltest::kDevnull);
+  for (const char* map : {"virtusertable.db", "access.db", "aliases.db"})
+    EXPECT_TRUE(std::filesystem::exists(Path(map))) << map;
+  EXPECT_EQ(Rows("SELECT name FROM users"), "admin");
+  EXPECT_EQ(File("service.switch"), "hosts files\naliases files\n");
+}
+
+TEST_F(ZelpnlTest, InitBuildsASendmailConfigurationThatReadsTheSandbox) {
+  if (!kHaveCf) GTEST_SKIP() << "sendmail-cf or m4 is not installed";
+  const std::string mc = File("sendmail.mc");
+  for (const std::string& line : std::vector<std::string>{
+           "include(`/usr/share/sendmail/cf/m4/cf.m4')dnl\n",
+        "define(`confCW_FILE', `" + Path("local-host-names") + "')dnl\n",
+        "define(`ALIAS_FILE', `" + Path("aliases") + "')dnl\n",
+        "FEATURE(`virtusertable', `hash -o " + Path("virtusertable.db") + "')dnl\n",
+        "FEATURE(`access_db', `hash -T<TMPF> -o " + Path("access.db") + "')dnl\n",
+        "FEATURE(`nocanonify')dnl\n",
+        "define(`confSERVICE_SWITCH_FILE', `" + Path("service.switch") + "')dnl\n",
+        "define(`QUEUE_DIR', `" + Path("queue") + "')dnl\n",
+        "define(`confDONT_PROBE_INTERFACES', `True')dnl\n"})
+    EXPECT_NE(mc.find(line), std::string::npos) << line;
+  EXPECT_EQ(mc.find("OSTYPE(`debian')"), std::string::npos);
+  const std::string cf = File("sendmail.cf");
+  EXPECT_NE(cf.find("O AliasFile=" + Path("aliases")), std::string::npos);
+  EXPECT_NE(cf.find("Fw" + Path("local-host-names")), std::string::npos);
+  // sendmail itself answers with the sandbox's configuration.
+  const zeltest::Result run = Zel({"mail", "check", "devnull"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("deliverable: mailer *file*"), std::string::npos) << run.out;
+}
+
+TEST_F(ZelpnlTest, InitJsonNamesTheSetUp) {
+  const std::string other = box_.Path("other");
+  const zeltest::Result run = RunProgram({kZelpnl, "init", "--sandbox", other, "--json"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  const auto doc = nlohmann::ordered_json::parse(run.out);
+  EXPECT_EQ(doc["sandbox"]["dir"], other);
+  EXPECT_EQ(doc["sandbox"]["config"], other + "/zelpnl.conf");
+  EXPECT_EQ(doc["sandbox"]["database"], other + "/panel.db");
+  EXPECT_EQ(doc["sandbox"]["admin"], "admin");
+  if (kHaveCf) {
+    EXPECT_EQ(doc["sandbox"]["sendmail_cf"], other + "/sendmail.cf");
+  }
+}
+
+TEST_F(ZelpnlTest, InitRefusesAFolderBelowAWorldWritableFolder) {
+  const std::string open = box_.Path("open");
+  std::filesystem::create_directory(open);
+  ::chmod(open.c_str(), 01777);
+  const zeltest::Result run = RunProgram({kZelpnl, "init", "--sandbox", open + "/sb"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "error: folder \"" + open +
+                         "\": is writable by everyone, and sendmail refuses files below such a "
+                         "folder; choose a sandbox folder whose parents only their owners may "
+                         "write to (not under /tmp)\n");
+  EXPECT_FALSE(std::filesystem::exists(open + "/sb"));
+}
+
+TEST_F(ZelpnlTest, InitRefusesAFolderThatHoldsASetUpAndLeavesItAlone) {
+  Ok({"webdomain", "add", "d.example", "--owner", "admin"});
+  const auto before = State();
+  const std::string conf = File("zelpnl.conf");
+  const zeltest::Result run = RunProgram({kZelpnl, "init", "--sandbox", Dir()});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "error: sandbox folder \"" + Dir() +
+                         "\": already holds zelpnl.conf; choose a new or empty folder\n");
+  EXPECT_EQ(State(), before);
+  EXPECT_EQ(File("zelpnl.conf"), conf);
+}
+
+TEST_F(ZelpnlTest, InitRefusesAFolderNameTheCommandsCannotCarry) {
+  const std::string bad = box_.Path("with blank");
+  const zeltest::Result run = RunProgram({kZelpnl, "init", "--sandbox", bad});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("error: sandbox folder \"" + bad + "\": contains \" \""),
+            std::string::npos)
+      << run.err;
+  EXPECT_FALSE(std::filesystem::exists(bad));
+}
+
+TEST_F(ZelpnlTest, ConfigurationComesFromTheEnvironmentWithoutConfigOption) {
+  Ok({"user", "add", "carol"});
+  const zeltest::Result run =
+      RunProgram({kZelpnl, "user", "list", "--json"}, {"ZELPNL_CONF=" + Config()});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(nlohmann::ordered_json::parse(run.out)["users"].size(), 2u);
+}
+
+TEST_F(ZelpnlTest, MissingConfigurationFileIsAnError) {
+  const std::string missing = box_.Path("none.conf");
+  const zeltest::Result run = RunProgram({kZelpnl, "--config", missing, "user", "list"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "error: " + missing +
+                ": no such configuration file (make a set-up with \"zelpnl init --sandbox DIR\", "
+                "or name the file with --config or ZELPNL_CONF)\n");
+}
+
+TEST_F(ZelpnlTest, ConfigurationWithoutSendmailRegistersNoBackEnd) {
+  std::string conf = File("zelpnl.conf");
+  conf.replace(conf.find("MTA = sendmail"), 14, "MTA = other");
+  WriteFile("zelpnl.conf", conf);
+  const zeltest::Result run = Zel({"mail", "domain", "list"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "error: mail: no mail back-end registered; is MTA = sendmail set in " +
+                         Config() + "?\n");
+}
+
+TEST_F(ZelpnlTest, UsageErrorsExitTwoAndHelpExitsZero) {
+  zeltest::Result run = Zel({"mail", "domain", "frobnicate"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err.rfind("error: ", 0), 0u) << run.err;
+  run = Zel({"mail", "box", "add"});
+  EXPECT_EQ(run.status, 2);
+  run = Zel({"mail", "domain", "add", "d.example", "--default-action", "bounce"});
+  EXPECT_EQ(run.status, 2);
+  for (const std::vector<std::string>& help :
+       {std::vector<std::string>{"--help"}, {"mail", "--help"}, {"mail", "sync", "--help"},
+        {"mail", "box", "set", "--help"}, {"init", "--help"}}) {
+    run = Zel(help);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("Usage:"), std::string::npos) << run.out;
+  }
+  run = Zel({"mail", "sync", "--help"});
+  EXPECT_NE(run.out.find("What it repairs"), std::string::npos) << run.out;
+}
