@@ -1,7 +1,7 @@
 #include "email/tables.h"
 
+#include <atomic>
 #include <memory>
-#include <mutex>
 #include <typeinfo>
 #include <utility>
 
@@ -15,26 +15,14 @@ namespace {
 template <class T>
 class StepSlot {
  public:
-  static void Install(AfterSaveStep step) {
-    std::lock_guard<std::mutex> guard(mutex());
-    slot() = std::make_shared<AfterSaveStep>(std::move(step));
-  }
+  static void Install(AfterSaveStep step) { slot().store(step); }
   static void Run(ConfRef& ref, ConfCache::SaveReason& reason) {
-    std::shared_ptr<AfterSaveStep> step;
-    {
-      std::lock_guard<std::mutex> guard(mutex());
-      step = slot();
-    }
-    if (step && *step) (*step)(ref, reason);
+    if (AfterSaveStep step = slot().load()) step(ref, reason);
   }
 
  private:
-  static std::mutex& mutex() {
-    static std::mutex m;
-    return m;
-  }
-  static std::shared_ptr<AfterSaveStep>& slot() {
-    static std::shared_ptr<AfterSaveStep> s;
+  static std::atomic<AfterSaveStep>& slot() {
+    static std::atomic<AfterSaveStep> s{nullptr};
     return s;
   }
 };
@@ -66,7 +54,7 @@ void LocalHostNames::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
 }
 
 void LocalHostNames::SetAfterSaveStep(AfterSaveStep step) {
-  StepSlot<LocalHostNames>::Install(std::move(step));
+  StepSlot<LocalHostNames>::Install(step);
 }
 
 VirtualUserTable::VirtualUserTable() {
@@ -85,7 +73,7 @@ void VirtualUserTable::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
 }
 
 void VirtualUserTable::SetAfterSaveStep(AfterSaveStep step) {
-  StepSlot<VirtualUserTable>::Install(std::move(step));
+  StepSlot<VirtualUserTable>::Install(step);
 }
 
 AliasTable::AliasTable() {
@@ -101,7 +89,7 @@ void AliasTable::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
 }
 
 void AliasTable::SetAfterSaveStep(AfterSaveStep step) {
-  StepSlot<AliasTable>::Install(std::move(step));
+  StepSlot<AliasTable>::Install(step);
 }
 
 AccessDb::AccessDb() {
@@ -117,7 +105,7 @@ void AccessDb::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
 }
 
 void AccessDb::SetAfterSaveStep(AfterSaveStep step) {
-  StepSlot<AccessDb>::Install(std::move(step));
+  StepSlot<AccessDb>::Install(step);
 }
 
 }  // namespace email

@@ -9,14 +9,15 @@
 // throws reaches the Post or Delete that caused the save.
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "zelapi/conf/conf.h"
 
 namespace email {
 
-using AfterSaveStep = std::function<void(ConfRef& ref, ConfCache::SaveReason& reason)>;
+// A plain function: a step may live in a module that is unloaded before the
+// tables are destroyed, so the tables keep nothing that must be destroyed.
+using AfterSaveStep = void (*)(ConfRef& ref, ConfCache::SaveReason& reason);
 
 class LocalHostNames : public PnlCachedConfig<LocalHostNames> {
  public:

@@ -81,10 +81,17 @@ TEST_F(SendmailSpecificsTest, EachActionReadsBack) {
 }
 
 TEST_F(SendmailSpecificsTest, PrefixIsAlwaysCutFromTheFront) {
+  // "1@b.example" is no domain, so the address test on the whole target
+  // decides: "%" is a valid local-part character.
   auto d = NewDomain("a.example", "ignore", "keep");
   ReadBack(d, "xy%1@b.example");
-  EXPECT_EQ(d->def_action.Str(), "ignore");
-  EXPECT_EQ(d->redirect.Str(), "keep");
+  EXPECT_EQ(d->def_action.Str(), "redir_email");
+  EXPECT_EQ(d->redirect.Str(), "xy%1@b.example");
+  // When the address test fails too, the row keeps what it had.
+  auto e = NewDomain("e.example", "ignore", "keep");
+  ReadBack(e, "x y%1@b.example");
+  EXPECT_EQ(e->def_action.Str(), "ignore");
+  EXPECT_EQ(e->redirect.Str(), "keep");
 }
 
 TEST_F(SendmailSpecificsTest, UnmatchedTargetLeavesTheRowAlone) {

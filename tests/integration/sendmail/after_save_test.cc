@@ -73,7 +73,8 @@ TEST_F(AfterSaveTest, PostToAccessMapRebuildsTheHashedMap) {
   access->source.Set("Connect:192.0.2.7");
   access->target.Set("REJECT");
   access->Post("");
-  EXPECT_EQ(DumpMap(box_.Path("access")), "Connect:192.0.2.7\tREJECT\n");
+  // makemap folds keys to lower case.
+  EXPECT_EQ(DumpMap(box_.Path("access")), "connect:192.0.2.7\tREJECT\n");
 }
 
 TEST_F(AfterSaveTest, HashedMapIsRebuiltForReasonsZeroAndTwoOnly) {
@@ -190,7 +191,7 @@ TEST_F(AfterSaveTest, FilesWrittenByTheTablesAreAcceptedByMakemapAndNewaliasesAn
             "@a.example\terror:nouser No such user here\nx@a.example\tx+a.example\n");
   std::string out;
   ASSERT_EQ(zeltest::RunShell("/usr/sbin/makemap -u hash " + box_.Path("aliases"), &out), 0) << out;
-  EXPECT_NE(out.find("x+a.example\tx\\@a.example,fwd@b.example"), std::string::npos) << out;
+  EXPECT_NE(out.find("x+a.example\tx\\@a.example, fwd@b.example\n"), std::string::npos) << out;
 
   auto aliases = email::AliasTable::Get<email::Aliases>(box_.Path("aliases"), true);
   ASSERT_TRUE(aliases->Find("x+a.example"));

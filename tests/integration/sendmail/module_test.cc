@@ -34,7 +34,11 @@ class ModuleTest : public ::testing::Test {
     pnl_cf::SetPath("sendmail-accessdb", box_.Path("access"));
     pnl_cf::SetPath("sendmail-newaliases", "/usr/sbin/sendmail -bi -oA" + box_.Path("aliases"));
   }
-  void TearDown() override { email::ForgetMta(); }
+  // The host owns the back-end; the module is still loaded here.
+  void TearDown() override {
+    delete email::GetMta();
+    email::ForgetMta();
+  }
 
   // Loads the module and constructs its registered module objects.
   void Construct() {
