@@ -13,7 +13,7 @@ struct Case {
   std::string err;  // the whole of standard error
 };
 
-class BadInputTest : public ZelpnlTest {
+class ZelpnlBadInputTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     ZelpnlTest::SetUp();
@@ -43,7 +43,7 @@ const std::string kBadDomain =
 
 }  // namespace
 
-TEST_F(BadInputTest, DomainNames) {
+TEST_F(ZelpnlBadInputTest, DomainNames) {
   ExpectRefused({
       {{"mail", "domain", "add", "exa_mple.example"}, 2,
        "error: domain name \"exa_mple.example\": " + kBadDomain + "\n"},
@@ -76,7 +76,7 @@ TEST_F(BadInputTest, DomainNames) {
   });
 }
 
-TEST_F(BadInputTest, LocalPartsAndAddresses) {
+TEST_F(ZelpnlBadInputTest, LocalPartsAndAddresses) {
   ExpectRefused({
       {{"mail", "box", "add", "#box@d.example"}, 2,
        "error: address \"#box@d.example\": contains \"#\", which starts a comment in the mail "
@@ -115,7 +115,7 @@ TEST_F(BadInputTest, LocalPartsAndAddresses) {
   });
 }
 
-TEST_F(BadInputTest, ForwardTargets) {
+TEST_F(ZelpnlBadInputTest, ForwardTargets) {
   auto set = [](const std::string& target) {
     return std::vector<std::string>{"mail", "box", "set", "l@d.example", "--forward", target};
   };
@@ -151,7 +151,7 @@ TEST_F(BadInputTest, ForwardTargets) {
   });
 }
 
-TEST_F(BadInputTest, SenderEntries) {
+TEST_F(ZelpnlBadInputTest, SenderEntries) {
   auto add = [](const std::string& sender) {
     return std::vector<std::string>{"mail", "whitelist", "add", sender};
   };
@@ -175,7 +175,7 @@ TEST_F(BadInputTest, SenderEntries) {
   });
 }
 
-TEST_F(BadInputTest, UsersAndDuplicates) {
+TEST_F(ZelpnlBadInputTest, UsersAndDuplicates) {
   ExpectRefused({
       {{"user", "add", "admin"}, 1, "error: user \"admin\": already exists\n"},
       {{"user", "add", "Root"}, 2,
@@ -194,7 +194,7 @@ TEST_F(BadInputTest, UsersAndDuplicates) {
   });
 }
 
-TEST_F(BadInputTest, JsonErrorsAreDocumentsToo) {
+TEST_F(ZelpnlBadInputTest, JsonErrorsAreDocumentsToo) {
   const zeltest::Result run = Zel({"mail", "box", "add", "noat", "--json"});
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(run.err, "error: address \"noat\": has no \"@\"\n");

@@ -7,7 +7,7 @@ using zeltest::ZelpnlTest;
 
 namespace {
 
-class CheckTest : public ZelpnlTest {
+class ZelpnlCheckTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     if (!std::filesystem::exists("/usr/share/sendmail/cf/m4/cf.m4"))
@@ -19,7 +19,7 @@ class CheckTest : public ZelpnlTest {
 
 }  // namespace
 
-TEST_F(CheckTest, AMailboxIsDeliveredThroughItsAliasesEntry) {
+TEST_F(ZelpnlCheckTest, AMailboxIsDeliveredThroughItsAliasesEntry) {
   Ok({"mail", "box", "set", "l@d.example", "--alias", "a", "--forward", "f@x.example"});
   const zeltest::Result run = Zel({"mail", "check", "a@d.example"});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -28,7 +28,7 @@ TEST_F(CheckTest, AMailboxIsDeliveredThroughItsAliasesEntry) {
             "f@x.example... deliverable: mailer esmtp, host x.example., user f@x.example\n");
 }
 
-TEST_F(CheckTest, AnUnknownAddressAndASuspendedMailboxAreRefused) {
+TEST_F(ZelpnlCheckTest, AnUnknownAddressAndASuspendedMailboxAreRefused) {
   zeltest::Result run = Zel({"mail", "check", "zz@d.example"});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.out, "zz@d.example... No such user here\n");
@@ -40,7 +40,7 @@ TEST_F(CheckTest, AnUnknownAddressAndASuspendedMailboxAreRefused) {
   EXPECT_EQ(run.out, "l@d.example... Account temporary disabled\n");
 }
 
-TEST_F(CheckTest, JsonCarriesTheAnswer) {
+TEST_F(ZelpnlCheckTest, JsonCarriesTheAnswer) {
   Ok({"mail", "domain", "set", "d.example", "--default-action", "ignore"});
   const zeltest::Result run = Zel({"mail", "check", "anyone@d.example", "--json"});
   EXPECT_EQ(run.status, 0) << run.err;
@@ -53,7 +53,7 @@ TEST_F(CheckTest, JsonCarriesTheAnswer) {
                 {"\"/dev/null\"... deliverable: mailer *file*, user /dev/null"}));
 }
 
-TEST_F(CheckTest, AnAddressThatIsNoAddressIsRefusedBeforeSendmailRuns) {
+TEST_F(ZelpnlCheckTest, AnAddressThatIsNoAddressIsRefusedBeforeSendmailRuns) {
   const zeltest::Result run = Zel({"mail", "check", "a b@d.example"});
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(run.err, "error: address \"a b@d.example\": contains a blank\n");

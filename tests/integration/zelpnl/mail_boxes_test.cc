@@ -8,7 +8,7 @@ using zeltest::ZelpnlTest;
 
 namespace {
 
-class MailboxTest : public ZelpnlTest {
+class ZelpnlMailboxTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     ZelpnlTest::SetUp();
@@ -21,7 +21,7 @@ class MailboxTest : public ZelpnlTest {
 
 }  // namespace
 
-TEST_F(MailboxTest, AddWritesTheVirtualUserTableLineAndTheAliasesEntry) {
+TEST_F(ZelpnlMailboxTest, AddWritesTheVirtualUserTableLineAndTheAliasesEntry) {
   auto doc = Json({"mail", "box", "add", "L@d.example"});
   EXPECT_EQ(doc["mailbox"],
             nlohmann::ordered_json({{"address", "l@d.example"},
@@ -38,7 +38,7 @@ TEST_F(MailboxTest, AddWritesTheVirtualUserTableLineAndTheAliasesEntry) {
   EXPECT_EQ(Rows("SELECT name, enabled, forward_only FROM email"), "l:1:0");
 }
 
-TEST_F(MailboxTest, AddForwardOnlyWithForwardsAndAliases) {
+TEST_F(ZelpnlMailboxTest, AddForwardOnlyWithForwardsAndAliases) {
   Ok({"mail", "box", "add", "l@d.example", "--forward-only", "--forward", "f@x.example",
       "--forward", "g@Y.example", "--alias", "a", "--alias", "b@d.example"});
   EXPECT_EQ(File("virtusertable"),
@@ -49,7 +49,7 @@ TEST_F(MailboxTest, AddForwardOnlyWithForwardsAndAliases) {
   EXPECT_EQ(Rows("SELECT name FROM email_alias ORDER BY id"), "a|b");
 }
 
-TEST_F(MailboxTest, ForwardOnlyWithoutForwardIsRefused) {
+TEST_F(ZelpnlMailboxTest, ForwardOnlyWithoutForwardIsRefused) {
   const auto before = State();
   const zeltest::Result run = Zel({"mail", "box", "add", "l@d.example", "--forward-only"});
   EXPECT_EQ(run.status, 2);
@@ -59,7 +59,7 @@ TEST_F(MailboxTest, ForwardOnlyWithoutForwardIsRefused) {
   EXPECT_EQ(State(), before);
 }
 
-TEST_F(MailboxTest, AddRefusesDuplicatesAliasesAndUnknownDomains) {
+TEST_F(ZelpnlMailboxTest, AddRefusesDuplicatesAliasesAndUnknownDomains) {
   Ok({"mail", "box", "add", "l@d.example", "--alias", "a"});
   const auto before = State();
   struct Case {
@@ -84,7 +84,7 @@ TEST_F(MailboxTest, AddRefusesDuplicatesAliasesAndUnknownDomains) {
   }
 }
 
-TEST_F(MailboxTest, SetAddsAndRemovesAliasesAndForwards) {
+TEST_F(ZelpnlMailboxTest, SetAddsAndRemovesAliasesAndForwards) {
   Ok({"mail", "box", "add", "l@d.example"});
   auto doc = Json({"mail", "box", "set", "l@d.example", "--alias", "a", "--alias", "b",
                    "--forward", "f@x.example"});
@@ -107,7 +107,7 @@ TEST_F(MailboxTest, SetAddsAndRemovesAliasesAndForwards) {
   EXPECT_EQ(Rows("SELECT name FROM email_forward"), "g@x.example");
 }
 
-TEST_F(MailboxTest, SetRefusesWhatWouldBreakTheMailboxBeforeWriting) {
+TEST_F(ZelpnlMailboxTest, SetRefusesWhatWouldBreakTheMailboxBeforeWriting) {
   Ok({"mail", "box", "add", "l@d.example", "--alias", "a", "--forward-only", "--forward",
       "f@x.example"});
   Ok({"mail", "box", "add", "m@d.example"});
@@ -150,7 +150,7 @@ TEST_F(MailboxTest, SetRefusesWhatWouldBreakTheMailboxBeforeWriting) {
   }
 }
 
-TEST_F(MailboxTest, ProgramAndFileTargetsOnlyWhenAllowed) {
+TEST_F(ZelpnlMailboxTest, ProgramAndFileTargetsOnlyWhenAllowed) {
   Ok({"mail", "box", "add", "l@d.example"});
   const auto before = State();
   zeltest::Result run = Zel({"mail", "box", "set", "l@d.example", "--forward", "|/usr/bin/filter -q"});
@@ -169,7 +169,7 @@ TEST_F(MailboxTest, ProgramAndFileTargetsOnlyWhenAllowed) {
   EXPECT_EQ(File("aliases"), Aliases("l+d.example:\t\"/var/mail/copy\", l\\@d.example\n"));
 }
 
-TEST_F(MailboxTest, SuspendResumeAndDelete) {
+TEST_F(ZelpnlMailboxTest, SuspendResumeAndDelete) {
   Ok({"mail", "box", "add", "l@d.example", "--alias", "a"});
   auto doc = Json({"mail", "box", "suspend", "l@d.example"});
   EXPECT_EQ(doc["mailbox"]["enabled"], false);
@@ -192,7 +192,7 @@ TEST_F(MailboxTest, SuspendResumeAndDelete) {
   EXPECT_EQ(run.err, "error: mailbox \"l@d.example\": does not exist\n");
 }
 
-TEST_F(MailboxTest, ListAndShow) {
+TEST_F(ZelpnlMailboxTest, ListAndShow) {
   Ok({"webdomain", "add", "e.example", "--owner", "admin"});
   Ok({"mail", "domain", "add", "e.example"});
   Ok({"mail", "box", "add", "l@d.example", "--alias", "a", "--forward", "f@x.example"});
@@ -214,7 +214,7 @@ TEST_F(MailboxTest, ListAndShow) {
             "responder:    -\n");
 }
 
-TEST_F(MailboxTest, FailedAliasesRebuildDeletesTheNewRowAndReportsTheCommandsOutput) {
+TEST_F(ZelpnlMailboxTest, FailedAliasesRebuildDeletesTheNewRowAndReportsTheCommandsOutput) {
   std::string conf = File("zelpnl.conf");
   const size_t at = conf.find("sendmail-newaliases = ");
   conf.replace(at, conf.find('\n', at) - at,

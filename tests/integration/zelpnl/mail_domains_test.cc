@@ -8,7 +8,7 @@ using zeltest::ZelpnlTest;
 
 namespace {
 
-class MailDomainTest : public ZelpnlTest {
+class ZelpnlMailDomainTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     ZelpnlTest::SetUp();
@@ -26,7 +26,7 @@ class MailDomainTest : public ZelpnlTest {
 
 }  // namespace
 
-TEST_F(MailDomainTest, AddWritesTheCatchAllAndTheLocalHostName) {
+TEST_F(ZelpnlMailDomainTest, AddWritesTheCatchAllAndTheLocalHostName) {
   auto doc = Json({"mail", "domain", "add", "d.example"});
   EXPECT_EQ(doc["domain"],
             nlohmann::ordered_json({{"name", "d.example"},
@@ -40,7 +40,7 @@ TEST_F(MailDomainTest, AddWritesTheCatchAllAndTheLocalHostName) {
   EXPECT_EQ(Rows("SELECT name, enabled, def_action FROM email_domain"), "d.example:1:error");
 }
 
-TEST_F(MailDomainTest, AddTakesAnOwnerAndEachDefaultAction) {
+TEST_F(ZelpnlMailDomainTest, AddTakesAnOwnerAndEachDefaultAction) {
   for (const char* name : {"i.example", "e.example", "r.example"})
     Ok({"webdomain", "add", name, "--owner", "admin"});
   Ok({"mail", "domain", "add", "d.example", "--owner", "admin"});
@@ -60,7 +60,7 @@ TEST_F(MailDomainTest, AddTakesAnOwnerAndEachDefaultAction) {
             "d.example:admin|i.example:admin|e.example:admin|r.example:admin");
 }
 
-TEST_F(MailDomainTest, AddOfAUnicodeNameStoresTheAsciiFormAndShowsTheUnicodeOne) {
+TEST_F(ZelpnlMailDomainTest, AddOfAUnicodeNameStoresTheAsciiFormAndShowsTheUnicodeOne) {
   Ok({"webdomain", "add", "bücher.example", "--owner", "bob"});
   auto doc = Json({"mail", "domain", "add", "bücher.example"});
   EXPECT_EQ(doc["domain"]["name"], "xn--bcher-kva.example");
@@ -71,7 +71,7 @@ TEST_F(MailDomainTest, AddOfAUnicodeNameStoresTheAsciiFormAndShowsTheUnicodeOne)
             "bücher.example  bob    active  error           0\n");
 }
 
-TEST_F(MailDomainTest, AddRefusesAnUnknownWebDomainAnExistingMailDomainAndAnUnknownOwner) {
+TEST_F(ZelpnlMailDomainTest, AddRefusesAnUnknownWebDomainAnExistingMailDomainAndAnUnknownOwner) {
   Ok({"mail", "domain", "add", "d.example"});
   const auto before = State();
   zeltest::Result run = Zel({"mail", "domain", "add", "x.example"});
@@ -91,7 +91,7 @@ TEST_F(MailDomainTest, AddRefusesAnUnknownWebDomainAnExistingMailDomainAndAnUnkn
   EXPECT_EQ(before.at("virtusertable"), with_web.at("virtusertable"));
 }
 
-TEST_F(MailDomainTest, ListAndShow) {
+TEST_F(ZelpnlMailDomainTest, ListAndShow) {
   Ok({"mail", "domain", "add", "d.example", "--default-action", "redir_domain", "--redirect",
       "e.example"});
   Ok({"mail", "box", "add", "l@d.example"});
@@ -113,7 +113,7 @@ TEST_F(MailDomainTest, ListAndShow) {
   EXPECT_EQ(missing.err, "error: mail domain \"x.example\": does not exist\n");
 }
 
-TEST_F(MailDomainTest, SuspendAndResume) {
+TEST_F(ZelpnlMailDomainTest, SuspendAndResume) {
   Ok({"mail", "domain", "add", "d.example", "--default-action", "ignore"});
   auto doc = Json({"mail", "domain", "suspend", "d.example"});
   EXPECT_EQ(doc["domain"]["enabled"], false);
@@ -126,7 +126,7 @@ TEST_F(MailDomainTest, SuspendAndResume) {
   EXPECT_EQ(Rows("SELECT enabled FROM email_domain"), "1");
 }
 
-TEST_F(MailDomainTest, SetChangesTheDefaultActionAndASuspendedDomainGetsItOnResume) {
+TEST_F(ZelpnlMailDomainTest, SetChangesTheDefaultActionAndASuspendedDomainGetsItOnResume) {
   Ok({"mail", "domain", "add", "d.example"});
   auto doc = Json({"mail", "domain", "set", "d.example", "--default-action", "redir_email",
                    "--redirect", "all@e.example"});
@@ -140,14 +140,14 @@ TEST_F(MailDomainTest, SetChangesTheDefaultActionAndASuspendedDomainGetsItOnResu
   EXPECT_EQ(File("virtusertable"), "@d.example\tdevnull\n");
 }
 
-TEST_F(MailDomainTest, UpdateWritesTheRowsStateAgain) {
+TEST_F(ZelpnlMailDomainTest, UpdateWritesTheRowsStateAgain) {
   Ok({"mail", "domain", "add", "d.example", "--default-action", "ignore"});
   WriteFile("virtusertable", "@d.example\terror:nouser No such user here\n");
   Ok({"mail", "domain", "update", "d.example"});
   EXPECT_EQ(File("virtusertable"), "@d.example\tdevnull\n");
 }
 
-TEST_F(MailDomainTest, DeleteRemovesTheMailboxesAndTheDomainFromFilesAndRows) {
+TEST_F(ZelpnlMailDomainTest, DeleteRemovesTheMailboxesAndTheDomainFromFilesAndRows) {
   Ok({"mail", "domain", "add", "d.example"});
   Ok({"mail", "box", "add", "l@d.example"});
   Ok({"mail", "box", "add", "m@d.example", "--alias", "a", "--forward", "f@x.example"});
@@ -163,7 +163,7 @@ TEST_F(MailDomainTest, DeleteRemovesTheMailboxesAndTheDomainFromFilesAndRows) {
   EXPECT_EQ(Count("domain"), 1) << "the web domain stays";
 }
 
-TEST_F(MailDomainTest, BadActionsAndRedirectsAreRefusedBeforeAnythingIsWritten) {
+TEST_F(ZelpnlMailDomainTest, BadActionsAndRedirectsAreRefusedBeforeAnythingIsWritten) {
   Ok({"mail", "domain", "add", "d.example"});
   const auto before = State();
   struct Case {

@@ -6,7 +6,7 @@ using zeltest::ZelpnlTest;
 
 namespace {
 
-class ResponderTest : public ZelpnlTest {
+class ZelpnlResponderTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     ZelpnlTest::SetUp();
@@ -19,7 +19,7 @@ class ResponderTest : public ZelpnlTest {
 
 }  // namespace
 
-TEST_F(ResponderTest, OnPutsTheResponderIntoTheEntryAndOffTakesItOut) {
+TEST_F(ZelpnlResponderTest, OnPutsTheResponderIntoTheEntryAndOffTakesItOut) {
   auto doc = Json({"mail", "responder", "l@d.example", "on", "--subject", "Away",
                    "--text", "Back on Monday.\nRegards"});
   EXPECT_EQ(doc["responder"],
@@ -48,7 +48,7 @@ TEST_F(ResponderTest, OnPutsTheResponderIntoTheEntryAndOffTakesItOut) {
   EXPECT_EQ(Rows("SELECT enabled FROM email_responder"), "1");
 }
 
-TEST_F(ResponderTest, ResponderSurvivesARewriteOfTheAliases) {
+TEST_F(ZelpnlResponderTest, ResponderSurvivesARewriteOfTheAliases) {
   Ok({"mail", "responder", "l@d.example", "on", "--text", "away"});
   Ok({"mail", "box", "set", "l@d.example", "--forward", "f@x.example"});
   EXPECT_EQ(File("aliases"), std::string(kDevnull) + "l+d.example:\tf@x.example, l\\@d.example, " +
@@ -56,13 +56,13 @@ TEST_F(ResponderTest, ResponderSurvivesARewriteOfTheAliases) {
   EXPECT_EQ(Zel({"mail", "box", "list"}).out.find("on\n") != std::string::npos, true);
 }
 
-TEST_F(ResponderTest, ShowOfAMailboxWithoutResponder) {
+TEST_F(ZelpnlResponderTest, ShowOfAMailboxWithoutResponder) {
   auto doc = Json({"mail", "responder", "l@d.example", "show"});
   EXPECT_EQ(doc["responder"]["exists"], false);
   EXPECT_EQ(doc["responder"]["enabled"], false);
 }
 
-TEST_F(ResponderTest, BadResponderInputIsRefused) {
+TEST_F(ZelpnlResponderTest, BadResponderInputIsRefused) {
   const auto before = State();
   struct Case {
     std::vector<std::string> args;

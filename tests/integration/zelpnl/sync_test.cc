@@ -8,7 +8,7 @@ using zeltest::ZelpnlTest;
 
 namespace {
 
-class SyncTest : public ZelpnlTest {
+class ZelpnlSyncTest : public ZelpnlTest {
  protected:
   void SetUp() override {
     ZelpnlTest::SetUp();
@@ -19,7 +19,7 @@ class SyncTest : public ZelpnlTest {
 
 }  // namespace
 
-TEST_F(SyncTest, HandEditsComeIntoThePanelAndTheSummaryNamesThem) {
+TEST_F(ZelpnlSyncTest, HandEditsComeIntoThePanelAndTheSummaryNamesThem) {
   WriteFile("virtusertable", std::string(kCatchAll) +
                                  "l@d.example\tl+d.example\n"
                                  "a@d.example\tl@d.example\n"
@@ -49,7 +49,7 @@ TEST_F(SyncTest, HandEditsComeIntoThePanelAndTheSummaryNamesThem) {
   EXPECT_NE(again.out.find("no changes\n"), std::string::npos) << again.out;
 }
 
-TEST_F(SyncTest, TextSummaryListsTheChanges) {
+TEST_F(ZelpnlSyncTest, TextSummaryListsTheChanges) {
   WriteFile("virtusertable", kCatchAll);
   WriteFile("aliases", kDevnull);
   const zeltest::Result run = Zel({"mail", "sync"});
@@ -69,7 +69,7 @@ TEST_F(SyncTest, TextSummaryListsTheChanges) {
             "  - forwards: l@d.example -> f@x.example\n");
 }
 
-TEST_F(SyncTest, ALineThePanelDidNotWriteIsReportedAndTheRestIsRead) {
+TEST_F(ZelpnlSyncTest, ALineThePanelDidNotWriteIsReportedAndTheRestIsRead) {
   WriteFile("virtusertable", File("virtusertable") + "x@d.example\tsomeone@far.example\n");
   WriteFile("access", "spam.example\tREJECT\n");
   const zeltest::Result run = Zel({"mail", "sync"});
@@ -80,7 +80,7 @@ TEST_F(SyncTest, ALineThePanelDidNotWriteIsReportedAndTheRestIsRead) {
   EXPECT_NE(run.out.find("  + blacklist: spam.example\n"), std::string::npos) << run.out;
 }
 
-TEST_F(SyncTest, ResponderStateIsReadFromTheAliasesEntry) {
+TEST_F(ZelpnlSyncTest, ResponderStateIsReadFromTheAliasesEntry) {
   Ok({"mail", "responder", "l@d.example", "on", "--text", "away"});
   WriteFile("aliases", std::string(kDevnull) + "l+d.example:\tf@x.example, l\\@d.example\n");
   auto doc = Json({"mail", "sync"});
@@ -89,7 +89,7 @@ TEST_F(SyncTest, ResponderStateIsReadFromTheAliasesEntry) {
   EXPECT_EQ(Rows("SELECT enabled FROM email_responder"), "0");
 }
 
-TEST_F(SyncTest, ProgressBarOnlyWhenStandardErrorIsATerminal) {
+TEST_F(ZelpnlSyncTest, ProgressBarOnlyWhenStandardErrorIsATerminal) {
   const std::vector<std::string> argv = {ZEL_BIN_DIR "/zelpnl", "--config", Config(), "mail",
                                          "sync"};
   const zeltest::Result piped = zeltest::RunProgram(argv);
