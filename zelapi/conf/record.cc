@@ -62,7 +62,6 @@ ArrayField::ArrayField(Record* record, std::string name, char separator)
 
 std::vector<std::string> ArrayField::Split(std::string_view text, char separator) {
   std::vector<std::string> out;
-  const bool blank_separator = IsBlank(separator);
   std::size_t i = 0;
   const std::size_t n = text.size();
   bool any = false;
@@ -80,7 +79,7 @@ std::vector<std::string> ArrayField::Split(std::string_view text, char separator
     std::size_t end = i;
     while (start < end && IsBlank(text[start])) ++start;
     while (end > start && IsBlank(text[end - 1])) --end;
-    if (!(blank_separator && start == end)) out.emplace_back(text.substr(start, end - start));
+    if (start != end) out.emplace_back(text.substr(start, end - start));
     if (i >= n) break;
     ++i;  // past the separator
   }

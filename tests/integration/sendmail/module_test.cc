@@ -156,9 +156,12 @@ TEST_F(ModuleTest, SecondConstructionFindsDevnullAndPostsNothing) {
   pnl_cf::SetParam("MTA", "sendmail");
   Construct();
   const std::string after_first = box_.Read("aliases");
+  email::MtaInterface* first = email::GetMta();
   CountingRunner runner;
   zel_api::Module* again = zel_api::RegisteredModules().front().factory();
   delete again;
+  EXPECT_NE(email::GetMta(), first) << "a second back-end is registered";
+  delete first;
   EXPECT_EQ(box_.Read("aliases"), after_first);
   EXPECT_TRUE(runner.commands().empty());
   EXPECT_EQ(pnl_cf::GetPath("sendmail-mc"), "/etc/mail/sendmail.mc");

@@ -74,7 +74,8 @@ TEST(FieldTest, LineEndsAndRejectedValuesLeaveTheValueUnchanged) {
 TEST(ArrayFieldTest, SplitsOnTheSeparatorOutsideQuotesAndTrimsBlanks) {
   EXPECT_EQ(dd::ArrayField::Split("a, b ,c", ','), (Elements{"a", "b", "c"}));
   EXPECT_EQ(dd::ArrayField::Split("\"|/bin/prog a,b\", x", ','), (Elements{"\"|/bin/prog a,b\"", "x"}));
-  EXPECT_EQ(dd::ArrayField::Split("a,,b", ','), (Elements{"a", "", "b"}));
+  EXPECT_EQ(dd::ArrayField::Split("a,,b", ','), (Elements{"a", "b"}));
+  EXPECT_EQ(dd::ArrayField::Split("root,", ','), Elements{"root"});
   EXPECT_EQ(dd::ArrayField::Split("  a \t b  ", ' '), (Elements{"a", "b"}));
   EXPECT_EQ(dd::ArrayField::Split(" \t ", ','), Elements{});
   EXPECT_EQ(dd::ArrayField::Split("", ' '), Elements{});

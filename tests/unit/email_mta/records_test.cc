@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "email/tables.h"
 #include "sandbox.h"
 #include "zelapi/err.h"
@@ -257,4 +260,75 @@ TEST(SourceTargetTest, NewLineIsWrittenWithOneTab) {
   access->target.Set("550 Account disabled");
   access->Post("");
   EXPECT_EQ(box.Read("access"), "# access map\nx@a.example\t550 Account disabled\n");
+}
+
+namespace {
+
+// The token rules of the virtual user table, as the table registers them.
+pnl_token::Params VirtualUserTableRules() {
+  pnl_token::Params rules;
+  rules.Add(pnl_token::CharToken("@", 2));
+  rules.Add(pnl_token::CharToken("\t ", 1));
+  rules.Add(pnl_token::CharToken("\n", 6));
+  rules.Add(pnl_token::Comment("#", "\n", false));
+  return rules;
+}
+
+// Offers a view the line's second token instead of its first.
+template <class View>
+void ExpectNoClaimAwayFromLineStart(const std::string& line, const pnl_token::Params& rules) {
+  Cf cf(line, rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetToken();
+  ASSERT_NE(cf.pos(), cf.line_offset());
+  View view;
+  cf.Offer(&view);
+  EXPECT_FALSE(view.Parse(cf));
+  EXPECT_FALSE(cf.stored());
+  EXPECT_EQ(cf.stored_count(), 0u);
+}
+
+}  // namespace
+
+TEST(ParseTest, ViewsClaimNothingAwayFromTheStartOfALine) {
+  const pnl_token::Params vut = VirtualUserTableRules();
+  ExpectNoClaimAwayFromLineStart<VirtualEmails>("x@a.example\tx+a.example\n", vut);
+  ExpectNoClaimAwayFromLineStart<VirtualDomains>("@a.example\tdevnull\n", vut);
+  pnl_token::Params blanks;
+  blanks.Add(pnl_token::CharToken(":\t ", 1));
+  blanks.Add(pnl_token::CharToken("\n", 6));
+  ExpectNoClaimAwayFromLineStart<Aliases>("info: root, admin\n", blanks);
+  ExpectNoClaimAwayFromLineStart<SourceTarget>("x@a.example REJECT\n", blanks);
+  ExpectNoClaimAwayFromLineStart<HostNames>("a b\n", blanks);
+}
+
+TEST(ParseTest, ALineStartingWithABlankIsClaimedByNoView) {
+  Sandbox box(TestName());
+  box.Write("aliases", "info:\troot,\n\tadmin\n");
+  auto aliases = AliasTable::Get<Aliases>(box.Path("aliases"), true);
+  ASSERT_TRUE(aliases->Find("info"));
+  EXPECT_EQ(aliases->alias.Str(), "root");
+  EXPECT_FALSE(aliases->Find("admin"));
+}
+
+TEST(TableTest, FirstUseFromTwoThreadsBuildsOneTableInstance) {
+  Sandbox box(TestName());
+  box.Write("access", "a@b.example\tOK\n");
+  std::atomic<int> waiting{2};
+  std::atomic<int> found{0};
+  auto use = [&] {
+    waiting.fetch_sub(1);
+    while (waiting.load() > 0) {
+    }
+    auto access = AccessDb::Get<SourceTarget>(box.Path("access"), true);
+    if (access->Find("a@b.example")) found.fetch_add(1);
+  };
+  std::thread one(use);
+  std::thread two(use);
+  one.join();
+  two.join();
+  EXPECT_EQ(found.load(), 2);
+  EXPECT_EQ(&AccessDb::Table(), &AccessDb::Table());
+  EXPECT_EQ(BaseCachedConfig<PnlConfCache>::Instance()->CachedFiles(), 1u)
+      << "both cursors share one cached file";
 }

@@ -122,8 +122,8 @@ class Field {
 //
 // Splitting a text: at each separator that is not inside double quotes
 // ("\"|/bin/prog a,b\"" is one element), blanks (spaces and tabs) around
-// each element trimmed; for a blank separator (' ' or '\t') empty elements
-// are dropped; a text of blanks only is the empty list.
+// each element trimmed; empty elements are dropped ("a,,b" and "root,"
+// hold no empty target); a text of blanks only is the empty list.
 // Joining: the separator, followed by one space for a non-blank separator
 // ("a, b"); a blank separator joins with itself alone ("a b").
 class ArrayField : public Field {
