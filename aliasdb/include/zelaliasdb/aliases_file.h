@@ -1,0 +1,110 @@
+// zel_aliasdb::AliasesFile: one aliases file, read and cut into entries the
+// way sendmail's alias rebuild reads it.
+//
+// A logical line is a physical line plus what continues it: a backslash
+// right before the line end joins the next physical line (backslash and line
+// end removed), and every following physical line that starts with a blank
+// or a tab is appended (only its line end removed). Each logical line then
+// is one of:
+//   - nothing: empty, or starting with '#' (a comment swallows its
+//     continuation lines too);
+//   - an error the file reader reports itself: a line starting with a blank
+//     ("Non-continuation line starts with space"), a line with no ':'
+//     ("missing colon"), a name with nothing but blanks after the colon
+//     ("missing value for alias", after the first 40 bytes of the line);
+//   - a plain entry: a name of ordinary characters (letters, digits and
+//     punctuation other than ! " % ( ) , ; < > @ \ :, not starting with | or
+//     /, at most 255 bytes), blanks, ':', then the value. The key is the
+//     name in ASCII lower case; the value is the rest of the logical line
+//     with its leading blanks removed, kept byte for byte (trailing blanks,
+//     carriage returns, quotes and commas included);
+//   - a line for sendmail's address parser: any other name (quotes, angle
+//     brackets, comments, routing characters, inner blanks, control or 8-bit
+//     bytes), or a logical line longer than kMaxPlainLine. Those depend on
+//     sendmail's configuration (its rule sets and host names), so they are
+//     not decided here: see SendmailOracle.
+// Line numbers are those sendmail reports: the last physical line of the
+// logical line.
+//
+// The parsed file owns its text; entries point into it. Not thread-safe for
+// writing; a finished AliasesFile may be read from several threads.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zel_aliasdb {
+
+// Longest logical line decided here; longer ones go to sendmail's parser,
+// which cuts lines at its own buffer size (a little over 8 KiB).
+inline constexpr std::size_t kMaxPlainLine = 8000;
+// Longest name decided here (sendmail refuses 256 bytes and more).
+inline constexpr std::size_t kMaxPlainName = 255;
+
+// sendmail's exit status for the file errors above (EX_SOFTWARE).
+inline constexpr int kExitFileError = 70;
+
+// One logical line that is not nothing. Kept small: a large file has one
+// per alias.
+struct Line {
+  enum class Kind : std::uint8_t {
+    kEntry,  // name, key and value
+    kError,  // message; the exit status is kExitFileError
+    kOdd,    // raw: for sendmail's parser
+  };
+  Kind kind = Kind::kEntry;
+  std::uint32_t first_line = 0;  // first physical line (1-based)
+  std::uint32_t line = 0;        // last physical line: the one reported
+  // kEntry: the name as written, blanks before the colon included (sendmail
+  // shows it so in its duplicate warning). kError: the message, the text
+  // after "line N: ". kOdd: the physical lines, line ends included.
+  std::string_view text;
+  std::string_view key;    // kEntry: the name in lower case, blanks removed
+  std::string_view value;  // kEntry
+};
+
+class AliasesFile {
+ public:
+  // Cuts text into lines (see above). Never throws for content: every
+  // logical line becomes an entry, an error or a line for sendmail's parser.
+  // Throws std::bad_alloc only.
+  explicit AliasesFile(std::string text);
+  AliasesFile(const AliasesFile&) = delete;
+  AliasesFile& operator=(const AliasesFile&) = delete;
+
+  // The logical lines that are not nothing, in file order. The views refer
+  // into this object and stay valid while it lives.
+  const std::vector<Line>& lines() const { return lines_; }
+
+  // True when the text holds a NUL byte: sendmail's line reader loses its
+  // place on those, so such a file is not decided line by line.
+  bool has_nul() const { return has_nul_; }
+  // True when the file's last logical line has no line end and is longer
+  // than kMaxPlainLine (sendmail's line limit differs by a byte or two
+  // there, so that line is not decided here either).
+  bool long_last_line_without_end() const { return long_tail_; }
+
+ private:
+  void Cut();
+
+  std::string text_;
+  // Text made here (joined logical lines, lower-case keys, messages); a
+  // deque, so the views into its strings stay valid as it grows.
+  std::deque<std::string> made_;
+  std::vector<Line> lines_;
+  bool has_nul_ = false;
+  bool long_tail_ = false;
+};
+
+// True when c may appear in a plain name (see above).
+bool IsPlainNameByte(unsigned char c);
+
+// A file name as sendmail shows it before "line N:" in its messages: names
+// longer than 82 bytes become their first 40 bytes, "..." and their last 40.
+std::string ShortFileName(const std::string& path);
+
+}  // namespace zel_aliasdb

@@ -1,0 +1,159 @@
+#include "zelaliasdb/aliases_file.h"
+
+#include <cstring>
+#include <utility>
+
+namespace zel_aliasdb {
+
+namespace {
+
+// Characters that end or change an address in sendmail's parser; a name
+// holding any of them is left to sendmail.
+constexpr std::string_view kSpecials = "!\"%(),;<>@\\:";
+
+struct PlainTable {
+  bool plain[256] = {};
+  constexpr PlainTable() {
+    for (int c = 0x21; c <= 0x7e; ++c) plain[c] = true;
+    for (char c : kSpecials) plain[static_cast<unsigned char>(c)] = false;
+  }
+};
+constexpr PlainTable kPlain;
+
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+// What sendmail skips before a value: C's isspace in the C locale.
+bool IsSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+}  // namespace
+
+bool IsPlainNameByte(unsigned char c) { return kPlain.plain[c]; }
+
+std::string ShortFileName(const std::string& path) {
+  if (path.size() <= 82) return path;
+  return path.substr(0, 40) + "..." + path.substr(path.size() - 40);
+}
+
+AliasesFile::AliasesFile(std::string text) : text_(std::move(text)) { Cut(); }
+
+void AliasesFile::Cut() {
+  const char* const base = text_.data();
+  const std::size_t size = text_.size();
+  has_nul_ = std::memchr(base, '\0', size) != nullptr;
+  lines_.reserve(size / 32 + 1);
+
+  std::size_t pos = 0;
+  std::uint32_t line_no = 0;
+  // One physical line from pos, without its line end; advances pos past it.
+  auto read_physical = [&]() {
+    const char* nl = static_cast<const char*>(std::memchr(base + pos, '\n', size - pos));
+    const std::size_t end = nl ? static_cast<std::size_t>(nl - base) : size;
+    std::string_view line(base + pos, end - pos);
+    pos = nl ? end + 1 : size;
+    ++line_no;
+    return line;
+  };
+
+  std::string joined;
+  while (pos < size) {
+    const std::size_t raw_start = pos;
+    const std::uint32_t first = line_no + 1;
+    std::string_view segment = read_physical();
+    std::string_view logical = segment;
+    bool is_joined = false;
+    auto start_joining = [&] {
+      if (!is_joined) joined.assign(logical);
+      is_joined = true;
+    };
+    // A backslash before the line end takes in the next physical line; a
+    // following line that starts with a blank or a tab continues this one.
+    for (;;) {
+      if (!segment.empty() && segment.back() == '\\') {
+        start_joining();
+        joined.pop_back();
+        segment = pos < size ? read_physical() : std::string_view();
+        joined.append(segment);
+        continue;
+      }
+      if (pos < size && IsBlank(base[pos])) {
+        start_joining();
+        segment = read_physical();
+        joined.append(segment);
+        continue;
+      }
+      break;
+    }
+    if (is_joined) logical = joined;
+    if (logical.empty() || logical.front() == '#') continue;
+
+    Line out;
+    out.first_line = first;
+    out.line = line_no;
+    if (is_joined) {
+      made_.push_back(joined);
+      logical = made_.back();
+    }
+
+    if (IsBlank(logical.front())) {
+      out.kind = Line::Kind::kError;
+      out.text = "Non-continuation line starts with space";
+      lines_.push_back(out);
+      continue;
+    }
+    if (logical.size() > kMaxPlainLine) {
+      out.kind = Line::Kind::kOdd;
+      out.text = std::string_view(base + raw_start, pos - raw_start);
+      lines_.push_back(out);
+      if (pos == size && size > 0 && base[size - 1] != '\n') long_tail_ = true;
+      continue;
+    }
+    const std::size_t colon = logical.find(':');
+    if (colon == std::string_view::npos) {
+      out.kind = Line::Kind::kError;
+      out.text = "missing colon";
+      lines_.push_back(out);
+      continue;
+    }
+    std::string_view name = logical.substr(0, colon);
+    std::size_t name_len = name.size();
+    while (name_len > 0 && IsBlank(name[name_len - 1])) --name_len;
+    bool plain = name_len > 0 && name_len <= kMaxPlainName && name[0] != '|' && name[0] != '/';
+    bool upper = false;
+    for (std::size_t i = 0; plain && i < name_len; ++i) {
+      const unsigned char c = static_cast<unsigned char>(name[i]);
+      plain = kPlain.plain[c];
+      upper |= c >= 'A' && c <= 'Z';
+    }
+    if (!plain) {
+      out.kind = Line::Kind::kOdd;
+      out.text = std::string_view(base + raw_start, pos - raw_start);
+      lines_.push_back(out);
+      continue;
+    }
+    std::size_t v = colon + 1;
+    while (v < logical.size() && IsSpace(logical[v])) ++v;
+    if (v == logical.size()) {
+      out.kind = Line::Kind::kError;
+      made_.push_back(std::string(logical.substr(0, 40)) + "... missing value for alias");
+      out.text = made_.back();
+      lines_.push_back(out);
+      continue;
+    }
+    out.kind = Line::Kind::kEntry;
+    out.text = name;
+    out.key = name.substr(0, name_len);
+    if (upper) {
+      std::string lower(out.key);
+      for (char& c : lower)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+      made_.push_back(std::move(lower));
+      out.key = made_.back();
+    }
+    out.value = logical.substr(v);
+    lines_.push_back(out);
+  }
+}
+
+}  // namespace zel_aliasdb

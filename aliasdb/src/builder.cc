@@ -1,0 +1,301 @@
+#include "zelaliasdb/builder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <unordered_map>
+
+#include "zelaliasdb/aliases_file.h"
+#include "zelaliasdb/hash_map.h"
+#include "zelaliasdb/sendmail_oracle.h"
+#include "zelapi/err.h"
+
+namespace zel_aliasdb {
+
+namespace {
+
+pnl_err::Error Fail(const std::string& object, const std::string& what, int err) {
+  return pnl_err::Error("aliasdb", object, what + ": " + std::strerror(err));
+}
+
+std::string FolderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string BaseOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// An open descriptor, closed at the end of its scope.
+struct Fd {
+  int fd = -1;
+  explicit Fd(int f) : fd(f) {}
+  ~Fd() {
+    if (fd >= 0) ::close(fd);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+};
+
+std::string ReadAll(int fd, const std::string& path) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) throw Fail(path, "cannot read", errno);
+  std::string text;
+  text.resize(static_cast<std::size_t>(st.st_size));
+  std::size_t done = 0;
+  for (;;) {
+    if (done == text.size()) text.resize(text.size() + 65536);
+    const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw Fail(path, "cannot read", errno);
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  text.resize(done);
+  return text;
+}
+
+// The temporary names of a map being built: removed unless committed.
+class TempMap {
+ public:
+  // Reserves a name beside target (".NAME.XXXXXX" in its folder).
+  explicit TempMap(const std::string& target) {
+    reserved_ = FolderOf(target) + "/." + BaseOf(target) + ".XXXXXX";
+    const int fd = ::mkostemp(reserved_.data(), O_CLOEXEC);
+    if (fd < 0) throw Fail(target, "cannot make a temporary file beside it", errno);
+    ::close(fd);
+  }
+  ~TempMap() {
+    if (!committed_) {
+      ::unlink(reserved_.c_str());
+      ::unlink((reserved_ + ".db").c_str());
+    }
+  }
+  TempMap(const TempMap&) = delete;
+  TempMap& operator=(const TempMap&) = delete;
+
+  const std::string& reserved() const { return reserved_; }
+  void Commit() { committed_ = true; }
+
+ private:
+  std::string reserved_;
+  bool committed_ = false;
+};
+
+// Gives the new map the mode and owner of the one it replaces.
+void TakeOver(const std::string& map, const std::string& target) {
+  struct stat old {};
+  const bool had = ::stat(target.c_str(), &old) == 0;
+  const mode_t mode = had ? (old.st_mode & 07777) : 0640;
+  if (::chmod(map.c_str(), mode) != 0) throw Fail(map, "cannot set its mode", errno);
+  if (had && ::chown(map.c_str(), old.st_uid, old.st_gid) != 0 && errno != EPERM)
+    throw Fail(map, "cannot set its owner", errno);
+}
+
+void SyncFolder(const std::string& folder) {
+  Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir.fd < 0) throw Fail(folder, "cannot open the folder to flush it", errno);
+  if (::fsync(dir.fd) != 0) throw Fail(folder, "cannot flush the folder", errno);
+}
+
+// Keys seen so far, for sendmail's duplicate warning: an open-addressing
+// table of entry numbers (4 bytes a slot), the keys themselves kept by the
+// caller.
+class SeenKeys {
+ public:
+  SeenKeys(std::size_t expected, std::function<std::string_view(std::uint32_t)> key_of)
+      : key_of_(std::move(key_of)) {
+    std::size_t cap = 16;
+    while (cap < expected * 2) cap <<= 1;
+    slots_.assign(cap, 0);
+  }
+  // Adds the key of entry id; returns false when that key was there before.
+  bool Insert(std::string_view key, std::uint32_t id) {
+    if ((count_ + 1) * 2 > slots_.size()) Grow();
+    std::size_t i = std::hash<std::string_view>()(key) & (slots_.size() - 1);
+    while (slots_[i] != 0) {
+      if (key_of_(slots_[i] - 1) == key) return false;
+      i = (i + 1) & (slots_.size() - 1);
+    }
+    slots_[i] = id + 1;
+    ++count_;
+    return true;
+  }
+
+ private:
+  void Grow() {
+    std::vector<std::uint32_t> old;
+    old.swap(slots_);
+    slots_.assign(old.size() * 2, 0);
+    for (std::uint32_t s : old) {
+      if (s == 0) continue;
+      std::size_t i = std::hash<std::string_view>()(key_of_(s - 1)) & (slots_.size() - 1);
+      while (slots_[i] != 0) i = (i + 1) & (slots_.size() - 1);
+      slots_[i] = s;
+    }
+  }
+
+  std::function<std::string_view(std::uint32_t)> key_of_;
+  std::vector<std::uint32_t> slots_;
+  std::size_t count_ = 0;
+};
+
+void SplitOutput(const std::string& output, std::vector<std::string>& lines) {
+  std::size_t start = 0;
+  while (start < output.size()) {
+    std::size_t nl = output.find('\n', start);
+    if (nl == std::string::npos) nl = output.size();
+    lines.push_back(output.substr(start, nl - start));
+    start = nl + 1;
+  }
+}
+
+}  // namespace
+
+BuildReport Build(const BuildOptions& options) {
+  const std::string& file = options.alias_file;
+  const std::string target = file + ".db";
+  const std::string folder = FolderOf(file);
+  BuildReport report;
+
+  Fd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (source.fd < 0) {
+    if (errno == ENOENT) {
+      report.output.push_back("newaliases: cannot open " + file + ": " + std::strerror(errno));
+      return report;
+    }
+    throw Fail(file, "cannot open", errno);
+  }
+  int rc;
+  while ((rc = ::flock(source.fd, LOCK_EX)) != 0 && errno == EINTR) {
+  }
+  if (rc != 0) throw Fail(file, "cannot lock", errno);
+  const AliasesFile parsed(ReadAll(source.fd, file));
+  const SendmailOracle oracle(options.sendmail, options.config, folder);
+
+  if (parsed.has_nul() || parsed.long_last_line_without_end()) {
+    // sendmail takes the same lock: let it go first.
+    ::close(source.fd);
+    source.fd = -1;
+    std::string output;
+    report.exit_code = oracle.RebuildWhole(file, output);
+    SplitOutput(output, report.output);
+    report.whole_file_by_sendmail = true;
+    report.built = true;
+    return report;
+  }
+
+  const std::vector<Line>& lines = parsed.lines();
+  // The lines left to sendmail, answered first (each a sendmail run).
+  std::unordered_map<std::uint32_t, Verdict> verdicts;
+  for (std::uint32_t i = 0; i < lines.size(); ++i)
+    if (lines[i].kind == Line::Kind::kOdd) verdicts.emplace(i, oracle.Decide(lines[i].text, lines[i].first_line));
+  report.odd_lines = verdicts.size();
+
+  TempMap temp(target);
+  std::string map_path;
+  std::unique_ptr<MapWriter> writer;
+  if (options.writer == Writer::kMakemap) {
+    writer = MakeMakemapWriter(options.makemap, temp.reserved());
+    map_path = temp.reserved() + ".db";
+  } else {
+    writer = MakeHashWriter(temp.reserved(), lines.size() + 1);
+    map_path = temp.reserved();
+  }
+
+  auto key_of = [&](std::uint32_t i) -> std::string_view {
+    if (lines[i].kind == Line::Kind::kEntry) return lines[i].key;
+    return verdicts.at(i).key;
+  };
+  SeenKeys seen(lines.size(), key_of);
+  const std::string prefix = ShortFileName(file) + ": ";
+  auto fail_with = [&](int code) {
+    if (report.exit_code == 0) report.exit_code = code;
+  };
+  auto store = [&](std::uint32_t i, std::uint32_t line_no, std::string_view shown, std::string_view key,
+                   std::string_view value) {
+    if (!seen.Insert(key, i))
+      report.output.push_back(prefix + "line " + std::to_string(line_no) + ": " + std::string(shown) +
+                              "... Warning: duplicate alias name " + std::string(key));
+    writer->Put(key, value);
+    ++report.aliases;
+    report.total += key.size() + value.size();
+    if (value.size() > report.longest) report.longest = value.size();
+  };
+
+  for (std::uint32_t i = 0; i < lines.size(); ++i) {
+    const Line& line = lines[i];
+    switch (line.kind) {
+      case Line::Kind::kError:
+        report.output.push_back(prefix + "line " + std::to_string(line.line) + ": " + std::string(line.text));
+        fail_with(kExitFileError);
+        break;
+      case Line::Kind::kEntry:
+        store(i, line.line, line.text, line.key, line.value);
+        break;
+      case Line::Kind::kOdd: {
+        const Verdict& v = verdicts.at(i);
+        for (const std::string& m : v.notes) report.output.push_back(m);
+        for (const std::string& m : v.messages) report.output.push_back(prefix + m);
+        if (v.exit_code != 0) fail_with(v.exit_code);
+        if (v.stored) store(i, line.line, v.shown, v.key, v.value);
+        break;
+      }
+    }
+  }
+  writer->Put("@", "@");
+  writer->Finish();
+  writer.reset();
+
+  TakeOver(map_path, target);
+  if (::rename(map_path.c_str(), target.c_str()) != 0) throw Fail(target, "cannot rename the new map into place", errno);
+  temp.Commit();
+  if (options.writer == Writer::kMakemap) ::unlink(temp.reserved().c_str());
+  SyncFolder(folder);
+  report.built = true;
+  report.output.push_back(file + ": " + std::to_string(report.aliases) + " aliases, longest " +
+                          std::to_string(report.longest) + " bytes, " + std::to_string(report.total) +
+                          " bytes total");
+  return report;
+}
+
+std::vector<std::string> AliasFilesOf(const std::string& config) {
+  std::ifstream in(config);
+  if (!in) throw pnl_err::Error("aliasdb", config, "cannot read the sendmail configuration");
+  std::vector<std::string> files;
+  std::string line;
+  const std::string option = "O AliasFile=";
+  while (std::getline(in, line)) {
+    if (line.compare(0, option.size(), option) != 0) continue;
+    std::string list = line.substr(option.size());
+    std::size_t start = 0;
+    while (start <= list.size()) {
+      std::size_t comma = list.find(',', start);
+      if (comma == std::string::npos) comma = list.size();
+      std::string spec = list.substr(start, comma - start);
+      start = comma + 1;
+      const std::size_t b = spec.find_first_not_of(" \t");
+      if (b == std::string::npos) continue;
+      spec = spec.substr(b, spec.find_last_not_of(" \t") - b + 1);
+      if (spec.compare(0, 5, "hash:") == 0) spec = spec.substr(5);
+      if (spec.empty() || spec[0] != '/')
+        throw pnl_err::Error("aliasdb", config,
+                             "alias file \"" + spec + "\" is not a hash map of a file; it cannot be rebuilt here");
+      files.push_back(spec);
+    }
+  }
+  if (files.empty()) throw pnl_err::Error("aliasdb", config, "names no alias file (O AliasFile=)");
+  return files;
+}
+
+}  // namespace zel_aliasdb

@@ -1,0 +1,84 @@
+// zelpnl-newaliases as the panel runs it: arguments, output, exit status.
+#include <gtest/gtest.h>
+
+#include "sandbox.h"
+#include "zelaliasdb/aliases_file.h"
+
+using zeltest::RunShell;
+using zeltest::Sandbox;
+
+namespace {
+
+const std::string kOurs = std::string(ZEL_BIN_DIR) + "/zelpnl-newaliases";
+
+std::string TestName() { return ::testing::UnitTest::GetInstance()->current_test_info()->name(); }
+
+}  // namespace
+
+TEST(NewaliasesCommandTest, FileArgumentIsRebuiltAndSummaryPrinted) {
+  Sandbox box(TestName());
+  box.Write("aliases", "a: b\n");
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " " + box.Path("aliases"), &out), 0);
+  EXPECT_EQ(out, box.Path("aliases") + ": 1 aliases, longest 1 bytes, 2 bytes total\n");
+  EXPECT_TRUE(box.Exists("aliases.db"));
+}
+
+TEST(NewaliasesCommandTest, SendmailStyleArgumentsWork) {
+  Sandbox box(TestName());
+  box.Write("aliases", "a: b\n");
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " -bi -oA" + box.Path("aliases"), &out), 0) << out;
+  EXPECT_TRUE(box.Exists("aliases.db"));
+}
+
+TEST(NewaliasesCommandTest, EveryFileIsBuiltAndTheFirstFailureGivesTheStatus) {
+  Sandbox box(TestName());
+  box.Write("one", "a: b\n");
+  box.Write("two", "no colon\n");
+  box.Write("three", "tail@: x\n");
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " " + box.Path("one") + " " + box.Path("two") + " " + box.Path("three"), &out), 70);
+  // Line messages name the file as sendmail does, shortened when long.
+  const auto shown = [&](const char* f) { return zel_aliasdb::ShortFileName(box.Path(f)); };
+  EXPECT_EQ(out, box.Path("one") + ": 1 aliases, longest 1 bytes, 2 bytes total\n" +
+                     shown("two") + ": line 1: missing colon\n" +
+                     box.Path("two") + ": 0 aliases, longest 0 bytes, 0 bytes total\n" +
+                     shown("three") + ": line 1: tail@... Hostname required\n" +
+                     shown("three") + ": line 1: tail@... cannot alias non-local names\n" +
+                     box.Path("three") + ": 0 aliases, longest 0 bytes, 0 bytes total\n");
+  EXPECT_TRUE(box.Exists("three.db"));
+}
+
+TEST(NewaliasesCommandTest, UnknownOptionIsBadUsage) {
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " --frobnicate", &out), 64);
+  EXPECT_NE(out.find("unknown option --frobnicate"), std::string::npos) << out;
+}
+
+TEST(NewaliasesCommandTest, HelpDescribesTheCommand) {
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " --help", &out), 0);
+  EXPECT_NE(out.find("usage: zelpnl-newaliases"), std::string::npos) << out;
+}
+
+TEST(NewaliasesCommandTest, UnreadableConfigurationFailsWithAnError) {
+  Sandbox box(TestName());
+  std::string out;
+  EXPECT_EQ(RunShell(kOurs + " -C " + box.Path("missing.cf"), &out), 70);
+  EXPECT_EQ(out, "zelpnl-newaliases: error: " + box.Path("missing.cf") +
+                     ": cannot read the sendmail configuration\n");
+}
+
+TEST(NewaliasesCommandTest, MapThatCannotBeWrittenFailsWithStatus70AndOldMapStays) {
+  Sandbox box(TestName());
+  box.Write("aliases", "a: b\n");
+  std::string out;
+  ASSERT_EQ(RunShell(kOurs + " " + box.Path("aliases"), &out), 0);
+  box.Write("aliases", "a: c\n");
+  EXPECT_EQ(RunShell(kOurs + " --writer=makemap --makemap /bin/false " + box.Path("aliases"), &out), 70);
+  EXPECT_NE(out.find("zelpnl-newaliases: error: "), std::string::npos) << out;
+  std::string dump;
+  RunShell("/usr/sbin/makemap -u hash " + box.Path("aliases.db") + " | sort", &dump);
+  EXPECT_EQ(dump, "@\t@\na\tb\n");
+}
