@@ -26,6 +26,8 @@ constexpr char kSystemModuleDir[] = "/usr/lib/zelpnl/modules";
 // Set once the log is configured: before that, the logger would write to
 // stderr, where the error is told already.
 bool log_ready = false;
+// The command line of this run, for the log.
+std::string command_line;
 
 const pnl_log::Module& HostLog() {
   static const pnl_log::Module log("host", "zelpnl");
@@ -41,7 +43,8 @@ int Report(bool json, const std::string& type, const std::string& object,
            const std::string& detail, int status) {
   PrintError(object, detail);
   if (status == 1 && log_ready)
-    HostLog().Error((object.empty() ? "" : object + ": ") + TrimLineEnds(detail));
+    HostLog().Error("failed: " + command_line + ": " + (object.empty() ? "" : object + ": ") +
+                    TrimLineEnds(detail));
   if (json) {
     nlohmann::ordered_json doc = {{"error",
                            {{"type", type}, {"object", object}, {"detail", TrimLineEnds(detail)},
@@ -169,12 +172,14 @@ int ReportCurrentException(bool json) {
 
 int Execute(const GlobalOptions& options, const Command& command) {
   const Output out(options.json);
+  command_line = options.line;
   // The host outlives the report: an error may come from a module's code.
   Host host(options);
   try {
     host.Open(command.needs);
     if (command.needs < Needs::kDatabase) {
       command.run(host, out);
+      if (log_ready && !out.failed()) HostLog().Info("done: " + command_line);
       return out.failed() ? 1 : 0;
     }
     pnl_db::Cache& db = host.Db();
@@ -191,6 +196,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
       throw;
     }
     FinishRequest(db);
+    if (!out.failed()) HostLog().Info("done: " + command_line);
     return out.failed() ? 1 : 0;
   } catch (...) {
     return ReportCurrentException(options.json);

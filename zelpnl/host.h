@@ -37,6 +37,7 @@ namespace zelpnl {
 struct GlobalOptions {
   std::string config;  // --config FILE; "" for $ZELPNL_CONF, else the default file
   bool json = false;   // --json
+  std::string line;    // the command line, for the log
 };
 
 // What a command needs before it runs, each level including the ones before.

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   app.fallthrough();
 
   zelpnl::GlobalOptions options;
+  for (int i = 1; i < argc; ++i) options.line += std::string(i > 1 ? " " : "") + argv[i];
   app.add_option("--config", options.config,
                  "Configuration file (default: $ZELPNL_CONF, else /etc/zelpnl/zelpnl.conf)")
       ->option_text("FILE");

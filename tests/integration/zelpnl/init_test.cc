@@ -176,3 +176,39 @@ TEST_F(ZelpnlTest, UsageErrorsExitTwoAndHelpExitsZero) {
   run = Zel({"mail", "sync", "--help"});
   EXPECT_NE(run.out.find("What it repairs"), std::string::npos) << run.out;
 }
+
+TEST_F(ZelpnlTest, TheRestartRunsAfterTheRequestAndOnlyWhenQueued) {
+  SetConfig("sendmail-restart", "echo run >> " + Path("restarts"));
+  Ok({"webdomain", "add", "d.example", "--owner", "admin"});
+  EXPECT_FALSE(std::filesystem::exists(Path("restarts")));
+  Ok({"mail", "domain", "add", "d.example"});
+  EXPECT_EQ(File("restarts"), "run\n") << "local-host-names changed: one restart";
+  Ok({"mail", "box", "add", "l@d.example"});
+  EXPECT_EQ(File("restarts"), "run\n") << "no change of local-host-names: no restart";
+}
+
+TEST_F(ZelpnlTest, AFailedRestartIsAWarningAndInTheLog) {
+  Ok({"webdomain", "add", "d.example", "--owner", "admin"});
+  SetConfig("sendmail-restart", "false");
+  const zeltest::Result run = Zel({"mail", "domain", "add", "d.example"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "warning: 1 deferred command failed (see " + Path("zelpnl.log") + ")\n");
+  EXPECT_NE(File("zelpnl.log").find("deferred command \"false\" failed with status 1"),
+            std::string::npos)
+      << File("zelpnl.log");
+  EXPECT_EQ(Count("email_domain"), 1) << "the request was committed before";
+}
+
+TEST_F(ZelpnlTest, TheLogNamesEachCommandAndEachFailure) {
+  Ok({"webdomain", "add", "d.example", "--owner", "admin"});
+  EXPECT_EQ(Zel({"mail", "domain", "add", "x.example"}).status, 1);
+  const std::string log = File("zelpnl.log");
+  EXPECT_NE(log.find("info zelpnl/host: done: --config " + Config() +
+                     " webdomain add d.example --owner admin\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("error zelpnl/host: failed: --config " + Config() +
+                     " mail domain add x.example: web domain \"x.example\": does not exist"),
+            std::string::npos)
+      << log;
+}

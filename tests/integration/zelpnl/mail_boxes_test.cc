@@ -215,11 +215,7 @@ TEST_F(ZelpnlMailboxTest, ListAndShow) {
 }
 
 TEST_F(ZelpnlMailboxTest, FailedAliasesRebuildDeletesTheNewRowAndReportsTheCommandsOutput) {
-  std::string conf = File("zelpnl.conf");
-  const size_t at = conf.find("sendmail-newaliases = ");
-  conf.replace(at, conf.find('\n', at) - at,
-               "sendmail-newaliases = echo 'aliases: line 9: broken' >&2; exit 1");
-  WriteFile("zelpnl.conf", conf);
+  SetConfig("sendmail-newaliases", "echo 'aliases: line 9: broken' >&2; exit 1");
   const zeltest::Result run = Zel({"mail", "box", "add", "l@d.example"});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "error: newaliases: aliases: line 9: broken\n");

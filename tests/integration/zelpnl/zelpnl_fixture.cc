@@ -125,6 +125,15 @@ void ZelpnlTest::Ok(const std::vector<std::string>& args) {
   EXPECT_EQ(run.err, "") << line;
 }
 
+void ZelpnlTest::SetConfig(const std::string& key, const std::string& value) const {
+  std::string conf = File("zelpnl.conf");
+  const size_t at = conf.find("\n" + key + " = ");
+  if (at == std::string::npos) throw std::runtime_error("no key " + key);
+  const size_t end = conf.find('\n', at + 1);
+  conf.replace(at + 1, end - at - 1, key + " = " + value);
+  WriteFile("zelpnl.conf", conf);
+}
+
 std::string ZelpnlTest::File(const std::string& name) const { return ReadFile(Path(name)); }
 
 void ZelpnlTest::WriteFile(const std::string& name, const std::string& text) const {

@@ -41,6 +41,9 @@ class ZelpnlTest : public ::testing::Test {
   // Expects status 0 and empty standard error.
   void Ok(const std::vector<std::string>& args);
 
+  // Replaces the value of a key the configuration file sets.
+  void SetConfig(const std::string& key, const std::string& value) const;
+
   std::string File(const std::string& name) const;
   void WriteFile(const std::string& name, const std::string& text) const;
 
