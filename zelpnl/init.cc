@@ -10,6 +10,7 @@
 #include "validation.h"
 #include "zelapi/db.h"
 #include "zelapi/err.h"
+#include "zelapi/mail/email.h"
 #include "zelapi/proc.h"
 
 namespace fs = std::filesystem;
@@ -117,6 +118,15 @@ std::string MailConfig(const std::string& d) {
          "MAILER(`smtp')dnl\n";
 }
 
+// The responder program beside this one when it is there (a build folder),
+// else the installed one.
+std::string ResponderProgram() {
+  const fs::path beside = fs::path(ProgramDir()) / "zelpnl-responder";
+  std::error_code ec;
+  if (!ProgramDir().empty() && fs::exists(beside, ec)) return beside.string();
+  return email::kDefaultResponderProgram;
+}
+
 std::string PanelConfig(const std::string& d, bool with_cf) {
   std::string text =
       "# zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
@@ -142,7 +152,7 @@ std::string PanelConfig(const std::string& d, bool with_cf) {
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = /usr/lib/zelpnl/zelpnl-responder\n";
+      "zelpnl-responder = " + ResponderProgram() + "\n";
   return text;
 }
 

@@ -42,7 +42,7 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = /usr/lib/zelpnl/zelpnl-responder\n";
+      "zelpnl-responder = " + zeltest::ResponderProgram() + "\n";
   EXPECT_EQ(File("zelpnl.conf"), expected);
 }
 

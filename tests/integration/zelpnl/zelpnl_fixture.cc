@@ -93,6 +93,11 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
   return run;
 }
 
+std::string ResponderProgram() {
+  const std::string built = ZEL_BIN_DIR "/zelpnl-responder";
+  return ::access(built.c_str(), F_OK) == 0 ? built : "/usr/lib/zelpnl/zelpnl-responder";
+}
+
 void ZelpnlTest::SetUp() {
   const Result init = RunProgram({kZelpnl, "init", "--sandbox", Dir()});
   ASSERT_EQ(init.status, 0) << init.out << init.err;

@@ -26,6 +26,9 @@ struct Result {
 Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                bool terminal = false);
 
+// The responder program a sandbox names: the built one when it is there.
+std::string ResponderProgram();
+
 class ZelpnlTest : public ::testing::Test {
  protected:
   void SetUp() override;
