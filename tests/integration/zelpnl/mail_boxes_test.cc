@@ -1,5 +1,7 @@
 // zelpnl mail box: the rows and the exact bytes of the sendmail files after
 // each command.
+#include <filesystem>
+
 #include "zelpnl_fixture.h"
 
 using zeltest::kCatchAll;
@@ -223,4 +225,20 @@ TEST_F(ZelpnlMailboxTest, FailedAliasesRebuildDeletesTheNewRowAndReportsTheComma
   // The files took the change before the rebuild failed; sync reads it back.
   Ok({"mail", "sync"});
   EXPECT_EQ(Rows("SELECT name FROM email"), "l");
+}
+
+TEST_F(ZelpnlMailboxTest, FailedSetReadsTheMailboxBackFromTheFiles) {
+  Ok({"mail", "box", "add", "l@d.example"});
+  std::filesystem::remove(Path("virtusertable.db"));
+  std::filesystem::create_directory(Path("virtusertable.db"));
+  const zeltest::Result run =
+      Zel({"mail", "box", "set", "l@d.example", "--alias", "a", "--forward", "f@x.example"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err.rfind("error: makemap: ", 0), 0u) << run.err;
+  // The alias line reached the text of the virtual user table; the aliases
+  // entry was not rewritten, so the forward is in no file and in no row.
+  EXPECT_EQ(File("virtusertable"), Vut("l@d.example\tl+d.example\na@d.example\tl@d.example\n"));
+  EXPECT_EQ(File("aliases"), Aliases("l+d.example:\tl\\@d.example\n"));
+  EXPECT_EQ(Rows("SELECT name FROM email_alias"), "a");
+  EXPECT_EQ(Count("email_forward"), 0);
 }

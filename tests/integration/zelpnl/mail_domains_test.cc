@@ -1,5 +1,7 @@
 // zelpnl mail domain: the rows and the exact bytes of the sendmail files
 // after each command.
+#include <filesystem>
+
 #include "zelpnl_fixture.h"
 
 using zeltest::kCatchAll;
@@ -192,4 +194,15 @@ TEST_F(ZelpnlMailDomainTest, BadActionsAndRedirectsAreRefusedBeforeAnythingIsWri
     EXPECT_EQ(run.err, c.err);
     EXPECT_EQ(State(), before) << c.err;
   }
+}
+
+TEST_F(ZelpnlMailDomainTest, FailedMapRebuildDeletesTheNewRowAndReportsMakemapsOutput) {
+  std::filesystem::remove(Path("virtusertable.db"));
+  std::filesystem::create_directory(Path("virtusertable.db"));
+  const zeltest::Result run = Zel({"mail", "domain", "add", "d.example"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "error: makemap: makemap: error opening type hash map " +
+                         Path("virtusertable") + ": Regular files only\n");
+  EXPECT_EQ(Count("email_domain"), 0) << "no row the files do not back";
+  EXPECT_EQ(File("virtusertable"), kCatchAll) << "the text took the line before the rebuild";
 }
