@@ -1,5 +1,6 @@
 #include "zelapi/file.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -32,9 +33,22 @@ std::mutex& OpsMutex() {
   return m;
 }
 
+// The POSIX Ops, never destroyed.
+const std::shared_ptr<Ops>& DefaultOps() {
+  static const std::shared_ptr<Ops>* const ops = new std::shared_ptr<Ops>(std::make_shared<Ops>());
+  return *ops;
+}
+
 std::shared_ptr<Ops>& OpsSlot() {
-  static std::shared_ptr<Ops> slot = std::make_shared<Ops>();
+  static std::shared_ptr<Ops> slot = DefaultOps();
   return slot;
+}
+
+// Whether an Ops other than the default one is installed: while none is,
+// CurrentOps takes no lock (it runs once per disk check).
+std::atomic<bool>& Replaced() {
+  static std::atomic<bool> replaced{false};
+  return replaced;
 }
 
 [[noreturn]] void Fail(const std::string& path, const std::string& step, int err) {
@@ -172,14 +186,16 @@ int Ops::RealPath(const std::string& path, std::string& resolved) {
 }
 
 std::shared_ptr<Ops> CurrentOps() {
+  if (!Replaced().load(std::memory_order_acquire)) return DefaultOps();
   std::lock_guard<std::mutex> guard(OpsMutex());
   return OpsSlot();
 }
 
 std::shared_ptr<Ops> SetOps(std::shared_ptr<Ops> ops) {
-  if (!ops) ops = std::make_shared<Ops>();
+  if (!ops) ops = DefaultOps();
   std::lock_guard<std::mutex> guard(OpsMutex());
   std::shared_ptr<Ops> previous = std::move(OpsSlot());
+  Replaced().store(ops != DefaultOps(), std::memory_order_release);
   OpsSlot() = std::move(ops);
   return previous;
 }
@@ -278,6 +294,11 @@ void Folder::Close() noexcept {
 
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
                  const FileId* original) {
+  return WriteFile(folder, path, std::vector<std::string_view>{data}, original);
+}
+
+FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std::string_view>& pieces,
+                 const FileId* original) {
   std::shared_ptr<Ops> ops = CurrentOps();
   // Through a symbolic link the file it points to is replaced, so the link
   // stays a link. A file that does not exist yet is made where path says.
@@ -299,14 +320,38 @@ FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
   if (err != 0) Fail(path, "cannot create temporary file in " + dir, err);
   TempFile temp(*ops, temp_path, fd);
 
-  std::size_t done = 0;
-  while (done < data.size()) {
-    std::size_t written = 0;
-    err = ops->Write(fd, data.data() + done, data.size() - done, written);
-    if (err == 0 && written == 0) err = EIO;
-    if (err != 0) Fail(path, "cannot write temporary file " + temp_path, err);
-    done += written;
+  auto write_all = [&](const char* data, std::size_t size) {
+    std::size_t done = 0;
+    while (done < size) {
+      std::size_t written = 0;
+      err = ops->Write(fd, data + done, size - done, written);
+      if (err == 0 && written == 0) err = EIO;
+      if (err != 0) Fail(path, "cannot write temporary file " + temp_path, err);
+      done += written;
+    }
+  };
+  // Pieces of at least kDirect bytes go straight to the file; shorter ones
+  // are gathered first, so that many short pieces make few writes.
+  constexpr std::size_t kGather = 256 * 1024;
+  constexpr std::size_t kDirect = 64 * 1024;
+  std::string gathered;
+  for (std::string_view piece : pieces) {
+    if (piece.size() >= kDirect) {
+      if (!gathered.empty()) {
+        write_all(gathered.data(), gathered.size());
+        gathered.clear();
+      }
+      write_all(piece.data(), piece.size());
+      continue;
+    }
+    if (gathered.size() + piece.size() > kGather) {
+      write_all(gathered.data(), gathered.size());
+      gathered.clear();
+    }
+    if (gathered.capacity() < kGather) gathered.reserve(kGather);
+    gathered.append(piece);
   }
+  if (!gathered.empty()) write_all(gathered.data(), gathered.size());
 
   FileId temp_id;
   if ((err = ops->Fstat(fd, temp_id)) != 0) Fail(path, "cannot stat temporary file", err);

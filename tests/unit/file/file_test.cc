@@ -237,3 +237,74 @@ TEST_F(FileTest, ReplacingThroughASymbolicLinkKeepsTheLink) {
   for (const auto& e : std::filesystem::directory_iterator(Path("real"))) inside.push_back(e.path().filename().string());
   EXPECT_EQ(inside, (std::vector<std::string>{"aliases"}));
 }
+
+namespace {
+
+// Records every write (where its bytes came from and how many) and writes
+// at most `most` bytes a call.
+class RecordingOps : public pnl_file::Ops {
+ public:
+  struct Call {
+    const char* data;
+    std::size_t size;
+  };
+  std::size_t most = static_cast<std::size_t>(-1);
+  std::vector<Call> calls;
+  int Write(int fd, const char* data, std::size_t size, std::size_t& written) override {
+    calls.push_back(Call{data, size});
+    return pnl_file::Ops::Write(fd, data, size > most ? most : size, written);
+  }
+};
+
+}  // namespace
+
+TEST_F(FileTest, PiecesAreWrittenInOrderLargeOnesFromWhereTheyLie) {
+  const std::string big(200 * 1024, 'x');
+  std::vector<std::string> small;
+  for (int i = 0; i < 5000; ++i) small.push_back("line " + std::to_string(i) + "\n");
+  std::vector<std::string_view> pieces;
+  std::string expected;
+  for (const std::string& s : small) {
+    pieces.push_back(s);
+    expected += s;
+  }
+  pieces.push_back(big);
+  expected += big;
+  pieces.push_back("last\n");
+  expected += "last\n";
+  auto ops = std::make_shared<RecordingOps>();
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  pnl_file::safe::WriteFile(folder, Path("a"), pieces, nullptr);
+  EXPECT_EQ(Read("a"), expected);
+  // The 5000 short pieces went out gathered, the large one as it lies.
+  ASSERT_EQ(ops->calls.size(), 3u);
+  EXPECT_EQ(ops->calls[0].size, expected.size() - big.size() - 5);
+  EXPECT_EQ(ops->calls[1].data, big.data());
+  EXPECT_EQ(ops->calls[2].size, 5u);
+}
+
+TEST_F(FileTest, ShortWritesOfPiecesAreCompleted) {
+  auto ops = std::make_shared<RecordingOps>();
+  ops->most = 7;
+  pnl_file::ScopedOps scoped(ops);
+  const std::string big(100 * 1024, 'y');
+  pnl_file::safe::Folder folder;
+  pnl_file::safe::WriteFile(folder, Path("a"), std::vector<std::string_view>{"head\n", big, "", "tail\n"}, nullptr);
+  EXPECT_EQ(Read("a"), "head\n" + big + "tail\n");
+}
+
+TEST_F(FileTest, FailedWriteOfPiecesLeavesTheOriginalAndNoTemporaryFile) {
+  Write("a", "old\n");
+  const pnl_file::FileId original = pnl_file::StatFile(Path("a"));
+  auto ops = std::make_shared<ScriptedOps>();
+  ops->fail = "write";
+  ops->err = ENOSPC;
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  const std::string big(100 * 1024, 'z');
+  EXPECT_THROW(pnl_file::safe::WriteFile(folder, Path("a"), std::vector<std::string_view>{"new\n", big}, &original),
+               pnl_err::Error);
+  EXPECT_EQ(Read("a"), "old\n");
+  EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
+}

@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace pnl_file {
 
@@ -141,6 +142,15 @@ class Folder {
 // temporary file left behind (unless only the final folder sync failed:
 // the new content is then in place and the error says so).
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
+                 const FileId* original);
+
+// As above, with the file's bytes given as pieces written one after the
+// other (a file kept as stretches of several buffers is saved without being
+// joined first). Large pieces are written from where they lie; short ones
+// are gathered into writes of a few hundred kilobytes, so each byte is
+// copied at most once on its way to the file. The pieces must stay valid
+// until the call returns.
+FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std::string_view>& pieces,
                  const FileId* original);
 
 }  // namespace safe
