@@ -1,6 +1,7 @@
 #include "cached_file.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -12,9 +13,22 @@ namespace zel_conf {
 namespace {
 
 bool HasLineEnd(const std::string& text) {
-  for (char c : text)
-    if (c == '\n' || c == '\r') return true;
-  return false;
+  return std::memchr(text.data(), '\n', text.size()) != nullptr ||
+         std::memchr(text.data(), '\r', text.size()) != nullptr;
+}
+
+// Lines of text, the last one counted also without its line end.
+std::size_t CountLines(std::string_view text) {
+  std::size_t lines = 1;
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  while (p < end) {
+    const void* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+    if (nl == nullptr) break;
+    ++lines;
+    p = static_cast<const char*>(nl) + 1;
+  }
+  return lines;
 }
 
 std::string Shown(std::string text) {
@@ -91,16 +105,12 @@ void CachedFile::Install(std::string data, const pnl_file::FileId& id,
   Store fresh;
   fresh.Reset(std::move(data), counts);
   const std::string& text = fresh.base();
-  fresh.ReserveLines(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
+  fresh.ReserveLines(CountLines(text));
   Cf cf(text, *def->rules);
-  ParsedRecord parsed;
   while (cf.NextLine()) {
     const std::int32_t line = fresh.AppendLine(cf.line_offset(), cf.line_end() - cf.line_offset());
     const int view = Claim(cf, parsers);
-    if (view >= 0 && cf.stored()) {
-      TakeParsed(cf, cf.line_offset(), view, parsed);
-      fresh.AddRecord(line, parsed, false);
-    }
+    if (view >= 0 && cf.stored()) fresh.AddRecord(line, cf.line_offset(), cf, view);
   }
   fresh.IndexAll();
   if (loaded_) Relocate(fresh, *def);
@@ -143,21 +153,28 @@ void CachedFile::Relocate(const Store& fresh, const TableDef& def) {
   }
 }
 
-void CachedFile::Check() {
-  std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
-  if (loaded_ && !stale_ && def->version == def_->version) {
-    if (pnl_file::StatFile(path_).SameContent(id_)) return;
+void CachedFile::Check(const pnl_file::FileId* now) {
+  // The table's definition is looked at only when some registration changed
+  // since it was last found current.
+  const std::uint64_t versions = engine_.impl_->versions.load();
+  bool current = loaded_ && !stale_;
+  if (current && versions != seen_versions_) {
+    current = engine_.impl_->Table(table_)->version == def_->version;
+    if (current) seen_versions_ = versions;
   }
+  if (current && (now != nullptr ? *now : pnl_file::StatFile(path_)).SameContent(id_)) return;
   if (dirty_)
     Refuse("changed on disk while it has unsaved deferred changes; "
            "not read again (flush or discard the deferred changes)");
   Load();
+  // Load took the definition after the count was read: it is at least that new.
+  seen_versions_ = versions;
 }
 
 void CachedFile::Open(pnl_file::safe::Folder& folder, bool create) {
   const pnl_file::FileId now = pnl_file::StatFile(path_);
   if (now.exists) {
-    Check();
+    Check(&now);
     return;
   }
   if (!create) Refuse("no such file");
@@ -192,6 +209,7 @@ SmartPtr<HeadDataSet> CachedFile::NewCursor(const std::string& rname) {
   c.view_ = view;
   c.state_ = ConfDataSet::kNone;
   c.loaded_.assign(record.FieldCount(), std::string());
+  c.loaded_raw_ = false;
   cursors_.push_back(&c);
   return head;
 }
@@ -208,10 +226,11 @@ void CachedFile::Position(ConfDataSet& c, std::int32_t record) {
   const std::size_t n = c.FieldCount();
   c.loaded_.resize(n);
   for (std::size_t i = 0; i < n; ++i) {
-    dd::Field& f = c.FieldAt(i);
-    f.Load(store_.Value(record, i));
-    c.loaded_[i] = f.Str();
+    const std::string_view stored = store_.Value(record, i);
+    c.FieldAt(i).Load(stored);
+    c.loaded_[i].assign(stored.data(), stored.size());
   }
+  c.loaded_raw_ = true;
 }
 
 bool CachedFile::Find(ConfDataSet& c, const std::string& key) {
@@ -263,6 +282,7 @@ void CachedFile::New(ConfDataSet& c) {
   c.state_ = ConfDataSet::kNew;
   c.from_create_ = false;
   c.loaded_.assign(c.FieldCount(), std::string());
+  c.loaded_raw_ = false;
 }
 
 void CachedFile::Create(ConfDataSet& c, const std::string& key) {
@@ -275,6 +295,7 @@ void CachedFile::Create(ConfDataSet& c, const std::string& key) {
   }
   c.ClearFields();
   c.loaded_.assign(c.FieldCount(), std::string());
+  c.loaded_raw_ = false;
   c.state_ = ConfDataSet::kNone;
   dd::Field& key_field = c.FieldAt(0);
   key_field.Set(key);
@@ -319,13 +340,13 @@ void CachedFile::Post(ConfDataSet& c, const std::string& note, ConfDataSet* othe
   }
 }
 
-bool CachedFile::Delete(ConfDataSet& c, bool must_exist) {
+bool CachedFile::Delete(ConfDataSet& c, bool must_exist, bool checked) {
   if (c.state_ == ConfDataSet::kLost) Lost(c);
   if (c.state_ != ConfDataSet::kOnRecord) {
     if (must_exist) Refuse("no current record to delete");
     return false;
   }
-  Check();
+  if (!checked) Check();
   if (c.state_ == ConfDataSet::kLost) Lost(c);
   const std::int32_t line = store_.record(c.record_).line;
   Store::Edit edit;
@@ -411,6 +432,10 @@ bool CachedFile::ReadBack(int view, const std::string& text, const std::vector<s
 
 void CachedFile::Update(ConfDataSet& c, const std::string& note) {
   const std::size_t n = c.FieldCount();
+  if (c.loaded_raw_) {
+    for (std::size_t i = 0; i < n; ++i) c.loaded_[i] = c.FieldAt(i).Canonical(c.loaded_[i]);
+    c.loaded_raw_ = false;
+  }
   std::vector<bool> changed(n);
   bool any = false;
   for (std::size_t i = 0; i < n; ++i) {
@@ -454,6 +479,7 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
   const std::int32_t record = c.record_;
   Commit(edit, note, [&] { store_.UpdateRecord(record, edit.text, parsed); });
   c.loaded_ = std::move(want);
+  c.loaded_raw_ = false;
 }
 
 void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t after) {
@@ -476,6 +502,7 @@ void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t af
     c.from_create_ = false;
   });
   c.loaded_ = std::move(want);
+  c.loaded_raw_ = false;
 }
 
 template <class Apply>
@@ -484,15 +511,20 @@ void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&
     apply();
     dirty_ = true;
     if (!note.empty()) notes_.push_back(note);
-    if (store_.edited_bytes() > kCompactAt) Compact(store_.Text());
+    if (NeedsCompact()) Compact(store_.Text());
     return;
   }
-  std::string text = store_.Text(&edit);
-  pnl_file::safe::Folder folder;
-  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, text, id_.exists ? &id_ : nullptr);
-  apply();
-  id_ = id;
-  if (store_.edited_bytes() > kCompactAt) Compact(std::move(text));
+  {
+    // The file is written from the copy's own buffers, the edit in between:
+    // one pass over the bytes, nothing joined first.
+    std::vector<std::string_view> pieces;
+    store_.Pieces(&edit, pieces);
+    pnl_file::safe::Folder folder;
+    const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, pieces, id_.exists ? &id_ : nullptr);
+    apply();
+    id_ = id;
+  }
+  if (NeedsCompact()) Compact(store_.Text());
   std::vector<std::string> notes = std::move(notes_);
   notes_.clear();
   if (!note.empty()) notes.push_back(note);
@@ -505,9 +537,10 @@ void CachedFile::Flush() {
   if (!pnl_file::StatFile(path_).SameContent(id_))
     Refuse("changed on disk since the deferred changes were made; not overwritten "
            "(discard the deferred changes to read it again)");
-  const std::string text = store_.Text();
+  std::vector<std::string_view> pieces;
+  store_.Pieces(nullptr, pieces);
   pnl_file::safe::Folder folder;
-  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, text, id_.exists ? &id_ : nullptr);
+  const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, pieces, id_.exists ? &id_ : nullptr);
   id_ = id;
   std::vector<std::string> notes = std::move(notes_);
   notes_.clear();

@@ -8,6 +8,7 @@
 // engine.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -42,8 +43,9 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   // For ConfCache::Config: creates a missing file when create is set,
   // otherwise reads it (again) as needed.
   void Open(pnl_file::safe::Folder& folder, bool create);
-  // Reads the file again when it changed on disk or the table changed.
-  void Check();
+  // Reads the file again when it changed on disk or the table changed:
+  // one stat of the path (none when now, a stat just made, is given).
+  void Check(const pnl_file::FileId* now = nullptr);
   // A new cursor of view rname bound to this file.
   SmartPtr<HeadDataSet> NewCursor(const std::string& rname);
   void Unbind(ConfDataSet& cursor) noexcept;
@@ -59,14 +61,21 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   void New(ConfDataSet& c);
   void Create(ConfDataSet& c, const std::string& key);
   void Post(ConfDataSet& c, const std::string& note, ConfDataSet* other);
-  bool Delete(ConfDataSet& c, bool must_exist);
+  // checked: the caller has just made the disk check of this operation.
+  bool Delete(ConfDataSet& c, bool must_exist, bool checked = false);
 
   const Store& store() const { return store_; }
   // Memory held by the copy's texts.
   std::size_t bytes() const { return store_.base().size() + store_.edited_bytes(); }
 
-  // How much edited text a copy collects before it is rebuilt.
+  // How much edited text a copy collects before it is rebuilt: kCompactAt,
+  // or as much as the file had when it was read if that is more. The
+  // rebuild reads the whole text again, so its cost stays in proportion to
+  // the edits that led to it, whatever the size of the file.
   static constexpr std::size_t kCompactAt = 1 << 20;
+  bool NeedsCompact() const {
+    return store_.edited_bytes() > std::max(kCompactAt, store_.base().size());
+  }
 
  private:
   using Parsers = std::vector<std::unique_ptr<HeadDataSet>>;
@@ -113,6 +122,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   bool loaded_ = false;
   bool stale_ = false;
   pnl_file::FileId id_;
+  std::uint64_t seen_versions_ = 0;  // the engine's registration count def_ is current for
   std::atomic<bool> dirty_{false};
   std::vector<std::string> notes_;
   std::vector<ConfDataSet*> cursors_;

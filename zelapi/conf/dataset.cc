@@ -114,7 +114,7 @@ bool ConfDataSet::Delete(const std::string& key) {
   zel_conf::CachedFile& f = Open();
   Guard guard(f.mutex());
   if (!f.Find(*this, key)) return false;
-  return f.Delete(*this, true);
+  return f.Delete(*this, true, /*checked=*/true);
 }
 
 HeadDataSet::HeadDataSet() = default;

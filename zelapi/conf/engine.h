@@ -56,7 +56,9 @@ struct ConfCache::Impl {
   std::map<std::string, std::shared_ptr<const zel_conf::TableDef>> tables;
   std::map<std::string, zel_conf::HookSlot> hooks;
   std::map<std::string, std::shared_ptr<zel_conf::CachedFile>> files;
-  std::uint64_t versions = 0;
+  // Bumped (under mu) by every registration change; a cached file that saw
+  // the same count needs no look at its table's definition.
+  std::atomic<std::uint64_t> versions{0};
   std::uint64_t tick = 0;
   std::atomic<bool> deferred{false};
 };

@@ -8,11 +8,9 @@
 
 namespace {
 
-// A plain loop: find_first_of would search the set once per character.
 bool HasLineEnd(std::string_view text) {
-  for (char c : text)
-    if (c == '\n' || c == '\r') return true;
-  return false;
+  return !text.empty() && (std::memchr(text.data(), '\n', text.size()) != nullptr ||
+                           std::memchr(text.data(), '\r', text.size()) != nullptr);
 }
 
 [[noreturn]] void Refuse(const std::string& why) { throw pnl_err::Error("conf", "parse", why); }
@@ -24,7 +22,28 @@ bool AtLineEnd(pnl_token::Token::Type type) {
 }  // namespace
 
 Cf::Cf(std::string_view text, const pnl_token::Params& rules)
-    : text_(text), tokenizer_(rules, text) {}
+    : text_(text), tokenizer_(rules, text) {
+  comments_.byte = rules.CommentByte();
+}
+
+std::size_t Cf::NextByte(ByteScan& scan, std::size_t from) {
+  if (scan.valid && scan.from <= from && from <= scan.at) return scan.at;
+  std::size_t at = text_.size();
+  if (from < text_.size()) {
+    const void* p = std::memchr(text_.data() + from, scan.byte, text_.size() - from);
+    if (p != nullptr) at = static_cast<std::size_t>(static_cast<const char*>(p) - text_.data());
+  }
+  scan.valid = true;
+  scan.from = from;
+  scan.at = at;
+  return at;
+}
+
+bool Cf::MayHoldComment(std::size_t from, std::size_t to) {
+  if (from >= to || comments_.byte == -1) return false;
+  if (comments_.byte >= 0) return NextByte(comments_, from) < to;
+  return tokenizer_.rules().MayHoldComment(Text(from, to));
+}
 
 bool Cf::NextLine() {
   line_start_ = started_ ? line_end_ : 0;
@@ -94,6 +113,27 @@ void Cf::AddToken() {
 
 void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blanks) {
   std::size_t scan = AtLineEnd(type_) ? start_ : end_;
+  if (end == "\n" && !include_end) {
+    // The rest of the line: when it cannot hold a comment, it is all of it
+    // (blanks before the line end included), without a token walk.
+    std::size_t stop = line_end_;
+    if (stop > line_start_ && text_[stop - 1] == '\n') --stop;
+    const pnl_token::Params& rules = tokenizer_.rules();
+    if (scan <= stop && !MayHoldComment(scan, stop)) {
+      std::size_t value_start = scan;
+      if (skip_blanks)
+        while (value_start < stop &&
+               rules.Class(static_cast<unsigned char>(text_[value_start])) == pnl_token::Token::Separator)
+          ++value_start;
+      type_ = pnl_token::Token::Word;
+      start_ = value_start;
+      end_ = stop;
+      next_ = stop;
+      contiguous_ = true;
+      token_valid_ = false;
+      return;
+    }
+  }
   std::size_t value_start = scan;
   std::size_t last_end = scan;
   bool first = true;
@@ -194,7 +234,9 @@ void Cf::CacheField(const dd::Field& field) {
   Cached& c = fields_[static_cast<std::size_t>(index)];
   c.set = true;
   if (contiguous_) {
-    if (HasLineEnd(Text(start_, end_))) Refuse("CacheField: a value cannot hold a line end");
+    // A span lies within its line, so a "\n" in it can only be its last byte.
+    if ((end_ > start_ && text_[end_ - 1] == '\n') || NextByte(carriage_returns_, start_) < end_)
+      Refuse("CacheField: a value cannot hold a line end");
     c.has_span = true;
     c.start = start_;
     c.size = end_ - start_;

@@ -1,5 +1,6 @@
 #include "zelapi/conf/record.h"
 
+#include <cstring>
 #include <utility>
 
 #include "zelapi/err.h"
@@ -9,9 +10,8 @@ namespace dd {
 namespace {
 
 bool HasLineEnd(std::string_view value) {
-  for (char c : value)
-    if (c == '\n' || c == '\r') return true;
-  return false;
+  return !value.empty() && (std::memchr(value.data(), '\n', value.size()) != nullptr ||
+                            std::memchr(value.data(), '\r', value.size()) != nullptr);
 }
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
@@ -60,14 +60,20 @@ std::string Field::Canonical(std::string_view stored) const { return std::string
 ArrayField::ArrayField(Record* record, std::string name, char separator)
     : Field(record, std::move(name)), separator_(separator) {}
 
-std::vector<std::string> ArrayField::Split(std::string_view text, char separator) {
-  std::vector<std::string> out;
+namespace {
+
+// Calls emit(element) for each element of text, by the rules of Split.
+template <class Emit>
+void ForEachElement(std::string_view text, char separator, Emit&& emit) {
   std::size_t i = 0;
   const std::size_t n = text.size();
   bool any = false;
   for (char c : text)
-    if (!IsBlank(c)) any = true;
-  if (!any) return out;
+    if (!IsBlank(c)) {
+      any = true;
+      break;
+    }
+  if (!any) return;
   for (;;) {
     // One element: up to the next separator outside quotes.
     std::size_t start = i;
@@ -79,10 +85,17 @@ std::vector<std::string> ArrayField::Split(std::string_view text, char separator
     std::size_t end = i;
     while (start < end && IsBlank(text[start])) ++start;
     while (end > start && IsBlank(text[end - 1])) --end;
-    if (start != end) out.emplace_back(text.substr(start, end - start));
+    if (start != end) emit(text.substr(start, end - start));
     if (i >= n) break;
     ++i;  // past the separator
   }
+}
+
+}  // namespace
+
+std::vector<std::string> ArrayField::Split(std::string_view text, char separator) {
+  std::vector<std::string> out;
+  ForEachElement(text, separator, [&](std::string_view e) { out.emplace_back(e); });
   return out;
 }
 
@@ -150,7 +163,19 @@ void ArrayField::Assign(const std::string& value) {
   elements_ = Split(value, separator_);
 }
 
-void ArrayField::Load(std::string_view stored) { elements_ = Split(stored, separator_); }
+void ArrayField::Load(std::string_view stored) {
+  // The element texts of the last record are reused: moving from record to
+  // record allocates nothing once the strings are large enough.
+  std::size_t n = 0;
+  ForEachElement(stored, separator_, [&](std::string_view e) {
+    if (n < elements_.size())
+      elements_[n].assign(e.data(), e.size());
+    else
+      elements_.emplace_back(e);
+    ++n;
+  });
+  elements_.resize(n);
+}
 
 std::string ArrayField::Canonical(std::string_view stored) const {
   return Join(Split(stored, separator_), separator_);

@@ -1,7 +1,7 @@
 #include "store.h"
 
 #include <algorithm>
-#include <functional>
+#include <cstring>
 #include <utility>
 
 #include "zelapi/conf/parse.h"
@@ -98,8 +98,26 @@ void KeyIndex::Erase(std::uint32_t hash, std::int32_t record) {
 // ------------------------------------------------------------------- Store
 
 std::uint32_t Store::Hash(std::string_view key) {
-  const std::size_t h = std::hash<std::string_view>()(key);
-  return static_cast<std::uint32_t>(h ^ (h >> 32));
+  // Eight bytes at a time, each word mixed in by a multiply and a shift;
+  // the last step spreads every input bit over the low bits the index uses.
+  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
+  const char* p = key.data();
+  std::size_t n = key.size();
+  for (; n >= 8; p += 8, n -= 8) {
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    h ^= h >> 31;
+  }
+  if (n > 0) {
+    std::uint64_t w = 0;
+    for (std::size_t i = 0; i < n; ++i) w |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    h ^= h >> 31;
+  }
+  h *= 0x94d049bb133111ebull;
+  h ^= h >> 32;
+  return static_cast<std::uint32_t>(h);
 }
 
 void Store::Reset(std::string base, const std::vector<std::size_t>& view_fields) {
@@ -168,6 +186,33 @@ void Store::AddRecord(std::int32_t line_id, const ParsedRecord& parsed, bool ind
   if (index) index_[stored.view].Insert(stored.hash, id);
 }
 
+void Store::AddRecord(std::int32_t line_id, std::size_t line_start, const Cf& cf, int view) {
+  const std::size_t n = view_fields_[static_cast<std::size_t>(view)];
+  const std::size_t stored = std::min(n, cf.stored_count());
+  RecordInfo r;
+  r.line = line_id;
+  r.view = static_cast<std::uint16_t>(view);
+  r.alive = true;
+  r.slot = static_cast<std::uint32_t>(slots_.size());
+  slots_.resize(slots_.size() + n);
+  for (std::size_t i = 0; i < stored; ++i) {
+    const Cf::Cached& c = cf.stored_field(i);
+    FieldSlot& s = slots_[r.slot + i];
+    if (c.has_span) {
+      s.start = Narrow(c.start - line_start, "field");
+      s.size = Narrow(c.size, "field");
+    }
+    if (c.own) {
+      s.value = static_cast<std::int32_t>(values_.size());
+      values_.push_back(c.value);
+    }
+  }
+  const std::int32_t id = static_cast<std::int32_t>(records_.size());
+  records_.push_back(r);
+  lines_[static_cast<std::size_t>(line_id)].record = id;
+  records_.back().hash = Hash(n > 0 ? Key(id) : std::string_view());
+}
+
 void Store::IndexAll() {
   std::vector<std::size_t> counts(index_.size(), 0);
   for (const RecordInfo& r : records_)
@@ -176,7 +221,15 @@ void Store::IndexAll() {
     index_[v].Clear();
     index_[v].Reserve(counts[v]);
   }
-  for (std::size_t id = 0; id < records_.size(); ++id) {
+  // The slots a record lands in are scattered over the index: ask for the
+  // slot of a record some way ahead while inserting this one.
+  constexpr std::size_t kAhead = 16;
+  const std::size_t n = records_.size();
+  for (std::size_t id = 0; id < n; ++id) {
+    if (id + kAhead < n) {
+      const RecordInfo& ahead = records_[id + kAhead];
+      index_[ahead.view].Prefetch(ahead.hash);
+    }
     const RecordInfo& r = records_[id];
     if (r.alive) index_[r.view].Insert(r.hash, static_cast<std::int32_t>(id));
   }
@@ -348,14 +401,21 @@ std::int32_t Store::RemoveLines(std::int32_t first, std::int32_t count) {
   return after;
 }
 
-std::string Store::Text(const Edit* edit) const {
-  std::size_t total = edit ? edit->text.size() + 1 : 0;
-  for (std::int32_t l = head_; l >= 0; l = line(l).next) total += line(l).size;
-  std::string out;
-  out.reserve(total);
+void Store::Pieces(const Edit* edit, std::vector<std::string_view>& out) const {
+  static const char kLineEnd = '\n';
+  out.clear();
+  char last = '\n';  // the last byte so far ("\n": none, or a complete line)
+  auto add = [&](std::string_view piece) {
+    if (piece.empty()) return;
+    last = piece.back();
+    if (!out.empty() && out.back().data() + out.back().size() == piece.data())
+      out.back() = std::string_view(out.back().data(), out.back().size() + piece.size());
+    else
+      out.push_back(piece);
+  };
   const bool insert = edit && edit->kind == Edit::kInsert;
   const std::int32_t insert_after = insert ? (edit->line < 0 ? tail_ : edit->line) : -1;
-  if (insert && insert_after < 0) out.append(edit->text);  // into an empty file
+  if (insert && insert_after < 0) add(edit->text);  // into an empty file
   std::int32_t skip = 0;
   for (std::int32_t l = head_; l >= 0; l = line(l).next) {
     if (edit && edit->kind == Edit::kRemove && l == edit->line) skip = edit->count;
@@ -364,14 +424,24 @@ std::string Store::Text(const Edit* edit) const {
       continue;
     }
     if (edit && edit->kind == Edit::kUpdate && l == edit->line)
-      out.append(edit->text);
+      add(edit->text);
     else
-      out.append(LineText(l));
+      add(LineText(l));
     if (l == insert_after) {
-      if (!out.empty() && out.back() != '\n') out += '\n';
-      out.append(edit->text);
+      if (last != '\n') add(std::string_view(&kLineEnd, 1));
+      add(edit->text);
     }
   }
+}
+
+std::string Store::Text(const Edit* edit) const {
+  std::vector<std::string_view> pieces;
+  Pieces(edit, pieces);
+  std::size_t total = 0;
+  for (std::string_view piece : pieces) total += piece.size();
+  std::string out;
+  out.reserve(total);
+  for (std::string_view piece : pieces) out.append(piece);
   return out;
 }
 

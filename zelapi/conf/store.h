@@ -53,6 +53,10 @@ class KeyIndex {
   void Reserve(std::size_t records);
   void Insert(std::uint32_t hash, std::int32_t record);
   void Erase(std::uint32_t hash, std::int32_t record);
+  // A hint that hash is looked up or inserted soon.
+  void Prefetch(std::uint32_t hash) const {
+    if (!slots_.empty()) __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+  }
   // Calls fn(record) for every record whose hash is hash (callers compare
   // the key).
   template <class Fn>
@@ -112,6 +116,9 @@ class Store {
   std::int32_t AppendLine(std::size_t off, std::size_t size);  // into base()
   // index = false leaves the record out of the key index until IndexAll.
   void AddRecord(std::int32_t line, const ParsedRecord& parsed, bool index = true);
+  // The record that cf stored on line (whose text starts at line_start in
+  // cf's text) as a record of view, without an index entry until IndexAll.
+  void AddRecord(std::int32_t line, std::size_t line_start, const Cf& cf, int view);
   // Builds the key indexes of all records at once (after loading).
   void IndexAll();
 
@@ -167,6 +174,11 @@ class Store {
   // The whole file as it is now, or as it would be after edit (the same
   // bytes that UpdateRecord, InsertRecord or RemoveLines then produce).
   std::string Text(const Edit* edit = nullptr) const;
+  // The same bytes as stretches of the copy's buffers (and of edit's text),
+  // in file order; neighbouring lines that follow each other in a buffer
+  // make one stretch, so an unchanged file is one piece. Valid until the
+  // store or edit changes.
+  void Pieces(const Edit* edit, std::vector<std::string_view>& out) const;
 
  private:
   static constexpr std::uint64_t kEdited = 1ull << 63;

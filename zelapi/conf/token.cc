@@ -68,6 +68,18 @@ void Params::Add(const Comment& rule) {
   comment_first_[first] = 1;
   if (rule.anywhere()) class_[first] = kWordComment;
   comments_.push_back(rule);
+  if (comment_byte_ == -1)
+    comment_byte_ = first;
+  else if (comment_byte_ != first)
+    comment_byte_ = -2;
+}
+
+bool Params::MayHoldComment(std::string_view text) const {
+  if (comment_byte_ == -1 || text.empty()) return false;
+  if (comment_byte_ >= 0) return std::memchr(text.data(), comment_byte_, text.size()) != nullptr;
+  for (char c : text)
+    if (comment_first_[static_cast<unsigned char>(c)]) return true;
+  return false;
 }
 
 bool Tokenizer::MatchComment(std::size_t pos, bool anywhere_only, std::size_t& after) const {

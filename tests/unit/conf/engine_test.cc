@@ -786,3 +786,97 @@ TEST_F(EngineTest, ManyEditsDoNotPileUpInMemory) {
   engine->FlushDeferred();
   EXPECT_EQ(Slurp(Path("v.txt")), "# busy\na@x.example\tlast\nb@x.example\tother\n");
 }
+
+// ------------------------------------------------------------ the disk check
+
+namespace {
+
+// Counts the stats by path: the engine's look at the disk.
+class StatCountingOps : public pnl_file::Ops {
+ public:
+  int Stat(const std::string& path, pnl_file::FileId& id) override {
+    ++stats;
+    return pnl_file::Ops::Stat(path, id);
+  }
+  int stats = 0;
+};
+
+}  // namespace
+
+TEST_F(EngineTest, EachCursorOperationLooksAtTheDiskOnceAndNextNotAtAll) {
+  const std::string path = Copy("virt.txt");
+  VirtTable::Get<MailView>(path, false);  // read once, so no operation below reads it
+  auto ops = std::make_shared<StatCountingOps>();
+  pnl_file::ScopedOps scoped(ops);
+  auto count = [&](const char* what, auto&& op) {
+    const int before = ops->stats;
+    op();
+    EXPECT_EQ(ops->stats - before, 1) << what;
+  };
+  Cursor<MailView> mails;
+  count("Get", [&] { mails = VirtTable::Get<MailView>(path, false); });
+  count("First", [&] { mails->First(); });
+  const int before_next = ops->stats;
+  mails->Next();
+  mails->Next();
+  EXPECT_EQ(ops->stats, before_next) << "Next";
+  count("Find", [&] { ASSERT_TRUE(mails->Find("info@example.com")); });
+  count("Assert", [&] { mails->Assert("sales@example.com"); });
+  count("Create", [&] { mails->Create("new@example.com"); });
+  count("New", [&] { mails->New(); });
+  count("Delete(key)", [&] { ASSERT_TRUE(mails->Delete("info@example.com")); });
+  ASSERT_TRUE(mails->Find("bob@other.org"));
+  mails->target = "bob+other.org";
+  count("Post", [&] { mails->Post(""); });
+}
+
+TEST_F(EngineTest, HandEditIsSeenByTheOneCheckOfDeleteByKey) {
+  Spill(Path("v.txt"), "a@x.example\tone\nb@x.example\ttwo\n");
+  auto mails = VirtTable::Get<MailView>(Path("v.txt"), false);
+  mails->First();
+  Spill(Path("v.txt"), "a@x.example\tone\nb@x.example\ttwo\nc@x.example\tthree by hand\n");
+  ASSERT_TRUE(mails->Delete("c@x.example"));
+  EXPECT_EQ(Slurp(Path("v.txt")), "a@x.example\tone\nb@x.example\ttwo\n");
+}
+
+// ------------------------------------------------------------ rebuilding the copy
+
+TEST_F(EngineTest, LargeFileCollectsEditsUpToItsOwnSizeBeforeTheCopyIsRebuilt) {
+  // A 3 MiB file: rebuilding its copy after each MiB of edits would read
+  // the whole file again every few thousand posts.
+  std::string text;
+  for (int i = 0; text.size() < (std::size_t{3} << 20); ++i)
+    text += "user" + std::to_string(i) + "@x.example\tuser" + std::to_string(i) + "+x.example\n";
+  Spill(Path("big.txt"), text);
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  auto mails = VirtTable::Get<MailView>(Path("big.txt"), false);
+  ASSERT_TRUE(mails->Find("user7@x.example"));
+  const std::size_t before = engine->CachedBytes();
+  engine->BeginDeferred();
+  auto post = [&](int n) {
+    mails->target = "changed-target-number-" + std::to_string(n);
+    mails->Post("");
+  };
+  // The edited lines pile up (past 1 MiB) until they outweigh the file;
+  // then the copy is rebuilt and holds about the file's size again.
+  int i = 0;
+  std::size_t most = 0;
+  bool rebuilt = false;
+  for (; i < 200000; ++i) {
+    post(i);
+    const std::size_t now = engine->CachedBytes();
+    const std::size_t held = now > before ? now - before : 0;
+    if (held < most) {
+      rebuilt = true;
+      break;
+    }
+    most = held;
+  }
+  EXPECT_TRUE(rebuilt);
+  EXPECT_GT(most, std::size_t{2} << 20);
+  EXPECT_LE(most, text.size() + 4096);
+  EXPECT_EQ(mails->target.Str(), "changed-target-number-" + std::to_string(i));
+  engine->FlushDeferred();
+  ASSERT_TRUE(mails->Find("user7@x.example"));
+  EXPECT_EQ(mails->target.Str(), "changed-target-number-" + std::to_string(i));
+}

@@ -302,3 +302,85 @@ TEST(CfTest, OnlyTheOfferedViewMayCache) {
   cf.CacheStart(offered, true);
   EXPECT_THROW(cf.CacheField(other.key), pnl_err::Error);
 }
+
+// The rest of a line, taken up to the line end, in the cases where no
+// comment can start in it and where one can.
+TEST(CfTest, GetUntilTokenToTheLineEndTakesAHashInsideAWordAsText) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("key a#b  c \t\n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "a#b  c \t");
+  cf.GetToken(false);
+  EXPECT_EQ(cf.token(), "\n");
+}
+
+TEST(CfTest, GetUntilTokenToTheLineEndOfALastLineWithoutOne) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("x y\nkey  value  ", rules);
+  ASSERT_TRUE(cf.NextLine());
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "value  ");
+  EXPECT_EQ(cf.pos(), 9u);
+  cf.GetToken(false);
+  EXPECT_EQ(cf.token(), "");
+  EXPECT_EQ(cf.token_type(), pnl_token::Token::End);
+}
+
+TEST(CfTest, GetUntilTokenToTheLineEndKeepsLeadingBlanksWhenAsked) {
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("key  a b\n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, false);
+  EXPECT_EQ(cf.token(), "  a b");
+  EXPECT_EQ(cf.pos(), 3u);
+}
+
+TEST(CfTest, GetUntilTokenWithoutCommentRulesTakesEverything) {
+  pnl_token::Params rules;
+  rules.Add(pnl_token::CharToken("\t ", 1));
+  Cf cf("key a # b\n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "a # b");
+}
+
+TEST(CfTest, GetUntilTokenStopsAtAnyOfSeveralCommentStarts) {
+  pnl_token::Params rules;
+  rules.Add(pnl_token::CharToken("\t ", 1));
+  rules.Add(pnl_token::Comment("#", "\n", false));
+  rules.Add(pnl_token::Comment(";", "\n", false));
+  Cf cf("key a ; b\nkey a;b c # d\nkey plain text \n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "a");
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "a;b c");
+  ASSERT_TRUE(cf.NextLine());
+  cf.GetUntilToken("\n", false, true);
+  EXPECT_EQ(cf.token(), "plain text ");
+}
+
+TEST(CfTest, RemarksAndCarriageReturnsAreFoundOnTheLinesThatHaveThem) {
+  // The lines are searched once from the start; each line must still see
+  // exactly what stands on it.
+  const pnl_token::Params rules = VirtRules();
+  Cf cf("a@x.example\tone\n"
+        "b@x.example\ttwo # remark\n"
+        "c@x.example\tthree\n"
+        "d@x.example\tfo\rur\n"
+        "e@x.example\tfive\n",
+        rules);
+  MailView mail;
+  std::vector<std::string> values;
+  while (cf.NextLine()) {
+    try {
+      if (mail.Parse(cf) && cf.stored()) values.push_back(cf.stored_value(1));
+    } catch (const pnl_err::Error&) {
+      values.push_back("refused");
+    }
+  }
+  EXPECT_EQ(values, (std::vector<std::string>{"one", "two", "three", "refused", "five"}));
+}

@@ -150,3 +150,14 @@ TEST(ArrayFieldTest, CanonicalFormIsTheJoinedSplit) {
   EXPECT_EQ(r.words.Canonical(" a  b "), "a b");
   EXPECT_EQ(r.name.Canonical(" a  b "), " a  b ");
 }
+
+TEST(ArrayFieldTest, LoadingAShorterListLeavesNoElementOfTheLongerOne) {
+  Bare r;
+  r.list.Load("a@example.com, b@example.com, c@example.com");
+  r.list.Load("d@example.com");
+  EXPECT_EQ(r.list.Elements(), (Elements{"d@example.com"}));
+  r.list.Load("  ");
+  EXPECT_EQ(r.list.Size(), 0u);
+  r.list.Load("e, \"|prog x,y\"");
+  EXPECT_EQ(r.list.Elements(), (Elements{"e", "\"|prog x,y\""}));
+}

@@ -150,3 +150,71 @@ TEST(StoreTest, ContinuationLinesBelongToTheRecordBeforeThem) {
   store.AddRecord(store.AppendLine(20, 2), KeyRecord(1));
   EXPECT_EQ(store.BlockSize(a), 3);
 }
+
+namespace {
+
+std::string Join(const std::vector<std::string_view>& pieces) {
+  std::string out;
+  for (std::string_view piece : pieces) out.append(piece);
+  return out;
+}
+
+}  // namespace
+
+TEST(StoreTest, UnchangedStoreIsOnePieceOfItsBuffer) {
+  Store store;
+  Fill(store, 50);
+  std::vector<std::string_view> pieces;
+  store.Pieces(nullptr, pieces);
+  ASSERT_EQ(pieces.size(), 1u);
+  EXPECT_EQ(pieces[0].data(), store.base().data());
+  EXPECT_EQ(pieces[0].size(), store.base().size());
+}
+
+TEST(StoreTest, PiecesOfAnEditAreTheNewTextBetweenTheUntouchedStretches) {
+  Store store;
+  Fill(store, 5);
+  std::vector<std::string_view> pieces;
+  Store::Edit update;
+  update.kind = Store::Edit::kUpdate;
+  update.line = store.record(store.Find(0, "k2")).line;
+  update.text = "k2x\n";
+  store.Pieces(&update, pieces);
+  EXPECT_EQ(pieces, (std::vector<std::string_view>{"k0\nk1\n", "k2x\n", "k3\nk4\n"}));
+  EXPECT_EQ(pieces[1].data(), update.text.data());
+  EXPECT_EQ(pieces[0].data(), store.base().data());
+
+  Store::Edit remove;
+  remove.kind = Store::Edit::kRemove;
+  remove.line = store.record(store.Find(0, "k1")).line;
+  remove.count = 2;
+  store.Pieces(&remove, pieces);
+  EXPECT_EQ(pieces, (std::vector<std::string_view>{"k0\n", "k3\nk4\n"}));
+
+  Store::Edit insert;
+  insert.kind = Store::Edit::kInsert;
+  insert.line = -1;
+  insert.text = "n\n";
+  store.Pieces(&insert, pieces);
+  EXPECT_EQ(Join(pieces), "k0\nk1\nk2\nk3\nk4\nn\n");
+  EXPECT_EQ(Join(pieces), store.Text(&insert));
+
+  // Made, the update is a line of the edited texts: three pieces still.
+  store.UpdateRecord(store.Find(0, "k2"), update.text, KeyRecord(3));
+  store.Pieces(nullptr, pieces);
+  EXPECT_EQ(pieces.size(), 3u);
+  EXPECT_EQ(Join(pieces), "k0\nk1\nk2x\nk3\nk4\n");
+}
+
+TEST(StoreTest, PiecesGiveALastLineWithoutLineEndOneBeforeAnAppendedLine) {
+  Store store;
+  store.Reset("a\nb", {1});
+  store.AddRecord(store.AppendLine(0, 2), KeyRecord(1));
+  store.AddRecord(store.AppendLine(2, 1), KeyRecord(1));
+  Store::Edit insert;
+  insert.kind = Store::Edit::kInsert;
+  insert.text = "c\n";
+  std::vector<std::string_view> pieces;
+  store.Pieces(&insert, pieces);
+  EXPECT_EQ(Join(pieces), "a\nb\nc\n");
+}

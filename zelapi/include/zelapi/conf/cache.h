@@ -136,8 +136,9 @@ class ConfCache {
   int Capacity() const;
   // How many files are cached now (referenced or not).
   std::size_t CachedFiles() const;
-  // Bytes of text the cached copies hold (a copy that collected more than
-  // 1 MiB of edited lines is rebuilt from its current text).
+  // Bytes of text the cached copies hold (a copy that collected more
+  // edited lines than 1 MiB, or than the file's size when it was read if
+  // that is more, is rebuilt from its current text).
   std::size_t CachedBytes() const;
 
  protected:

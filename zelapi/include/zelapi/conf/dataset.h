@@ -116,6 +116,9 @@ class ConfDataSet : public virtual dd::Record {
   bool from_create_ = false;     // kNew made by Create
   std::string lost_key_;         // kLost: the key that vanished
   std::vector<std::string> loaded_;  // field values as read (Str form)
+  // loaded_ holds the texts as stored instead, made Str form (Field::Canonical)
+  // only when a post needs them: moving onto a record costs no joining.
+  bool loaded_raw_ = false;
 };
 
 // The base of every record view.

@@ -124,6 +124,19 @@ class Cf {
     return text_.substr(start, end - start);
   }
   void CheckOpen(const char* what) const;
+  // Where the next byte `byte` of the text lies at or after `from` (the
+  // text's size when there is none). The last answer is kept: asking again
+  // anywhere between its start and the byte found costs nothing, so the
+  // lines of a text are searched in one pass.
+  struct ByteScan {
+    int byte;
+    bool valid = false;
+    std::size_t from = 0;
+    std::size_t at = 0;
+  };
+  std::size_t NextByte(ByteScan& scan, std::size_t from);
+  // Whether [from, to) holds a byte that may open a comment.
+  bool MayHoldComment(std::size_t from, std::size_t to);
   // Whether a comment lies between the token boundaries from and to.
   bool HasComment(std::size_t from, std::size_t to) const;
 
@@ -152,4 +165,7 @@ class Cf {
   bool done_ = false;
   bool key_required_ = false;
   std::vector<Cached> fields_;
+
+  ByteScan carriage_returns_{'\r'};
+  ByteScan comments_{-1};
 };

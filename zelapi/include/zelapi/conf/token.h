@@ -88,11 +88,18 @@ class Params {
   std::uint8_t Class(unsigned char c) const { return class_[c]; }
   bool MayOpenComment(unsigned char c) const { return comment_first_[c] != 0; }
   const std::vector<Comment>& comments() const { return comments_; }
+  // Whether text holds a byte that may open a comment (a fast test for
+  // stretches of text that cannot hold one).
+  bool MayHoldComment(std::string_view text) const;
+  // The one byte that opens every comment; -1 without comments, -2 when
+  // comments start with different bytes.
+  int CommentByte() const { return comment_byte_; }
 
  private:
   std::uint8_t class_[256];
   std::uint8_t comment_first_[256];
   std::vector<Comment> comments_;
+  int comment_byte_ = -1;
 };
 
 // Scans text by the rules. The text and the rules must outlive it.
