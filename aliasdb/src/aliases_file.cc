@@ -47,16 +47,19 @@ void AliasesFile::Cut() {
   std::size_t pos = 0;
   std::uint32_t line_no = 0;
   // One physical line from pos, without its line end; advances pos past it.
+  bool ended = false;  // the line read last had a line end
   auto read_physical = [&]() {
     const char* nl = static_cast<const char*>(std::memchr(base + pos, '\n', size - pos));
     const std::size_t end = nl ? static_cast<std::size_t>(nl - base) : size;
     std::string_view line(base + pos, end - pos);
     pos = nl ? end + 1 : size;
+    ended = nl != nullptr;
     ++line_no;
     return line;
   };
 
   std::string joined;
+  bool after_blank_start = false;  // the logical line before started with a blank
   while (pos < size) {
     const std::size_t raw_start = pos;
     const std::uint32_t first = line_no + 1;
@@ -70,10 +73,15 @@ void AliasesFile::Cut() {
     // A backslash before the line end takes in the next physical line; a
     // following line that starts with a blank or a tab continues this one.
     for (;;) {
-      if (!segment.empty() && segment.back() == '\\') {
+      if (ended && !segment.empty() && segment.back() == '\\') {
         start_joining();
         joined.pop_back();
-        segment = pos < size ? read_physical() : std::string_view();
+        if (pos < size) {
+          segment = read_physical();
+        } else {
+          segment = std::string_view();
+          ended = false;
+        }
         joined.append(segment);
         continue;
       }
@@ -86,7 +94,10 @@ void AliasesFile::Cut() {
       break;
     }
     if (is_joined) logical = joined;
-    if (logical.empty() || logical.front() == '#') continue;
+    if (logical.empty() || logical.front() == '#') {
+      after_blank_start = false;
+      continue;
+    }
 
     Line out;
     out.first_line = first;
@@ -97,16 +108,21 @@ void AliasesFile::Cut() {
     }
 
     if (IsBlank(logical.front())) {
-      out.kind = Line::Kind::kError;
-      out.text = "Non-continuation line starts with space";
-      lines_.push_back(out);
+      // sendmail reports one of two such lines in a row (the second can
+      // only come after an empty line that joined it).
+      if (!after_blank_start) {
+        out.kind = Line::Kind::kError;
+        out.text = "Non-continuation line starts with space";
+        lines_.push_back(out);
+      }
+      after_blank_start = true;
       continue;
     }
+    after_blank_start = false;
     if (logical.size() > kMaxPlainLine) {
       out.kind = Line::Kind::kOdd;
       out.text = std::string_view(base + raw_start, pos - raw_start);
       lines_.push_back(out);
-      if (pos == size && size > 0 && base[size - 1] != '\n') long_tail_ = true;
       continue;
     }
     const std::size_t colon = logical.find(':');

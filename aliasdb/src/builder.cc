@@ -183,7 +183,7 @@ BuildReport Build(const BuildOptions& options) {
   const AliasesFile parsed(ReadAll(source.fd, file));
   const SendmailOracle oracle(options.sendmail, options.config, folder);
 
-  if (parsed.has_nul() || parsed.long_last_line_without_end()) {
+  if (parsed.has_nul()) {
     // sendmail takes the same lock: let it go first.
     ::close(source.fd);
     source.fd = -1;

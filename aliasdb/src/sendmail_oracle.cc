@@ -77,12 +77,41 @@ std::vector<std::string> SendmailOracle::Command(const std::string& alias_file) 
   return argv;
 }
 
+namespace {
+
+std::uint32_t CountLines(std::string_view text) {
+  std::uint32_t n = 0;
+  for (char c : text) n += c == '\n';
+  return n;
+}
+
+}  // namespace
+
 Verdict SendmailOracle::Decide(std::string_view raw, std::uint32_t first_line) const {
-  std::string once(raw);
-  if (once.empty() || once.back() != '\n') once.push_back('\n');
-  std::uint32_t physical = 0;
-  for (char c : once) physical += c == '\n';
-  TempAliases temp(scratch_dir_, once + once);
+  const bool backslash_at_end = raw.size() >= 2 && raw.substr(raw.size() - 2) == "\\\n";
+  if (!raw.empty() && raw.back() == '\n' && !backslash_at_end) {
+    // The line twice: messages, key and value from the first copy, the name
+    // as a duplicate warning shows it from the second.
+    const std::string once(raw);
+    return Ask(once + once, CountLines(once), first_line);
+  }
+  // The file's last line, where the end of the file changes the line: no
+  // line end after it, or a backslash whose next line does not exist. It is
+  // asked alone, as it stands; then, for the duplicate warning's name only,
+  // twice with a plain line end.
+  Verdict verdict = Ask(raw, CountLines(raw) + 1, first_line);
+  if (verdict.stored) {
+    std::string plain(raw);
+    if (!plain.empty() && plain.back() == '\n') plain.pop_back();
+    if (!plain.empty() && plain.back() == '\\') plain.pop_back();
+    plain.push_back('\n');
+    verdict.shown = Ask(plain + plain, CountLines(plain), first_line).shown;
+  }
+  return verdict;
+}
+
+Verdict SendmailOracle::Ask(std::string_view content, std::uint32_t physical, std::uint32_t first_line) const {
+  TempAliases temp(scratch_dir_, content);
 
   Child run(Command(temp.path()), false, scratch_dir_);
   Verdict verdict;
@@ -98,7 +127,10 @@ Verdict SendmailOracle::Decide(std::string_view raw, std::uint32_t first_line) c
     std::string_view text = out.substr(0, nl);
     out = nl == std::string_view::npos ? std::string_view() : out.substr(nl + 1);
     if (text.empty()) continue;
-    if (text.substr(0, full_prefix.size()) == full_prefix) continue;  // the summary line
+    if (text.substr(0, full_prefix.size()) == full_prefix &&
+        text.find(" aliases, longest ", full_prefix.size()) != std::string_view::npos &&
+        text.substr(full_prefix.size(), 5) != "line ")
+      continue;  // the summary line
     if (text.substr(0, prefix.size()) != prefix) {
       // Not about the file (a warning of sendmail's own): shown once.
       bool seen = false;
@@ -115,8 +147,8 @@ Verdict SendmailOracle::Decide(std::string_view raw, std::uint32_t first_line) c
         number = number * 10 + static_cast<std::uint32_t>(text[i++] - '0');
     }
     if (i <= 5 || text.substr(i, 2) != ": ") {
-      // About the file but no line: its summary, or a note kept as said.
-      if (text.find(" aliases, longest ") == std::string_view::npos) verdict.messages.emplace_back(text);
+      // About the file but no line: kept as said.
+      verdict.messages.emplace_back(text);
       continue;
     }
     std::string_view rest = text.substr(i + 2);

@@ -3,13 +3,15 @@
 //
 // A logical line is a physical line plus what continues it: a backslash
 // right before the line end joins the next physical line (backslash and line
-// end removed), and every following physical line that starts with a blank
+// end removed; a backslash on the last line with no line end stays), and every following physical line that starts with a blank
 // or a tab is appended (only its line end removed). Each logical line then
 // is one of:
 //   - nothing: empty, or starting with '#' (a comment swallows its
 //     continuation lines too);
 //   - an error the file reader reports itself: a line starting with a blank
-//     ("Non-continuation line starts with space"), a line with no ':'
+//     ("Non-continuation line starts with space"; not reported when the
+//     logical line before also started with one, which happens when an
+//     empty line joins the indented line after it), a line with no ':'
 //     ("missing colon"), a name with nothing but blanks after the colon
 //     ("missing value for alias", after the first 40 bytes of the line);
 //   - a plain entry: a name of ordinary characters (letters, digits and
@@ -83,10 +85,6 @@ class AliasesFile {
   // True when the text holds a NUL byte: sendmail's line reader loses its
   // place on those, so such a file is not decided line by line.
   bool has_nul() const { return has_nul_; }
-  // True when the file's last logical line has no line end and is longer
-  // than kMaxPlainLine (sendmail's line limit differs by a byte or two
-  // there, so that line is not decided here either).
-  bool long_last_line_without_end() const { return long_tail_; }
 
  private:
   void Cut();
@@ -97,7 +95,6 @@ class AliasesFile {
   std::deque<std::string> made_;
   std::vector<Line> lines_;
   bool has_nul_ = false;
-  bool long_tail_ = false;
 };
 
 // True when c may appear in a plain name (see above).

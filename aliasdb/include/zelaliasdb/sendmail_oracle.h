@@ -11,8 +11,10 @@
 // file being built), holding the line twice: the first copy gives the
 // messages, the key and the value; the second makes sendmail name the line
 // in its duplicate warning, which is how the builder shows it too when a
-// later line repeats the name. The temporary files are removed before
-// Decide returns. One thread at a time; sendmail runs are about 60 ms, so
+// later line repeats the name. The file's last line, when the end of the
+// file changes it (no line end, or a backslash before the last line end),
+// is asked alone and then once more for its name. The temporary files are
+// removed before Decide returns. One thread at a time; sendmail runs are about 60 ms, so
 // this is for the few lines the builder cannot decide alone.
 #pragma once
 
@@ -58,6 +60,10 @@ class SendmailOracle {
 
  private:
   std::vector<std::string> Command(const std::string& alias_file) const;
+  // Runs sendmail on content; messages about its lines 1..physical become
+  // the verdict's (renumbered from first_line), a duplicate warning after
+  // them gives the shown name.
+  Verdict Ask(std::string_view content, std::uint32_t physical, std::uint32_t first_line) const;
 
   std::string sendmail_;
   std::string config_;

@@ -74,6 +74,14 @@ TEST(AliasesFileTest, BlankLineEndsAnEntryAndAnIndentedLineAfterItIsAnError) {
             Lines({"E 1 a=b,", "X 3 Non-continuation line starts with space", "E 4 d=e"}));
 }
 
+TEST(AliasesFileTest, SecondIndentedLineInARowIsNotReportedAgain) {
+  // Each empty line joins the indented line after it; two empty lines in a
+  // row leave one empty logical line between, and the report comes back.
+  EXPECT_EQ(Parse(" a\n\n b\n\n c\n\n\n d\nn: v\n\n e\n"),
+            Lines({"X 1 Non-continuation line starts with space", "X 8 Non-continuation line starts with space",
+                   "E 9 n=v", "X 11 Non-continuation line starts with space"}));
+}
+
 TEST(AliasesFileTest, IndentedFirstLineIsAnError) {
   EXPECT_EQ(Parse(" a: b\nc: d\n"), Lines({"X 1 Non-continuation line starts with space", "E 2 c=d"}));
 }
@@ -139,11 +147,9 @@ TEST(AliasesFileTest, NulByteIsNoticed) {
   EXPECT_TRUE(AliasesFile(std::string("a: b\0c\n", 7)).has_nul());
 }
 
-TEST(AliasesFileTest, LongLastLineWithoutLineEndIsNoticed) {
-  const std::string line = "a: " + std::string(zel_aliasdb::kMaxPlainLine, 'v');
-  EXPECT_TRUE(AliasesFile(line).long_last_line_without_end());
-  EXPECT_FALSE(AliasesFile(line + "\n").long_last_line_without_end());
-  EXPECT_FALSE(AliasesFile("a: b").long_last_line_without_end());
+TEST(AliasesFileTest, BackslashOnTheLastLineWithoutLineEndStaysInTheValue) {
+  EXPECT_EQ(Parse("a: b\\"), Lines({"E 1 a=b\\"}));
+  EXPECT_EQ(Parse("a: b\\\n"), Lines({"E 1 a=b"}));
 }
 
 TEST(AliasesFileTest, EmptyAndCommentOnlyFilesHoldNothing) {

@@ -121,6 +121,16 @@ TEST_F(BuilderTest, LongFileNameIsShortenedInLineMessagesAsSendmailDoes) {
   EXPECT_EQ(ours, theirs);
 }
 
+TEST_F(BuilderTest, LastLineForSendmailIsAskedAsItEndsTheFile) {
+  // Without a line end the backslash stays; before a last line end it goes.
+  BuildFile("x <j>: a\nJoe <j>: b\\");
+  EXPECT_EQ(MapOf(box_.Path("aliases.db")).at(Z("j")), Z("b\\"));
+  const BuildReport r = BuildFile("x <j>: a\nJoe <j>: b\\\n");
+  EXPECT_EQ(MapOf(box_.Path("aliases.db")).at(Z("j")), Z("b"));
+  EXPECT_EQ(r.output.at(0), zel_aliasdb::ShortFileName(box_.Path("aliases")) +
+                                ": line 2: Joe <j>... Warning: duplicate alias name j");
+}
+
 TEST_F(BuilderTest, FirstFailingLineGivesTheExitStatus) {
   EXPECT_EQ(BuildFile("tail@: x\nno colon\n").exit_code, 64);
   EXPECT_EQ(BuildFile("no colon\ntail@: x\n").exit_code, 70);
