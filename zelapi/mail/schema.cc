@@ -91,6 +91,18 @@ CREATE TABLE file_state (
 ) STRICT;
 )sql";
 
+// Version 2: a responder switched off forgets the senders it answered, so
+// that switched on again it answers each of them anew. (Deleting the
+// responder, or its mailbox, removes them through the cascade.)
+const char kVersion2[] = R"sql(
+CREATE TRIGGER email_responder_off_forgets_senders
+AFTER UPDATE OF enabled ON email_responder
+WHEN NEW.enabled = 0
+BEGIN
+  DELETE FROM email_responder_sent WHERE responder = NEW.id;
+END;
+)sql";
+
 // The schema becomes pnl_db's default when the library loads, so that
 // pnl_db::Cache::Open(file) opens a panel database.
 [[maybe_unused]] const bool kRegistered = (pnl_db::RegisterSchema(PanelSchema()), true);
@@ -100,6 +112,7 @@ CREATE TABLE file_state (
 const pnl_db::Schema& PanelSchema() {
   static const pnl_db::Schema schema = {
       {1, kVersion1},
+      {2, kVersion2},
   };
   return schema;
 }
