@@ -1,0 +1,202 @@
+// Handing a message to the send command on its standard input.
+#include "zelresponder/send.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "zelapi/err.h"
+#include "zelresponder/responder.h"
+
+extern char** environ;
+
+namespace zelresponder {
+
+namespace {
+
+// A file descriptor closed when it goes.
+class Fd {
+ public:
+  Fd() = default;
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() { Close(); }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+  bool open() const { return fd_ >= 0; }
+  void Close() noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  void Reset(int fd) noexcept {
+    Close();
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+void MakePipe(const std::string& command, Fd& read_end, Fd& write_end) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0)
+    throw pnl_err::Error("proc", command, std::string("cannot make a pipe: ") + std::strerror(errno));
+  read_end.Reset(fds[0]);
+  write_end.Reset(fds[1]);
+}
+
+void NonBlocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+// SIGPIPE blocked in this thread for the object's life; a SIGPIPE that
+// became pending meanwhile is taken back before the old mask returns.
+class PipeSignalBlock {
+ public:
+  PipeSignalBlock() {
+    sigemptyset(&set_);
+    sigaddset(&set_, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &set_, &old_);
+  }
+  ~PipeSignalBlock() {
+    sigset_t pending;
+    sigpending(&pending);
+    if (!was_pending_ && sigismember(&pending, SIGPIPE) == 1) {
+      const struct timespec zero = {0, 0};
+      while (sigtimedwait(&set_, nullptr, &zero) < 0 && errno == EINTR) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  PipeSignalBlock(const PipeSignalBlock&) = delete;
+  PipeSignalBlock& operator=(const PipeSignalBlock&) = delete;
+
+ private:
+  sigset_t set_;
+  sigset_t old_;
+  bool was_pending_ = false;
+};
+
+std::string Escaped(const std::string& command) {
+  std::string out;
+  for (char c : command) {
+    if (c == '\\' || c == '"') out += '\\';
+    if (c == '\n') {
+      out += "\\n";
+      continue;
+    }
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+SendResult SendThroughCommand(const std::string& command, const std::string& text) {
+  SendResult result;
+  Fd in_read, in_write, out_read, out_write;
+  MakePipe(command, in_read, in_write);
+  MakePipe(command, out_read, out_write);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in_read.get(), 0);
+  posix_spawn_file_actions_adddup2(&actions, out_write.get(), 1);
+  posix_spawn_file_actions_adddup2(&actions, out_write.get(), 2);
+  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  pid_t pid = -1;
+  const int spawned = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr,
+                                    const_cast<char* const*>(argv), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  in_read.Close();
+  out_write.Close();
+  if (spawned != 0) {
+    result.status = 127;
+    result.output = std::string("cannot start /bin/sh: ") + std::strerror(spawned);
+    return result;
+  }
+
+  PipeSignalBlock block;
+  NonBlocking(in_write.get());
+  NonBlocking(out_read.get());
+  size_t written = 0;
+  bool broken = false;  // the command closed its input early
+  if (text.empty()) in_write.Close();
+  bool exited = false;
+  int status = 0;
+  while (in_write.open() || out_read.open()) {
+    struct pollfd fds[2];
+    nfds_t n = 0;
+    int write_slot = -1, read_slot = -1;
+    if (in_write.open()) {
+      fds[n] = {in_write.get(), POLLOUT, 0};
+      write_slot = static_cast<int>(n++);
+    }
+    if (out_read.open()) {
+      fds[n] = {out_read.get(), POLLIN, 0};
+      read_slot = static_cast<int>(n++);
+    }
+    // Once the command has exited, only what is ready now is taken.
+    const int ready = ::poll(fds, n, exited ? 0 : 100);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if (ready == 0 && exited) break;
+    if (write_slot >= 0 && fds[write_slot].revents != 0) {
+      const size_t chunk = std::min<size_t>(text.size() - written, 65536);
+      const ssize_t w = ::write(in_write.get(), text.data() + written, chunk);
+      if (w > 0) {
+        written += static_cast<size_t>(w);
+        if (written == text.size()) in_write.Close();
+      } else if (w < 0 && errno != EAGAIN && errno != EINTR) {
+        broken = true;
+        in_write.Close();
+      }
+    }
+    if (read_slot >= 0 && fds[read_slot].revents != 0) {
+      char buffer[8192];
+      const ssize_t r = ::read(out_read.get(), buffer, sizeof buffer);
+      if (r > 0) {
+        result.output.append(buffer, static_cast<size_t>(r));
+      } else if (r == 0 || (errno != EAGAIN && errno != EINTR)) {
+        out_read.Close();
+      }
+    }
+    if (!exited) {
+      const pid_t done = ::waitpid(pid, &status, WNOHANG);
+      if (done == pid) exited = true;
+    }
+  }
+  bool lost = false;  // the status could not be read (SIGCHLD ignored)
+  while (!exited) {
+    const pid_t done = ::waitpid(pid, &status, 0);
+    if (done == pid) {
+      exited = true;
+    } else if (done < 0 && errno != EINTR) {
+      lost = true;
+      break;
+    }
+  }
+  if (lost) {
+    result.status = 127;
+  } else if (WIFEXITED(status)) {
+    result.status = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    result.status = 128 + WTERMSIG(status);
+  }
+  result.took_all = !broken && written == text.size();
+  ResponderLog().Debug("ran \"" + Escaped(command) + "\" status=" + std::to_string(result.status));
+  return result;
+}
+
+}  // namespace zelresponder
