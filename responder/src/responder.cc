@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -22,6 +23,9 @@ namespace zelresponder {
 namespace {
 
 constexpr std::time_t kDay = 24 * 60 * 60;
+// Periods beyond this many days (about 27 centuries) are taken as this one,
+// so that the period in seconds cannot overflow.
+constexpr int64_t kMaxPeriodDays = 1000000;
 
 Outcome NoAnswer(const std::string& reason, const std::string& recipient = std::string()) {
   Outcome outcome;
@@ -92,13 +96,13 @@ Outcome Respond(pnl_db::Cache& db, const std::string& address, const Message& me
 
     responder_id = responder->id.Value();
     key = AddressKey(recipient);
-    const int64_t period = responder->period_days.Value();
+    const int64_t period = std::min(responder->period_days.Value(), kMaxPeriodDays);
     std::shared_ptr<zel_db::EmailResponderSentTable> sent =
         db.Get<zel_db::EmailResponderSentTable>();
     had_record = sent->Lookup({{sent->responder, std::to_string(responder_id)}, {sent->sender, key}});
     if (had_record) {
       old_sent_at = sent->sent_at.Value();
-      if (period > 0 && now - old_sent_at < period * kDay)
+      if (period > 0 && old_sent_at > static_cast<int64_t>(now) - period * kDay)
         return NoAnswer("the sender was answered on " + FormatDate(old_sent_at) +
                             ", less than " + std::to_string(period) + " days ago",
                         recipient);

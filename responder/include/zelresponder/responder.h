@@ -61,8 +61,10 @@ struct Outcome {
 // now) before the request commits; then the answer is sent outside the
 // request. When the send command fails or does not take the whole answer,
 // the sender's previous record is put back (removed when there was none) in
-// a second request and the outcome is failed. Throws pnl_err::Error on
-// database errors, and as NewMessageId and SendThroughCommand.
+// a second request and the outcome is failed. Periods longer than 1,000,000
+// days count as that long. The calling thread must have no request open on
+// db. Throws pnl_err::Error on database errors, and as NewMessageId and
+// SendThroughCommand.
 Outcome Respond(pnl_db::Cache& db, const std::string& address, const Message& message,
                 std::time_t now);
 

@@ -274,3 +274,27 @@ TEST_F(RespondTest, DeletingTheMailboxForgetsItsResponderAndSenders) {
   EXPECT_EQ(Rows("SELECT count(*) FROM email_responder"), "0");
   EXPECT_EQ(SentRows(), "");
 }
+
+TEST_F(RespondTest, AnEnormousPeriodMeansNeverAgain) {
+  SetPeriodDays(INT64_MAX / 2);
+  ASSERT_TRUE(Answer(From("ann@x.example")).replied);
+  EXPECT_EQ(Answer(From("ann@x.example"), kNow + 3650 * kDay).reason,
+            "the sender was answered on Mon, 03 Mar 2025 11:06:40 +0000, less than 1000000 days "
+            "ago");
+}
+
+TEST_F(RespondTest, ADatabaseOfTheFirstVersionGetsTheForgettingWhenMigrated) {
+  const std::string file = box_.Path("old.db");
+  {
+    auto old = pnl_db::Cache::Open(file, {zel_db::PanelSchema().front()});
+    ASSERT_EQ(old->SchemaVersion(), 1);
+  }
+  auto db = pnl_db::Cache::Open(file, zel_db::PanelSchema());
+  EXPECT_GE(db->SchemaVersion(), 2);
+  db->Query("INSERT INTO email_domain (id, name) VALUES (1, 'd.example')");
+  db->Query("INSERT INTO email (id, name, domain) VALUES (1, 'l', 1)");
+  db->Query("INSERT INTO email_responder (id, email, enabled, text) VALUES (1, 1, 1, 'away')");
+  db->Query("INSERT INTO email_responder_sent (responder, sender) VALUES (1, 'ann@x.example')");
+  db->Query("UPDATE email_responder SET enabled = 0");
+  EXPECT_EQ(db->Query("SELECT count(*) FROM email_responder_sent").Int(), 0);
+}
