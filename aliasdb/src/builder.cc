@@ -50,11 +50,13 @@ struct Fd {
 std::string ReadAll(int fd, const std::string& path) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) throw Fail(path, "cannot read", errno);
+  // One byte more than the file holds, so the end shows without growing
+  // (and copying) the buffer; a file that grew meanwhile still reads whole.
   std::string text;
-  text.resize(static_cast<std::size_t>(st.st_size));
+  text.resize(static_cast<std::size_t>(st.st_size) + 1);
   std::size_t done = 0;
   for (;;) {
-    if (done == text.size()) text.resize(text.size() + 65536);
+    if (done == text.size()) text.resize(text.size() * 2);
     const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw Fail(path, "cannot read", errno);
