@@ -1,5 +1,6 @@
 // zelpnl-newaliases as the panel runs it: arguments, output, exit status.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "sandbox.h"
 #include "zelaliasdb/aliases_file.h"
@@ -81,4 +82,31 @@ TEST(NewaliasesCommandTest, MapThatCannotBeWrittenFailsWithStatus70AndOldMapStay
   std::string dump;
   RunShell("/usr/sbin/makemap -u hash " + box.Path("aliases.db") + " | sort", &dump);
   EXPECT_EQ(dump, "@\t@\na\tb\n");
+}
+
+// The panel as the administrator sets it up: a sandbox whose
+// "sendmail-newaliases" is zelpnl-newaliases with the sandbox's sendmail.cf.
+TEST(NewaliasesCommandTest, PanelUsesItAsItsNewaliasesCommand) {
+  const std::string zelpnl = std::string(ZEL_BIN_DIR) + "/zelpnl";
+  if (::access(zelpnl.c_str(), X_OK) != 0) GTEST_SKIP() << "zelpnl is not built";
+  Sandbox box(TestName());
+  const std::string d = box.Path("panel");
+  std::string out;
+  ASSERT_EQ(RunShell(zelpnl + " init --sandbox " + d, &out), 0) << out;
+  if (!box.Exists("panel/sendmail.cf")) GTEST_SKIP() << "sendmail-cf and m4 are needed for the sandbox";
+  // The configuration names sendmail's rebuild; point it at ours.
+  std::string conf = zeltest::ReadFile(d + "/zelpnl.conf");
+  const std::size_t at = conf.find("sendmail-newaliases = ");
+  ASSERT_NE(at, std::string::npos) << conf;
+  conf.replace(at, conf.find('\n', at) - at, "sendmail-newaliases = " + kOurs + " -C " + d + "/sendmail.cf");
+  zeltest::WriteFile(d + "/zelpnl.conf", conf);
+  const std::string run = "ZELPNL_CONF=" + d + "/zelpnl.conf " + zelpnl + " ";
+  ASSERT_EQ(RunShell(run + "webdomain add shop.example --owner admin", &out), 0) << out;
+  ASSERT_EQ(RunShell(run + "mail domain add shop.example", &out), 0) << out;
+  ASSERT_EQ(RunShell(run + "mail box add Info@shop.example --forward x@other.example", &out), 0) << out;
+  std::string dump;
+  RunShell("/usr/sbin/makemap -u hash " + d + "/aliases.db | LC_ALL=C sort", &dump);
+  EXPECT_EQ(dump, "@\t@\ndevnull\t\"/dev/null\"\ninfo+shop.example\tx@other.example, info\\@shop.example\n");
+  // sendmail itself finds the mailbox through the map ours wrote.
+  EXPECT_EQ(RunShell(run + "mail check info@shop.example", &out), 0) << out;
 }
