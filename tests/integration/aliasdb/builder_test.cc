@@ -4,12 +4,16 @@
 #include "zelaliasdb/builder.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 #include "sandbox.h"
 #include "zelaliasdb/aliases_file.h"
@@ -156,6 +160,32 @@ TEST_F(BuilderTest, NewMapKeepsModeAndOwnerOfTheOldOne) {
   EXPECT_EQ(st.st_mode & 07777, 0604u);
   EXPECT_EQ(st.st_uid, 4321u);
   EXPECT_EQ(st.st_gid, 4322u);
+}
+
+TEST_F(BuilderTest, BuildWaitsWhileTheAliasesFileIsLocked) {
+  box_.Write("aliases", "a: b\n");
+  options_.alias_file = box_.Path("aliases");
+  // sendmail's rebuild holds this lock while it works.
+  const int held = ::open(box_.Path("aliases").c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  std::thread build([&] { Build(options_); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_FALSE(box_.Exists("aliases.db"));
+  ::flock(held, LOCK_UN);
+  ::close(held);
+  build.join();
+  EXPECT_TRUE(box_.Exists("aliases.db"));
+}
+
+TEST_F(BuilderTest, SendmailLeavesTheMapAloneWhileABuildHoldsTheLock) {
+  box_.Write("aliases", "a: b\n");
+  const int held = ::open(box_.Path("aliases").c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  std::string out;
+  zeltest::RunShell("/usr/sbin/sendmail -bi -oA" + box_.Path("aliases"), &out);
+  ::close(held);
+  EXPECT_NE(out.find("is locked"), std::string::npos) << out;
+  EXPECT_FALSE(box_.Exists("aliases.db"));
 }
 
 TEST_F(BuilderTest, FirstMapIsReadableByOwnerAndGroupOnly) {
