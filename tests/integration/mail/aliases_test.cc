@@ -90,11 +90,11 @@ TEST_F(AliasesTest, AnAliasBothStoredAndRemovedEndsWithoutALine) {
 }
 
 TEST_F(AliasesTest, ProgramAndFileForwardsAreWrittenAsStored) {
-  AddForwardRow(mbox_, "\"|/usr/bin/procmail -a x\"");
+  AddForwardRow(mbox_, "\"|/usr/local/bin/sorter -a x\"");
   AddForwardRow(mbox_, "/var/mail/archive");
   mta_->SetAliases(mbox_, {});
   EXPECT_EQ(Read(AliasesFile()),
-            "n+a.example:\t\"|/usr/bin/procmail -a x\", /var/mail/archive, n\\@a.example\n");
+            "n+a.example:\t\"|/usr/local/bin/sorter -a x\", /var/mail/archive, n\\@a.example\n");
 }
 
 TEST_F(AliasesTest, TheResponderIsReappliedAfterTheRewrite) {

@@ -88,7 +88,7 @@ TEST_F(ModuleTest, EmptyMtaLeavesTheModuleInert) {
 }
 
 TEST_F(ModuleTest, OtherMtaLeavesTheModuleInert) {
-  pnl_cf::SetParam("MTA", "postfix");
+  pnl_cf::SetParam("MTA", "other-mta");
   Construct();
   ExpectInert(box_);
 }

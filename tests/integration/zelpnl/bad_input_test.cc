@@ -124,8 +124,8 @@ TEST_F(ZelpnlBadInputTest, ForwardTargets) {
                                     "--allow-program-targets", "--forward", target};
   };
   ExpectRefused({
-      {set("|/usr/bin/vacation"), 2,
-       "error: forward target \"|/usr/bin/vacation\": is a pipe to a program, which needs "
+      {set("|/usr/local/bin/filter"), 2,
+       "error: forward target \"|/usr/local/bin/filter\": is a pipe to a program, which needs "
        "--allow-program-targets\n"},
       {set("/var/mail/copy"), 2,
        "error: forward target \"/var/mail/copy\": is a file, which needs "

@@ -69,7 +69,7 @@ TEST_F(ApistatTest, UnknownInterfaceHasNoImplementation) {
 }
 
 TEST_F(ApistatTest, LaterCallForTheSameInterfaceReplacesTheRecord) {
-  apistat::ModuleInterface("mail", "postfix");
+  apistat::ModuleInterface("mail", "other-mta");
   apistat::ModuleInterface("dns", "bind");
   apistat::ModuleInterface("mail", "sendmail");
   EXPECT_EQ(apistat::InterfaceImplementation("mail"), "sendmail");

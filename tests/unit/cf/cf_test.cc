@@ -106,7 +106,7 @@ TEST_F(CfTest, CommentsBlankLinesAndCrLfAreAccepted) {
 }
 
 TEST_F(CfTest, LaterLineWinsWhenANameIsRepeated) {
-  pnl_cf::LoadText("[params]\nMTA = postfix\n[paths]\nx = 1\n[params]\nMTA = sendmail\n",
+  pnl_cf::LoadText("[params]\nMTA = other-mta\n[paths]\nx = 1\n[params]\nMTA = sendmail\n",
                    "text");
   EXPECT_EQ(pnl_cf::GetParam("MTA"), "sendmail");
   EXPECT_EQ(pnl_cf::GetPath("x"), "1");
@@ -223,7 +223,7 @@ TEST_F(CfTest, FolderInsteadOfFileIsAnError) {
 TEST_F(CfTest, FailedLoadKeepsThePreviousConfiguration) {
   const std::string good = Write("good.conf", "[params]\nMTA = sendmail\n[paths]\nx = /x\n");
   pnl_cf::Load(good);
-  const std::string bad = Write("bad.conf", "[params]\nMTA = postfix\n[paths]\ny\n");
+  const std::string bad = Write("bad.conf", "[params]\nMTA = other-mta\n[paths]\ny\n");
   EXPECT_THROW(pnl_cf::Load(bad), pnl_err::Error);
   EXPECT_EQ(pnl_cf::GetParam("MTA"), "sendmail");
   EXPECT_EQ(pnl_cf::GetPath("x"), "/x");
