@@ -47,7 +47,15 @@ Child::Child(const std::vector<std::string>& argv, bool with_input, const std::s
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  const int rc = ::posix_spawn(&pid_, program_.c_str(), &actions, nullptr, args.data(), environ);
+  // The child starts with no signal blocked, whatever the builder blocks.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+  const int rc = ::posix_spawn(&pid_, program_.c_str(), &actions, &attr, args.data(), environ);
+  posix_spawnattr_destroy(&attr);
   posix_spawn_file_actions_destroy(&actions);
   if (with_input) ::close(pipe_fds[0]);
   if (rc != 0) {

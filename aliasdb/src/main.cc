@@ -1,6 +1,7 @@
 // zelpnl-newaliases: rebuilds aliases databases as `sendmail -bi` does, with
 // its messages and exit status, for use as the panel's "sendmail-newaliases"
 // command.
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -80,6 +81,14 @@ int main(int argc, char** argv) {
     }
   }
   options.config = config;
+
+  // Like sendmail's rebuild, not to be interrupted half-way: the signals a
+  // terminal or a service manager sends wait until the maps are in place
+  // (a build that fails removes its temporary files itself).
+  sigset_t hold;
+  sigemptyset(&hold);
+  for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&hold, sig);
+  sigprocmask(SIG_BLOCK, &hold, nullptr);
 
   int status = 0;
   try {

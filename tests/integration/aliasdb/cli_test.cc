@@ -1,6 +1,13 @@
 // zelpnl-newaliases as the panel runs it: arguments, output, exit status.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
 
 #include "sandbox.h"
 #include "zelaliasdb/aliases_file.h"
@@ -109,4 +116,28 @@ TEST(NewaliasesCommandTest, PanelUsesItAsItsNewaliasesCommand) {
   EXPECT_EQ(dump, "@\t@\ndevnull\t\"/dev/null\"\ninfo+shop.example\tx@other.example, info\\@shop.example\n");
   // sendmail itself finds the mailbox through the map ours wrote.
   EXPECT_EQ(RunShell(run + "mail check info@shop.example", &out), 0) << out;
+}
+
+TEST(NewaliasesCommandTest, TerminationSignalWaitsUntilTheMapIsInPlace) {
+  Sandbox box(TestName());
+  box.Write("aliases", "a: b\n");
+  // Hold the aliases file's lock, so the program is mid-build when the
+  // signal comes.
+  const int held = ::open(box.Path("aliases").c_str(), O_RDONLY);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  const pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    const std::string file = box.Path("aliases");
+    ::execl(kOurs.c_str(), kOurs.c_str(), file.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  ::kill(pid, SIGTERM);
+  ::flock(held, LOCK_UN);
+  ::close(held);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  EXPECT_TRUE(box.Exists("aliases.db"));
 }
