@@ -36,13 +36,30 @@ std::string ShortFileName(const std::string& path) {
   return path.substr(0, 40) + "..." + path.substr(path.size() - 40);
 }
 
-AliasesFile::AliasesFile(std::string text) : text_(std::move(text)) { Cut(); }
+AliasesFile::AliasesFile(std::string text) : text_(std::move(text)) {
+  has_nul_ = std::memchr(text_.data(), '\0', text_.size()) != nullptr;
+}
 
-void AliasesFile::Cut() {
+std::size_t AliasesFile::PhysicalLines() const {
+  std::size_t n = 0;
+  const char* p = text_.data();
+  const char* const end = p + text_.size();
+  while ((p = static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)))) != nullptr) {
+    ++n;
+    ++p;
+  }
+  return n + 1;
+}
+
+std::vector<Line> AliasesFile::Lines() {
+  std::vector<Line> lines;
+  Cut([&](const Line& line) { lines.push_back(line); });
+  return lines;
+}
+
+void AliasesFile::Cut(const std::function<void(const Line&)>& on_line) {
   const char* const base = text_.data();
   const std::size_t size = text_.size();
-  has_nul_ = std::memchr(base, '\0', size) != nullptr;
-  lines_.reserve(size / 32 + 1);
 
   std::size_t pos = 0;
   std::uint32_t line_no = 0;
@@ -73,7 +90,10 @@ void AliasesFile::Cut() {
     // A backslash before the line end takes in the next physical line; a
     // following line that starts with a blank or a tab continues this one.
     for (;;) {
-      if (ended && !segment.empty() && segment.back() == '\\') {
+      // The line so far, not only the physical line just read: a backslash
+      // left over before an empty line joins again.
+      const std::string_view so_far = is_joined ? std::string_view(joined) : segment;
+      if (ended && !so_far.empty() && so_far.back() == '\\') {
         start_joining();
         joined.pop_back();
         if (pos < size) {
@@ -113,7 +133,7 @@ void AliasesFile::Cut() {
       if (!after_blank_start) {
         out.kind = Line::Kind::kError;
         out.text = "Non-continuation line starts with space";
-        lines_.push_back(out);
+        on_line(out);
       }
       after_blank_start = true;
       continue;
@@ -122,14 +142,14 @@ void AliasesFile::Cut() {
     if (logical.size() > kMaxPlainLine) {
       out.kind = Line::Kind::kOdd;
       out.text = std::string_view(base + raw_start, pos - raw_start);
-      lines_.push_back(out);
+      on_line(out);
       continue;
     }
     const std::size_t colon = logical.find(':');
     if (colon == std::string_view::npos) {
       out.kind = Line::Kind::kError;
       out.text = "missing colon";
-      lines_.push_back(out);
+      on_line(out);
       continue;
     }
     std::string_view name = logical.substr(0, colon);
@@ -145,7 +165,7 @@ void AliasesFile::Cut() {
     if (!plain) {
       out.kind = Line::Kind::kOdd;
       out.text = std::string_view(base + raw_start, pos - raw_start);
-      lines_.push_back(out);
+      on_line(out);
       continue;
     }
     std::size_t v = colon + 1;
@@ -154,7 +174,7 @@ void AliasesFile::Cut() {
       out.kind = Line::Kind::kError;
       made_.push_back(std::string(logical.substr(0, 40)) + "... missing value for alias");
       out.text = made_.back();
-      lines_.push_back(out);
+      on_line(out);
       continue;
     }
     out.kind = Line::Kind::kEntry;
@@ -168,7 +188,7 @@ void AliasesFile::Cut() {
       out.key = made_.back();
     }
     out.value = logical.substr(v);
-    lines_.push_back(out);
+    on_line(out);
   }
 }
 

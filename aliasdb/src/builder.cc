@@ -7,10 +7,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <unordered_map>
 
 #include "zelaliasdb/aliases_file.h"
 #include "zelaliasdb/hash_map.h"
@@ -182,7 +182,7 @@ BuildReport Build(const BuildOptions& options) {
   while ((rc = ::flock(source.fd, LOCK_EX)) != 0 && errno == EINTR) {
   }
   if (rc != 0) throw Fail(file, "cannot lock", errno);
-  const AliasesFile parsed(ReadAll(source.fd, file));
+  AliasesFile parsed(ReadAll(source.fd, file));
   const SendmailOracle oracle(options.sendmail, options.config, folder);
 
   if (parsed.has_nul()) {
@@ -197,13 +197,10 @@ BuildReport Build(const BuildOptions& options) {
     return report;
   }
 
-  const std::vector<Line>& lines = parsed.lines();
-  // The lines left to sendmail, answered first (each a sendmail run).
-  std::unordered_map<std::uint32_t, Verdict> verdicts;
-  for (std::uint32_t i = 0; i < lines.size(); ++i)
-    if (lines[i].kind == Line::Kind::kOdd) verdicts.emplace(i, oracle.Decide(lines[i].text, lines[i].first_line));
-  report.odd_lines = verdicts.size();
-
+  // Entries are written as the file is cut; the keys stay for sendmail's
+  // duplicate warning (views into the text, or kept here for the lines
+  // sendmail decided).
+  const std::size_t expected = parsed.PhysicalLines();
   TempMap temp(target);
   std::string map_path;
   std::unique_ptr<MapWriter> writer;
@@ -211,22 +208,21 @@ BuildReport Build(const BuildOptions& options) {
     writer = MakeMakemapWriter(options.makemap, temp.reserved());
     map_path = temp.reserved() + ".db";
   } else {
-    writer = MakeHashWriter(temp.reserved(), lines.size() + 1);
+    writer = MakeHashWriter(temp.reserved(), expected + 1);
     map_path = temp.reserved();
   }
 
-  auto key_of = [&](std::uint32_t i) -> std::string_view {
-    if (lines[i].kind == Line::Kind::kEntry) return lines[i].key;
-    return verdicts.at(i).key;
-  };
-  SeenKeys seen(lines.size(), key_of);
+  std::vector<std::string_view> keys;
+  std::deque<std::string> odd_keys;
+  SeenKeys seen(expected, [&](std::uint32_t i) { return keys[i]; });
   const std::string prefix = ShortFileName(file) + ": ";
   auto fail_with = [&](int code) {
     if (report.exit_code == 0) report.exit_code = code;
   };
-  auto store = [&](std::uint32_t i, std::uint32_t line_no, std::string_view shown, std::string_view key,
-                   std::string_view value) {
-    if (!seen.Insert(key, i))
+  auto store = [&](std::uint32_t line_no, std::string_view shown, std::string_view key, std::string_view value) {
+    const auto id = static_cast<std::uint32_t>(keys.size());
+    keys.push_back(key);
+    if (!seen.Insert(key, id))
       report.output.push_back(prefix + "line " + std::to_string(line_no) + ": " + std::string(shown) +
                               "... Warning: duplicate alias name " + std::string(key));
     writer->Put(key, value);
@@ -235,26 +231,29 @@ BuildReport Build(const BuildOptions& options) {
     if (value.size() > report.longest) report.longest = value.size();
   };
 
-  for (std::uint32_t i = 0; i < lines.size(); ++i) {
-    const Line& line = lines[i];
+  parsed.Cut([&](const Line& line) {
     switch (line.kind) {
       case Line::Kind::kError:
         report.output.push_back(prefix + "line " + std::to_string(line.line) + ": " + std::string(line.text));
         fail_with(kExitFileError);
         break;
       case Line::Kind::kEntry:
-        store(i, line.line, line.text, line.key, line.value);
+        store(line.line, line.text, line.key, line.value);
         break;
       case Line::Kind::kOdd: {
-        const Verdict& v = verdicts.at(i);
+        ++report.odd_lines;
+        const Verdict v = oracle.Decide(line.text, line.first_line);
         for (const std::string& m : v.notes) report.output.push_back(m);
         for (const std::string& m : v.messages) report.output.push_back(prefix + m);
         if (v.exit_code != 0) fail_with(v.exit_code);
-        if (v.stored) store(i, line.line, v.shown, v.key, v.value);
+        if (v.stored) {
+          odd_keys.push_back(v.key);
+          store(line.line, v.shown, odd_keys.back(), v.value);
+        }
         break;
       }
     }
-  }
+  });
   writer->Put("@", "@");
   writer->Finish();
   writer.reset();

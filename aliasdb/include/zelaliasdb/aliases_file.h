@@ -28,13 +28,16 @@
 // Line numbers are those sendmail reports: the last physical line of the
 // logical line.
 //
-// The parsed file owns its text; entries point into it. Not thread-safe for
-// writing; a finished AliasesFile may be read from several threads.
+// The object owns the file's text and what it makes while cutting it; the
+// lines it hands out point into both. It cuts the text as it goes, handing
+// each line to the caller, so a large file is never held twice. One thread
+// at a time.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -71,29 +74,32 @@ struct Line {
 
 class AliasesFile {
  public:
-  // Cuts text into lines (see above). Never throws for content: every
-  // logical line becomes an entry, an error or a line for sendmail's parser.
-  // Throws std::bad_alloc only.
+  // Takes the file's text; cuts nothing yet.
   explicit AliasesFile(std::string text);
   AliasesFile(const AliasesFile&) = delete;
   AliasesFile& operator=(const AliasesFile&) = delete;
 
-  // The logical lines that are not nothing, in file order. The views refer
-  // into this object and stay valid while it lives.
-  const std::vector<Line>& lines() const { return lines_; }
+  // Cuts the text (see above) and calls on_line with each logical line that
+  // is not nothing, in file order. The line's views stay valid while this
+  // object lives. Never throws for content: every logical line becomes an
+  // entry, an error or a line for sendmail's parser; what on_line throws
+  // goes through. Call once (a second call cuts the text again).
+  void Cut(const std::function<void(const Line&)>& on_line);
+  // Cut, collecting the lines.
+  std::vector<Line> Lines();
+
+  // The number of physical lines: at least the number of entries.
+  std::size_t PhysicalLines() const;
 
   // True when the text holds a NUL byte: sendmail's line reader loses its
   // place on those, so such a file is not decided line by line.
   bool has_nul() const { return has_nul_; }
 
  private:
-  void Cut();
-
   std::string text_;
   // Text made here (joined logical lines, lower-case keys, messages); a
   // deque, so the views into its strings stay valid as it grows.
   std::deque<std::string> made_;
-  std::vector<Line> lines_;
   bool has_nul_ = false;
 };
 

@@ -28,7 +28,7 @@ std::string Show(const Line& l) {
 std::vector<std::string> Parse(const std::string& text) {
   AliasesFile file(text);
   std::vector<std::string> out;
-  for (const Line& l : file.lines()) out.push_back(Show(l));
+  for (const Line& l : file.Lines()) out.push_back(Show(l));
   return out;
 }
 
@@ -43,10 +43,11 @@ TEST(AliasesFileTest, NameBecomesLowerCaseKeyAndValueKeepsItsBytes) {
 
 TEST(AliasesFileTest, BlanksAroundTheColonAreNotPartOfNameOrValue) {
   AliasesFile file("Sales \t:\t \v x\n");
-  ASSERT_EQ(file.lines().size(), 1u);
-  EXPECT_EQ(file.lines()[0].key, "sales");
-  EXPECT_EQ(file.lines()[0].text, "Sales \t");  // as sendmail shows it in a warning
-  EXPECT_EQ(file.lines()[0].value, "x");
+  const std::vector<Line> lines = file.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].key, "sales");
+  EXPECT_EQ(lines[0].text, "Sales \t");  // as sendmail shows it in a warning
+  EXPECT_EQ(lines[0].value, "x");
 }
 
 TEST(AliasesFileTest, ValueMayHoldColonsAndStartRightAfterTheColon) {
@@ -63,6 +64,12 @@ TEST(AliasesFileTest, ValueMayStartOnAContinuationLine) {
 
 TEST(AliasesFileTest, BackslashBeforeLineEndJoinsTheNextLineWhateverItStartsWith) {
   EXPECT_EQ(Parse("a: b,\\\nc\nd: e\\\\\n f\ng: h\\\n"), Lines({"E 2 a=b,c", "E 4 d=e\\ f", "E 5 g=h"}));
+}
+
+TEST(AliasesFileTest, BackslashLeftBeforeAnEmptyLineJoinsAgain) {
+  // Of "b" and two backslashes, one joins the empty line; the other is then
+  // last again and joins the line after it.
+  EXPECT_EQ(Parse("a: b\\\\\n\nc\nd: e\n"), Lines({"E 3 a=bc", "E 4 d=e"}));
 }
 
 TEST(AliasesFileTest, CommentTakesItsContinuationLinesAlong) {
@@ -97,9 +104,10 @@ TEST(AliasesFileTest, NothingButBlanksAfterTheColonIsMissingValueShowingTheWhole
 
 TEST(AliasesFileTest, ReportedLineIsTheLastPhysicalLineOfTheEntry) {
   AliasesFile file("# c\nlist: a,\n b,\n c\n");
-  ASSERT_EQ(file.lines().size(), 1u);
-  EXPECT_EQ(file.lines()[0].first_line, 2u);
-  EXPECT_EQ(file.lines()[0].line, 4u);
+  const std::vector<Line> lines = file.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].first_line, 2u);
+  EXPECT_EQ(lines[0].line, 4u);
 }
 
 TEST(AliasesFileTest, CarriageReturnStaysAtTheEndOfTheValue) {
@@ -150,6 +158,11 @@ TEST(AliasesFileTest, NulByteIsNoticed) {
 TEST(AliasesFileTest, BackslashOnTheLastLineWithoutLineEndStaysInTheValue) {
   EXPECT_EQ(Parse("a: b\\"), Lines({"E 1 a=b\\"}));
   EXPECT_EQ(Parse("a: b\\\n"), Lines({"E 1 a=b"}));
+}
+
+TEST(AliasesFileTest, PhysicalLinesCountLinesWithAndWithoutLineEnd) {
+  EXPECT_EQ(AliasesFile("a: b\n\nc: d").PhysicalLines(), 3u);
+  EXPECT_GE(AliasesFile("a: b\n").PhysicalLines(), 1u);
 }
 
 TEST(AliasesFileTest, EmptyAndCommentOnlyFilesHoldNothing) {
