@@ -195,12 +195,13 @@ int main(int argc, char** argv) {
       if (is_sendmail) {
         base = median;
         base_stopped = stopped;
-        fs::remove(file + ".db");
+        if (stopped)
+          fs::remove(file + ".db");  // half built
+        else
+          reference = MapOf(file + ".db");
       } else if (reference.empty()) {
         reference = MapOf(file + ".db");  // sendmail stopped: the first writer's map is the reference
-      }
-      if (is_sendmail && !stopped) reference = MapOf(file + ".db");
-      if (!is_sendmail && !reference.empty() && MapOf(file + ".db") != reference) {
+      } else if (MapOf(file + ".db") != reference) {
         all_same = false;
         std::printf("  %s built a map that differs\n", tool.name.c_str());
       }
