@@ -404,34 +404,53 @@ std::int32_t Store::RemoveLines(std::int32_t first, std::int32_t count) {
 void Store::Pieces(const Edit* edit, std::vector<std::string_view>& out) const {
   static const char kLineEnd = '\n';
   out.clear();
-  char last = '\n';  // the last byte so far ("\n": none, or a complete line)
+  // The stretch being gathered: lines that follow each other in a buffer.
+  const char* run = nullptr;
+  std::size_t run_size = 0;
   auto add = [&](std::string_view piece) {
     if (piece.empty()) return;
-    last = piece.back();
-    if (!out.empty() && out.back().data() + out.back().size() == piece.data())
-      out.back() = std::string_view(out.back().data(), out.back().size() + piece.size());
-    else
-      out.push_back(piece);
+    if (run != nullptr && run + run_size == piece.data()) {
+      run_size += piece.size();
+      return;
+    }
+    if (run_size > 0) out.emplace_back(run, run_size);
+    run = piece.data();
+    run_size = piece.size();
   };
+  auto last_byte = [&]() { return run_size > 0 ? run[run_size - 1] : '\n'; };
   const bool insert = edit && edit->kind == Edit::kInsert;
   const std::int32_t insert_after = insert ? (edit->line < 0 ? tail_ : edit->line) : -1;
   if (insert && insert_after < 0) add(edit->text);  // into an empty file
-  std::int32_t skip = 0;
-  for (std::int32_t l = head_; l >= 0; l = line(l).next) {
-    if (edit && edit->kind == Edit::kRemove && l == edit->line) skip = edit->count;
-    if (skip > 0) {
-      --skip;
+  // The one line where the edit shows; every other line is its own text.
+  const std::int32_t special = !edit ? -1 : insert ? insert_after : edit->line;
+  const char* const base = base_.data();
+  const char* const edits = edits_.data();
+  for (std::int32_t l = head_; l >= 0;) {
+    const Line& ln = lines_[static_cast<std::size_t>(l)];
+    if (l != special) {
+      const char* text = (ln.off & kEdited) ? edits + (ln.off & ~kEdited) : base + ln.off;
+      if (run != nullptr && run + run_size == text) {
+        run_size += ln.size;
+      } else {
+        add(std::string_view(text, ln.size));
+      }
+      l = ln.next;
       continue;
     }
-    if (edit && edit->kind == Edit::kUpdate && l == edit->line)
+    if (edit->kind == Edit::kRemove) {
+      for (std::int32_t k = 0; k < edit->count && l >= 0; ++k) l = line(l).next;
+      continue;
+    }
+    if (edit->kind == Edit::kUpdate) {
       add(edit->text);
-    else
+    } else {
       add(LineText(l));
-    if (l == insert_after) {
-      if (last != '\n') add(std::string_view(&kLineEnd, 1));
+      if (last_byte() != '\n') add(std::string_view(&kLineEnd, 1));
       add(edit->text);
     }
+    l = ln.next;
   }
+  if (run_size > 0) out.emplace_back(run, run_size);
 }
 
 std::string Store::Text(const Edit* edit) const {

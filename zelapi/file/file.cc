@@ -348,7 +348,6 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
       write_all(gathered.data(), gathered.size());
       gathered.clear();
     }
-    if (gathered.capacity() < kGather) gathered.reserve(kGather);
     gathered.append(piece);
   }
   if (!gathered.empty()) write_all(gathered.data(), gathered.size());

@@ -13,7 +13,13 @@
 // and read it again if so; a cursor on a record is then moved to the same
 // record (same key, same occurrence) in the new copy, or loses it (a later
 // Post, Delete or Next throws). A hand edit is never overwritten from a
-// stale copy.
+// stale copy. The check is one stat of the path per operation (Delete(key)
+// included); Next makes none.
+//
+// Cost: keys are found through a hash index per view, so Find, Create,
+// Assert and Delete(key) take the same time in a file of a million lines
+// as in one of a thousand; a save writes the whole file once, from the
+// cached copy's buffers.
 //
 // Writing: each Post, and each Delete of a record, saves the file at once
 // (atomically) and then calls the table's AfterSave with reason 0; while
