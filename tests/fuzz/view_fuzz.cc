@@ -1,0 +1,133 @@
+// Fuzz target for one record view (chosen at build time by ZEL_FUZZ_VIEW):
+// the input is a whole file. Read through the engine and the view (in
+// memory), walked record by record; saved unchanged it must come back byte
+// for byte; one record changed, only that record's line may differ.
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "email/records.h"
+#include "email/tables.h"
+#include "memory_files.h"
+#include "zelapi/err.h"
+
+namespace {
+
+#if ZEL_FUZZ_VIEW == 0
+using Table = email::LocalHostNames;
+using View = email::HostNames;
+dd::Field& Changed(View& v) { return v.name; }
+const char kValue[] = "fuzz.example";
+#elif ZEL_FUZZ_VIEW == 1
+using Table = email::VirtualUserTable;
+using View = email::VirtualDomains;
+dd::Field& Changed(View& v) { return v.target; }
+const char kValue[] = "error:nouser fuzz";
+#elif ZEL_FUZZ_VIEW == 2
+using Table = email::VirtualUserTable;
+using View = email::VirtualEmails;
+dd::Field& Changed(View& v) { return v.target; }
+const char kValue[] = "fuzz+d.example";
+#elif ZEL_FUZZ_VIEW == 3
+using Table = email::AliasTable;
+using View = email::Aliases;
+dd::Field& Changed(View& v) { return v.alias; }
+const char kValue[] = "fuzz\\@d.example";
+#else
+using Table = email::AccessDb;
+using View = email::SourceTarget;
+dd::Field& Changed(View& v) { return v.target; }
+const char kValue[] = "FUZZ";
+#endif
+
+const char kPath[] = "/fuzz/file";
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    lines.push_back(text.substr(start, end - start));
+    start = end;
+  }
+  return lines;
+}
+
+[[noreturn]] void Broken(const char* what) {
+  fprintf(stderr, "view fuzz: %s\n", what);
+  abort();
+}
+
+// Only one stretch of lines differs, and it is one line of the old text
+// (with the continuation lines after it) against lines of the new text
+// that hold the new value.
+void CheckOneRecordChanged(const std::string& before, const std::string& after) {
+  const std::vector<std::string> a = Lines(before), b = Lines(after);
+  size_t head = 0;
+  while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
+  size_t tail = 0;
+  while (tail < a.size() - head && tail < b.size() - head &&
+         a[a.size() - 1 - tail] == b[b.size() - 1 - tail])
+    ++tail;
+  if (head + tail == a.size() && head + tail == b.size()) return;  // the value was there already
+  const size_t old_lines = a.size() - head - tail, new_lines = b.size() - head - tail;
+  if (new_lines == 0) Broken("a change removed lines and wrote none");
+  for (size_t i = 1; i < old_lines; ++i)
+    if (a[head + i].empty() || (a[head + i][0] != ' ' && a[head + i][0] != '\t'))
+      Broken("a change touched more than one record's lines");
+  std::string written;
+  for (size_t i = 0; i < new_lines; ++i) written += b[head + i];
+  if (written.find(kValue) == std::string::npos) Broken("the changed lines lack the new value");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const std::shared_ptr<zelfuzz::MemoryFiles> files = [] {
+    auto f = std::make_shared<zelfuzz::MemoryFiles>();
+    pnl_file::SetOps(f);
+    return f;
+  }();
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  files->Put(kPath, text);
+  std::string now;
+  try {
+    Cursor<View> cursor = Table::Get<View>(kPath, true);
+    size_t records = 0;
+    for (cursor->First(); !cursor->Eof(); cursor->Next()) {
+      ++records;
+      for (size_t i = 0; i < cursor->FieldCount(); ++i) (void)cursor->FieldAt(i).Str();
+    }
+    if (records == 0) return 0;
+
+    cursor->First();
+    cursor->Post("");
+    files->Get(kPath, now);
+    if (now != text) Broken("saved unchanged, the file is not the same bytes");
+
+    // One record, picked by the input, gets a new value.
+    size_t pick = 0;
+    for (uint8_t c : text) pick = pick * 31 + c;
+    pick %= records;
+    cursor->First();
+    for (size_t i = 0; i < pick; ++i) cursor->Next();
+    Changed(*cursor) = std::string(kValue);
+    try {
+      cursor->Post("");
+    } catch (const pnl_err::Error&) {
+      // Refused (the line would not read back as written): nothing changed.
+      files->Get(kPath, now);
+      if (now != text) Broken("a refused change changed the file");
+      return 0;
+    }
+    files->Get(kPath, now);
+    CheckOneRecordChanged(text, now);
+  } catch (const pnl_err::Error& e) {
+    fprintf(stderr, "view fuzz: %s\n", e.what());
+    abort();
+  }
+  return 0;
+}
