@@ -158,6 +158,7 @@ void SendmailProofTest::SetUp() {
     ASSERT_EQ(::access(path, F_OK), 0)
         << path << " is missing: this suite needs Debian's " << package
         << " (scripts/setup installs it); without sendmail nothing here can be proven";
+  ASSERT_EQ(::access(kZelpnl, X_OK), 0) << kZelpnl << " is not built";
   const ProgramRun init = RunProgram({kZelpnl, "init", "--sandbox", Dir()}, "", kDeadlineSeconds);
   ASSERT_EQ(init.status, 0) << init.out << init.err;
   ASSERT_EQ(::access(Path("sendmail.cf").c_str(), R_OK), 0)
