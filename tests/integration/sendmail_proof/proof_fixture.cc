@@ -118,7 +118,8 @@ ProgramRun RunProgram(const std::vector<std::string>& argv, const std::string& i
       }
     }
   }
-  if (fds[2].fd >= 0) ::close(fds[2].fd);
+  for (const auto& fd : fds)
+    if (fd.fd >= 0) ::close(fd.fd);
   int status = 0;
   ::waitpid(pid, &status, 0);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
