@@ -11,6 +11,7 @@ namespace zelpnl {
 namespace {
 
 constexpr size_t kMaxLocal = 64;
+constexpr size_t kMaxProgramTarget = 512;
 constexpr size_t kMaxUser = 32;
 constexpr size_t kMaxSubject = 255;
 constexpr size_t kMaxText = 65536;
@@ -149,10 +150,17 @@ std::string LocalPart(const std::string& text, const std::string& kind) {
     throw Invalid(kind, text, "starts with \"/\", which the aliases file reads as a file");
   if (text.front() == '.' || text.back() == '.' || text.find("..") != std::string::npos)
     throw Invalid(kind, text, "has a dot at its start or end, or two dots in a row");
+  // sendmail reads "%" and "!" as routing through another host (newaliases
+  // then refuses the entry as a non-local name), and a single quote cannot
+  // be carried in the responder's command line.
+  if (text.find_first_of("%!'") != std::string::npos)
+    throw Invalid(kind, text,
+                  "contains \"%\", \"!\" or \"'\", which sendmail reads as routing or the "
+                  "responder's command line cannot carry");
   std::string probe = text + "@example.com";
   if (!test::Email(probe))
     throw Invalid(kind, text,
-                  "is not a valid local part (letters, digits and !$%&'*+-/=?^_`{}~, "
+                  "is not a valid local part (letters, digits and $&*+-/=?^_`{}~, "
                   "dot-separated)");
   return Lower(text);
 }
@@ -199,6 +207,11 @@ std::string ForwardTarget(const std::string& text, bool allow_programs) {
       throw Invalid(kind, text, "is " + what + ", which needs --allow-program-targets");
     const std::string why = LineBreaker(body, ",\"\\");
     if (!why.empty()) throw Invalid(kind, text, why);
+    // newaliases refuses an entry longer than its line buffer; a target
+    // this long cannot be a sensible command or path anyway.
+    if (body.size() > kMaxProgramTarget)
+      throw Invalid(kind, text,
+                    "is longer than " + std::to_string(kMaxProgramTarget) + " characters");
     if ((program && body.size() < 2) || (file && body.size() < 2))
       throw Invalid(kind, text, "names no " + std::string(program ? "program" : "file"));
     return "\"" + body + "\"";

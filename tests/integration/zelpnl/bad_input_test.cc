@@ -112,6 +112,16 @@ TEST_F(ZelpnlBadInputTest, LocalPartsAndAddresses) {
       {{"mail", "box", "add", "l@d.example"}, 1, "error: mailbox \"l@d.example\": already exists\n"},
       {{"mail", "box", "set", "l@d.example", "--alias", "b#c"}, 2,
        "error: alias \"b#c\": contains \"#\", which starts a comment in the mail files\n"},
+      // Regression: newaliases refused such entries and every later rebuild failed.
+      {{"mail", "box", "add", "a%b@d.example"}, 2,
+       "error: address \"a%b@d.example\": contains \"%\", \"!\" or \"'\", which sendmail "
+       "reads as routing or the responder's command line cannot carry (local part \"a%b\")\n"},
+      {{"mail", "box", "add", "a!b@d.example"}, 2,
+       "error: address \"a!b@d.example\": contains \"%\", \"!\" or \"'\", which sendmail "
+       "reads as routing or the responder's command line cannot carry (local part \"a!b\")\n"},
+      {{"mail", "box", "set", "l@d.example", "--alias", "o'hara"}, 2,
+       "error: alias \"o'hara\": contains \"%\", \"!\" or \"'\", which sendmail reads as "
+       "routing or the responder's command line cannot carry\n"},
   });
 }
 
@@ -142,6 +152,9 @@ TEST_F(ZelpnlBadInputTest, ForwardTargets) {
        "aliases line\n"},
       {allowed("|/bin/say \"hi\""), 2,
        "error: forward target \"|/bin/say \\\"hi\\\"\": contains a double quote\n"},
+      {allowed("|/bin/" + std::string(600, 'x')), 2,
+       "error: forward target \"|/bin/" + std::string(600, 'x') +
+           "\": is longer than 512 characters\n"},
       {set(":include:/etc/list"), 2,
        "error: forward target \":include:/etc/list\": is an include file, which the panel does "
        "not write\n"},
