@@ -9,6 +9,7 @@
 #include "validation.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
+#include "zelapi/conf/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/log.h"
 #include "zelapi/mail/tables.h"
@@ -37,6 +38,19 @@ const pnl_log::Module& HostLog() {
 std::string TrimLineEnds(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   return text;
+}
+
+PnlConfCache& Engine() { return *BaseCachedConfig<PnlConfCache>::Instance(); }
+
+// Runs an undo; its failure is logged (the error that made it run is the one
+// told).
+void RunUndo(const std::function<void()>& undo) {
+  if (!undo) return;
+  try {
+    undo();
+  } catch (const std::exception& e) {
+    if (log_ready) HostLog().Error(std::string("setting the database back after a failure: ") + e.what());
+  }
 }
 
 int Report(bool json, const std::string& type, const std::string& object,
@@ -100,6 +114,8 @@ std::string DefaultModuleDir() {
 Host::Host(GlobalOptions options) : options_(std::move(options)) {}
 
 Host::~Host() {
+  // Changes a failed run never saved are dropped, not written later.
+  if (deferring_) Engine().DiscardDeferred();
   if (db_open_) zel_db::CloseCache();
   if (mta_) {
     // The host owns the back-end; it goes before the code it runs is unloaded.
@@ -156,18 +172,136 @@ email::MtaInterface& Host::Mta() const {
   return *mta_;
 }
 
-int ReportCurrentException(bool json) {
+void Host::BeginDeferred() {
+  host_names_ = pnl_cf::GetPath("sendmail-localhostnames");
+  host_names_before_ = host_names_.empty() ? pnl_file::FileId() : pnl_file::StatFile(host_names_);
+  Engine().BeginDeferred();
+  deferring_ = true;
+}
+
+void Host::SaveDeferred() {
+  deferring_ = false;
+  std::exception_ptr error;
+  try {
+    Engine().FlushDeferred();
+  } catch (...) {
+    error = std::current_exception();
+    // A file that could not be written keeps its changes only in memory:
+    // they are dropped, the file is read again at its next use.
+    Engine().DiscardDeferred();
+  }
+  // local-host-names asks for its restart only after a direct save; after
+  // a deferred one the host queues it.
+  if (!host_names_.empty()) {
+    try {
+      if (!pnl_file::StatFile(host_names_).SameContent(host_names_before_))
+        zel_api::ExecuteLater(pnl_cf::GetPath("sendmail-restart"));
+    } catch (const std::exception& e) {
+      if (log_ready) HostLog().Error(std::string("queueing the restart: ") + e.what());
+    }
+  }
+  if (error) std::rethrow_exception(error);
+}
+
+void Host::ChangeFiles(const std::function<void()>& change, const std::function<void()>& undo) {
+  if (deferring_) {
+    // In a batch (or inside another ChangeFiles): saved at its end.
+    try {
+      change();
+    } catch (...) {
+      RunUndo(undo);
+      throw;
+    }
+    kept_.push_back({batch_line_, undo});
+    return;
+  }
+  BeginDeferred();
+  try {
+    change();
+  } catch (...) {
+    try {
+      SaveDeferred();
+    } catch (const std::exception& e) {
+      if (log_ready) HostLog().Error(std::string("saving the files after a failure: ") + e.what());
+    }
+    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) RunUndo(it->undo);
+    kept_.clear();
+    RunUndo(undo);
+    throw;
+  }
+  try {
+    SaveDeferred();
+  } catch (...) {
+    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) RunUndo(it->undo);
+    kept_.clear();
+    RunUndo(undo);
+    throw;
+  }
+  kept_.clear();
+}
+
+void Host::BeginBatch() {
+  if (batch_ || deferring_) throw pnl_err::Error("batch", "batch", "a batch is open already");
+  BeginDeferred();
+  batch_ = true;
+  batch_line_ = 0;
+  kept_.clear();
+}
+
+std::set<int> Host::EndBatch(Failure* failure) noexcept {
+  std::set<int> failed;
+  if (!batch_) return failed;
+  batch_ = false;
+  try {
+    SaveDeferred();
+  } catch (...) {
+    if (failure) *failure = CurrentFailure();
+    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) {
+      failed.insert(it->line);
+      RunUndo(it->undo);
+    }
+  }
+  kept_.clear();
+  batch_line_ = 0;
+  std::vector<std::pair<std::string, std::function<void()>>> steps = std::move(at_end_);
+  at_end_.clear();
+  for (const auto& step : steps) {
+    try {
+      step.second();
+    } catch (const std::exception& e) {
+      if (log_ready) HostLog().Error("at the end of the batch, " + step.first + ": " + e.what());
+    }
+  }
+  return failed;
+}
+
+void Host::AtBatchEnd(const std::string& key, std::function<void()> step) {
+  if (!batch_) {
+    step();
+    return;
+  }
+  for (const auto& kept : at_end_)
+    if (kept.first == key) return;
+  at_end_.emplace_back(key, std::move(step));
+}
+
+Failure CurrentFailure() {
   try {
     throw;
   } catch (const Invalid& e) {
-    return Report(json, e.type(), e.object(), e.detail(), 2);
+    return {e.type(), e.object(), e.detail(), 2};
   } catch (const pnl_err::Error& e) {
-    return Report(json, e.type(), e.object(), e.detail(), 1);
+    return {e.type(), e.object(), e.detail(), 1};
   } catch (const std::exception& e) {
-    return Report(json, "internal", "", e.what(), 1);
+    return {"internal", "", e.what(), 1};
   } catch (...) {
-    return Report(json, "internal", "", "unknown failure", 1);
+    return {"internal", "", "unknown failure", 1};
   }
+}
+
+int ReportCurrentException(bool json) {
+  const Failure f = CurrentFailure();
+  return Report(json, f.type, f.object, f.detail, f.status);
 }
 
 int Execute(const GlobalOptions& options, const Command& command) {
@@ -180,7 +314,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
     if (command.needs < Needs::kDatabase) {
       command.run(host, out);
       if (log_ready && !out.failed()) HostLog().Info("done: " + command_line);
-      return out.failed() ? 1 : 0;
+      return out.status();
     }
     pnl_db::Cache& db = host.Db();
     db.BeginRequest();
@@ -197,7 +331,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
     }
     FinishRequest(db);
     if (!out.failed()) HostLog().Info("done: " + command_line);
-    return out.failed() ? 1 : 0;
+    return out.status();
   } catch (...) {
     return ReportCurrentException(options.json);
   }

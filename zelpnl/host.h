@@ -10,6 +10,13 @@
 // reported as a warning). Exit statuses: 0 success, 1 an operation failed,
 // 2 bad usage (the command line, or a value the validation refused).
 //
+// File changes: a command makes its back-end calls that write sendmail's
+// files through ChangeFiles, with the engine deferring saves, so that each
+// file the command changed is saved once and its map rebuilt once (one
+// makemap or newaliases per file, however many records the calls posted).
+// A batch (BeginBatch .. EndBatch) stretches that over all its lines: the
+// files are saved once, at its end.
+//
 // The Host owns the database connection and the module loader; module
 // objects, the back-end and every cursor are used only while it lives. One
 // Host per process, used from one thread.
@@ -17,9 +24,12 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "output.h"
+#include "zelapi/file.h"
 
 namespace pnl_db {
 class Cache;
@@ -51,10 +61,29 @@ enum class Needs {
 class Host;
 
 // A parsed command: what it needs and what it does. run throws on failure.
+// not_in_batch: why the command cannot be a line of a batch ("" when it can).
 struct Command {
+  Command() = default;
+  Command(Needs n, std::function<void(Host&, const Output&)> r, std::string not_batch = "")
+      : needs(n), run(std::move(r)), not_in_batch(std::move(not_batch)) {}
+
   Needs needs = Needs::kMail;
   std::function<void(Host&, const Output&)> run;
+  std::string not_in_batch;
 };
+
+// What a failure reports: the error's type, object and detail, and the exit
+// status it calls for (1, or 2 for a value the validation refused).
+struct Failure {
+  std::string type;
+  std::string object;
+  std::string detail;
+  int status = 1;
+};
+
+// The failure of the exception in flight: call from a catch block. Never
+// throws.
+Failure CurrentFailure();
 
 // The configuration file to use: the option, else $ZELPNL_CONF, else
 // /etc/zelpnl/zelpnl.conf; made absolute (symbolic links resolved).
@@ -91,12 +120,64 @@ class Host {
   pnl_db::Cache& Db() const;
   email::MtaInterface& Mta() const;
 
+  // Runs change, back-end calls that write sendmail's files, and sees the
+  // files take it. undo (may be empty) sets the database back the way the
+  // command's rule says when the files did not take it (a new row deleted
+  // again, an earlier state restored); it must capture keys, not cursors.
+  // On its own: the calls post into the cached copies only; then each
+  // changed file is saved once and rebuilt (also after change threw: what
+  // was posted before a failure is written, as a direct post would have
+  // been). When change throws or a save or rebuild fails, undo runs and the
+  // error passes (change's own error first). In a batch: the files are
+  // saved at EndBatch; undo runs at once when change throws, else it is
+  // kept for EndBatch. Throws what change and the engine throw.
+  void ChangeFiles(const std::function<void()>& change,
+                   const std::function<void()>& undo = nullptr);
+
+  // Batch: from BeginBatch to EndBatch the engine defers every save, and
+  // ChangeFiles keeps each undo with the line set by BatchLine. Throws
+  // pnl_err::Error when a batch is open already.
+  void BeginBatch();
+  bool InBatch() const { return batch_; }
+  void BatchLine(int line) { batch_line_ = line; }
+  // Saves each file the batch changed once and rebuilds it; when that
+  // fails, drops what could not be saved, runs every kept undo (latest
+  // first), fills *failure and returns the lines that changed files (they
+  // failed with it); else returns no line. Then runs the AtBatchEnd steps.
+  // Ends the batch in every case. Never throws.
+  std::set<int> EndBatch(Failure* failure) noexcept;
+  // A step for the end of the batch (after the saves, whether they
+  // succeeded or not), run once however many lines ask for it under key:
+  // for work a single command does after each change but a batch needs
+  // once (reading a whole list back from the files). Outside a batch the
+  // step runs now. Errors of a step at the batch's end are logged.
+  void AtBatchEnd(const std::string& key, std::function<void()> step);
+
  private:
+  // Saves the files changed since the engine began deferring (it stops
+  // deferring in every case) and queues the restart a changed
+  // local-host-names needs. Throws the first error of the saves.
+  void SaveDeferred();
+  void BeginDeferred();
+
   GlobalOptions options_;
   std::string config_file_;
   bool db_open_ = false;
   std::unique_ptr<zel_api::ModuleLoader> loader_;
   email::MtaInterface* mta_ = nullptr;
+
+  // Deferral of file saves.
+  struct Kept {
+    int line;
+    std::function<void()> undo;
+  };
+  bool deferring_ = false;       // the engine defers saves for us
+  bool batch_ = false;
+  int batch_line_ = 0;
+  std::vector<Kept> kept_;       // undos of the batch's lines, in order
+  std::vector<std::pair<std::string, std::function<void()>>> at_end_;  // AtBatchEnd steps
+  std::string host_names_;       // local-host-names, watched while deferring
+  pnl_file::FileId host_names_before_;
 };
 
 // Runs the command as one request (see above) and returns the exit status;

@@ -4,7 +4,9 @@
 // when that fails the row is deleted again. Aliases and forwards are rows of
 // their own, written to the files by SetAliases; when SetAliases fails, the
 // mailbox's rows are read back from the files (CacheAliases), so the panel
-// shows what the files hold. A deletion clears the files first.
+// shows what the files hold. A deletion clears the files first. The
+// back-end's calls go through Host::ChangeFiles, whose undo steps are those
+// rules (in a batch they run at its end, when the files fail there).
 #include <algorithm>
 #include <list>
 #include <set>
@@ -130,19 +132,24 @@ void InsertRow(pnl_db::Cache& db, const std::string& table, int64_t mailbox,
            {static_cast<long long>(mailbox), name});
 }
 
+// Reads a mailbox's aliases and forwards back from the files, after a
+// failure (the failure told is the one that made it run).
+void ReadBackAliases(Host& host, int64_t id) {
+  MailboxRow mailbox = MailboxById(host.Db(), id);
+  if (!mailbox) return;
+  try {
+    host.Mta().CacheAliases(mailbox);
+  } catch (const std::exception& e) {
+    Log().Error("reading back the aliases of mailbox " + mailbox->name.Value() +
+                " after a failure: " + e.what());
+  }
+}
+
 // SetAliases; when it fails, the mailbox's rows are read back from the files.
 void WriteAliases(Host& host, MailboxRow& mailbox, const std::list<std::string>& removed) {
-  try {
-    host.Mta().SetAliases(mailbox, removed);
-  } catch (...) {
-    try {
-      host.Mta().CacheAliases(mailbox);
-    } catch (const std::exception& e) {
-      Log().Error("reading back the aliases of mailbox " + mailbox->name.Value() +
-                  " after a failure: " + e.what());
-    }
-    throw;
-  }
+  const int64_t id = mailbox->id.Value();
+  host.ChangeFiles([&] { host.Mta().SetAliases(mailbox, removed); },
+                   [&host, id] { ReadBackAliases(host, id); });
 }
 
 void Add(Host& host, const Output& out, const Address& address, const Changes& changes) {
@@ -165,32 +172,33 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
   // not build. Forward-only comes with the forwards below.
   mailbox->forward_only = false;
   mailbox->Post();
-  try {
-    host.Mta().CreateEmail(mailbox);
-  } catch (...) {
-    mailbox->Delete();
-    throw;
-  }
-  if (!changes.add_aliases.empty() || !changes.add_forwards.empty() ||
-      changes.forward_only == 1) {
-    const int64_t id = mailbox->id.Value();
-    for (const std::string& alias : changes.add_aliases) InsertRow(db, "email_alias", id, alias);
-    for (const std::string& target : changes.add_forwards)
-      InsertRow(db, "email_forward", id, target);
-    mailbox->forward_only = changes.forward_only == 1;
-    mailbox->Post();
-    try {
-      host.Mta().SetAliases(mailbox, {});
-    } catch (...) {
-      try {
-        host.Mta().DeleteEmail(mailbox);
-      } catch (const std::exception& e) {
-        Log().Error("removing the half-made mailbox " + address.Text() + ": " + e.what());
-      }
-      mailbox->Delete();
-      throw;
-    }
-  }
+  const int64_t id = mailbox->id.Value();
+  host.ChangeFiles(
+      [&] {
+        host.Mta().CreateEmail(mailbox);
+        if (changes.add_aliases.empty() && changes.add_forwards.empty() &&
+            changes.forward_only != 1)
+          return;
+        for (const std::string& alias : changes.add_aliases)
+          InsertRow(db, "email_alias", id, alias);
+        for (const std::string& target : changes.add_forwards)
+          InsertRow(db, "email_forward", id, target);
+        mailbox->forward_only = changes.forward_only == 1;
+        mailbox->Post();
+        try {
+          host.Mta().SetAliases(mailbox, {});
+        } catch (...) {
+          try {
+            host.Mta().DeleteEmail(mailbox);
+          } catch (const std::exception& e) {
+            Log().Error("removing the half-made mailbox " + address.Text() + ": " + e.what());
+          }
+          throw;
+        }
+      },
+      // Its aliases' and forwards' rows go with it.
+      [&host, id] { DeleteRowById(host.Db(), "email", id); });
+  if (!out.json()) return;
   mailbox = RequireMailbox(db, address);
   out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
 }
@@ -256,21 +264,24 @@ enum class Change { kSuspend, kResume };
 void SetState(Host& host, const Output& out, const Address& address, Change change) {
   pnl_db::Cache& db = host.Db();
   MailboxRow mailbox = RequireMailbox(db, address);
+  const int64_t id = mailbox->id.Value();
+  const bool was = mailbox->enabled.Value();
+  auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email", id, was); };
   if (change == Change::kSuspend) {
-    host.Mta().SuspendEmail(mailbox);
+    host.ChangeFiles([&] { host.Mta().SuspendEmail(mailbox); }, restore);
     mailbox->enabled = false;
   } else {
-    host.Mta().ResumeEmail(mailbox);
+    host.ChangeFiles([&] { host.Mta().ResumeEmail(mailbox); }, restore);
     mailbox->enabled = true;
   }
   mailbox->Post();
-  out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
+  if (out.json()) out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
 }
 
 void Delete(Host& host, const Output& out, const Address& address) {
   pnl_db::Cache& db = host.Db();
   MailboxRow mailbox = RequireMailbox(db, address);
-  host.Mta().DeleteEmail(mailbox);
+  host.ChangeFiles([&] { host.Mta().DeleteEmail(mailbox); });
   mailbox->Delete();
   out.Print({{"deleted", {{"mailbox", address.Text()}}}}, "");
 }
@@ -328,6 +339,7 @@ void Set(Host& host, const Output& out, const Address& address, const Changes& c
   }
   const std::list<std::string> removed(changes.del_aliases.begin(), changes.del_aliases.end());
   WriteAliases(host, mailbox, removed);
+  if (!out.json()) return;
   mailbox = RequireMailbox(db, address);
   out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
 }

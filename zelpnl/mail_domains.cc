@@ -3,7 +3,9 @@
 // A new row is posted, then the back-end called; when the back-end fails the
 // row is deleted again. A state change (suspend, resume, set) goes to the
 // files first and is posted only when they took it. A deletion removes the
-// files' lines (the domain's mailboxes first) and then the rows.
+// files' lines (the domain's mailboxes first) and then the rows. The
+// back-end's calls go through Host::ChangeFiles, whose undo steps are those
+// rules (in a batch they run at its end, when the files fail there).
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "records.h"
@@ -47,12 +49,10 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   row->redirect = redirect;
   if (owner_id) row->users = owner_id;
   row->Post();
-  try {
-    host.Mta().CreateDomain(row);
-  } catch (...) {
-    row->Delete();
-    throw;
-  }
+  const int64_t id = row->id.Value();
+  host.ChangeFiles([&] { host.Mta().CreateDomain(row); },
+                   [&host, id] { DeleteRowById(host.Db(), "email_domain", id); });
+  if (!out.json()) return;
   row = RequireMailDomain(db, name);
   out.Print({{"domain", MailDomainJson(db, row)}}, "");
 }
@@ -102,40 +102,51 @@ enum class Change { kSuspend, kResume, kUpdate };
 void SetState(Host& host, const Output& out, const std::string& name, Change change) {
   pnl_db::Cache& db = host.Db();
   MailDomainRow row = RequireMailDomain(db, name);
+  const int64_t id = row->id.Value();
+  const bool was = row->enabled.Value();
+  auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email_domain", id, was); };
   switch (change) {
     case Change::kSuspend:
-      host.Mta().SuspendDomain(row);
+      host.ChangeFiles([&] { host.Mta().SuspendDomain(row); }, restore);
       row->enabled = false;
       break;
     case Change::kResume:
-      host.Mta().ResumeDomain(row);
+      host.ChangeFiles([&] { host.Mta().ResumeDomain(row); }, restore);
       row->enabled = true;
       break;
     case Change::kUpdate:
-      host.Mta().UpdateDomain(row);
+      host.ChangeFiles([&] { host.Mta().UpdateDomain(row); });
       break;
   }
   row->Post();
-  out.Print({{"domain", MailDomainJson(db, row)}}, "");
+  if (out.json()) out.Print({{"domain", MailDomainJson(db, row)}}, "");
 }
 
 void Set(Host& host, const Output& out, const std::string& name, const std::string& action,
          const std::string& redirect) {
   pnl_db::Cache& db = host.Db();
   MailDomainRow row = RequireMailDomain(db, name);
+  const int64_t id = row->id.Value();
+  const std::string old_action = row->def_action.Value();
+  const std::string old_redirect = row->redirect.Value();
   row->def_action = action;
   row->redirect = redirect;
   // The files take the new action from the row in memory; it is stored once
   // they have it (a suspended domain keeps its suspension and gets the action
   // when it is resumed).
   try {
-    host.Mta().UpdateDomain(row);
+    host.ChangeFiles([&] { host.Mta().UpdateDomain(row); },
+                     [&host, id, old_action, old_redirect] {
+                       host.Db().Query(
+                           "UPDATE email_domain SET def_action = ?, redirect = ? WHERE id = ?",
+                           {old_action, old_redirect, static_cast<long long>(id)});
+                     });
   } catch (...) {
     row->Reset();
     throw;
   }
   row->Post();
-  out.Print({{"domain", MailDomainJson(db, row)}}, "");
+  if (out.json()) out.Print({{"domain", MailDomainJson(db, row)}}, "");
 }
 
 void Delete(Host& host, const Output& out, const std::string& name) {
@@ -147,15 +158,20 @@ void Delete(Host& host, const Output& out, const std::string& name) {
        !q.Eof(); q.Next())
     locals.push_back(q.Str());
   std::vector<std::string> deleted;
-  for (const std::string& local : locals) {
-    const Address address{local, name};
-    MailboxRow mailbox = RequireMailbox(db, address);
-    host.Mta().DeleteEmail(mailbox);
-    mailbox->Delete();
-    deleted.push_back(address.Text());
-  }
-  host.Mta().DeleteDomain(row);
-  row->Delete();
+  // Each mailbox's lines go, then its rows; then the domain's. The files are
+  // saved once, at the end, with all of it gone; when that fails the rows
+  // stay deleted (the files' text lost the lines too).
+  host.ChangeFiles([&] {
+    for (const std::string& local : locals) {
+      const Address address{local, name};
+      MailboxRow mailbox = RequireMailbox(db, address);
+      host.Mta().DeleteEmail(mailbox);
+      mailbox->Delete();
+      deleted.push_back(address.Text());
+    }
+    host.Mta().DeleteDomain(row);
+    row->Delete();
+  });
   out.Print({{"deleted", {{"domain", name}, {"mailboxes", deleted}}}}, "");
 }
 

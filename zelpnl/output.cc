@@ -1,5 +1,9 @@
 #include "output.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 
@@ -28,6 +32,10 @@ std::string TrimRight(std::string line) {
 }  // namespace
 
 void Output::Print(const nlohmann::ordered_json& data, const std::string& text) const {
+  if (capture_) {
+    *capture_ = data;
+    return;
+  }
   if (json_) {
     std::cout << data.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
   } else {
@@ -43,6 +51,39 @@ void PrintError(const std::string& object, const std::string& detail) {
   std::cerr << "error: " << (object.empty() ? "" : object + ": ") << cause << "\n";
   std::cerr.flush();
 }
+
+Progress::Progress(std::string label, size_t total, bool draw)
+    : label_(std::move(label)), total_(total), draw_(draw) {}
+
+Progress::~Progress() { Done(); }
+
+void Progress::Step(const std::string& what) {
+  ++done_;
+  if (!draw_) return;
+  const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+  // A terminal drawn to on every one of 100,000 steps would set the pace.
+  if (drawn_ && done_ < total_ && now - last_ms_ < 50) return;
+  last_ms_ = now;
+  constexpr size_t kWidth = 30;
+  const size_t filled = total_ ? std::min(done_, total_) * kWidth / total_ : kWidth;
+  std::string bar(filled, '#');
+  bar.resize(kWidth, '.');
+  std::cerr << "\r\033[K" << label_ << " [" << bar << "] " << done_ << "/" << total_ << " "
+            << what.substr(0, 40);
+  std::cerr.flush();
+  drawn_ = true;
+}
+
+void Progress::Done() {
+  if (!drawn_) return;
+  std::cerr << "\r\033[K";
+  std::cerr.flush();
+  drawn_ = false;
+}
+
+bool StderrIsTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 
 std::string Table(const std::vector<std::string>& header,
                   const std::vector<std::vector<std::string>>& rows) {

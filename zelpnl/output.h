@@ -4,7 +4,9 @@
 // A command hands its result once to Print: the JSON document and the text
 // rendering of the same data. Text is quiet by default: a command that only
 // changes something passes an empty text. Errors never go through here (the
-// host writes them to standard error). One Output per run; not thread-safe.
+// host writes them to standard error). One Output per run (in a batch, one
+// per line, whose JSON documents are captured for the batch's report); not
+// thread-safe.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -16,23 +18,32 @@ namespace zelpnl {
 
 class Output {
  public:
-  explicit Output(bool json) : json_(json) {}
+  // capture (JSON mode only; may be null): Print stores its document there,
+  // replacing what it held, instead of writing it. The caller keeps it alive
+  // while the Output is used.
+  explicit Output(bool json, nlohmann::ordered_json* capture = nullptr)
+      : json_(json), capture_(json ? capture : nullptr) {}
 
   bool json() const { return json_; }
 
   // JSON mode: writes data, pretty-printed, with a final line end (bytes that
-  // are not UTF-8 are replaced). Text mode: writes text as it is.
+  // are not UTF-8 are replaced), or captures it. Text mode: writes text as it
+  // is.
   void Print(const nlohmann::ordered_json& data, const std::string& text) const;
 
   // For a command that printed its result and still failed (a sync that
-  // could not read everything, an address sendmail cannot deliver): it has
-  // written its "error: " lines itself (PrintError) and the run exits 1.
-  void SetFailed() const { failed_ = true; }
-  bool failed() const { return failed_; }
+  // could not read everything, an address sendmail cannot deliver, a batch
+  // with a failed line): it has written its "error: " lines itself
+  // (PrintError) and the run exits with status (1, or 2 for bad usage).
+  void SetFailed(int status = 1) const { status_ = status; }
+  bool failed() const { return status_ != 0; }
+  // The exit status the command asked for: 0 unless SetFailed was called.
+  int status() const { return status_; }
 
  private:
   bool json_;
-  mutable bool failed_ = false;
+  nlohmann::ordered_json* capture_;
+  mutable int status_ = 0;
 };
 
 // Writes "error: <object>: <detail>" (the detail's further lines below it)
@@ -47,6 +58,34 @@ std::string Table(const std::vector<std::string>& header,
 
 // "name: value" lines with the names padded to one width.
 std::string Fields(const std::vector<std::pair<std::string, std::string>>& fields);
+
+// A progress bar on standard error, drawn only when draw is set (the host
+// passes whether standard error is a terminal): "\r<label> [####....] done/
+// total <what>", redrawn at most every 50 ms and at the last step, wiped by
+// Done and by the destructor. Not thread-safe.
+class Progress {
+ public:
+  Progress(std::string label, size_t total, bool draw);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // One more step done; what names it (cut to 40 bytes).
+  void Step(const std::string& what);
+  // Wipes the bar (it is drawn again by the next Step).
+  void Done();
+
+ private:
+  std::string label_;
+  size_t total_;
+  size_t done_ = 0;
+  bool draw_;
+  bool drawn_ = false;
+  long long last_ms_ = -1;
+};
+
+// True when standard error is a terminal (where progress bars are drawn).
+bool StderrIsTerminal();
 
 // "yes" or "no".
 inline const char* YesNo(bool value) { return value ? "yes" : "no"; }

@@ -108,6 +108,21 @@ std::string DisplayAddress(const std::string& ascii_address) {
   return ascii_address.substr(0, at + 1) + str::IdnToUnicode(ascii_address.substr(at + 1));
 }
 
+void DeleteRowById(pnl_db::Cache& db, const std::string& table, int64_t id) {
+  db.Query("DELETE FROM " + table + " WHERE id = ?", {static_cast<long long>(id)});
+}
+
+void SetEnabledById(pnl_db::Cache& db, const std::string& table, int64_t id, bool enabled) {
+  db.Query("UPDATE " + table + " SET enabled = ? WHERE id = ?",
+           {enabled ? 1 : 0, static_cast<long long>(id)});
+}
+
+MailboxRow MailboxById(pnl_db::Cache& db, int64_t id) {
+  MailboxRow row = db.Get<zel_db::EmailTable>();
+  if (!row->id.Lookup(std::to_string(id))) return nullptr;
+  return row;
+}
+
 nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& domain) {
   const std::string owner = UserNameById(db, domain->users.Value());
   pnl_db::Query count = db.Query("SELECT count(*) FROM email WHERE domain = ?",

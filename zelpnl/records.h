@@ -53,6 +53,14 @@ std::vector<std::string> ForwardsOf(pnl_db::Cache& db, int64_t mailbox_id);
 std::string AddressOf(pnl_db::Cache& db, const MailboxRow& mailbox);
 std::string DisplayAddress(const std::string& ascii_address);
 
+// Undo steps (Host::ChangeFiles): they go by key, so that they can run at
+// the end of a batch, and do nothing when the row is gone meanwhile. table
+// is one of the panel's table names, never a value from the command line.
+void DeleteRowById(pnl_db::Cache& db, const std::string& table, int64_t id);
+void SetEnabledById(pnl_db::Cache& db, const std::string& table, int64_t id, bool enabled);
+// The mailbox row with that key, or nullptr.
+MailboxRow MailboxById(pnl_db::Cache& db, int64_t id);
+
 // Descriptions for --json (and the source of the text forms):
 //   mail domain: name, unicode, owner (null when none), enabled,
 //     default_action, redirect, mailboxes (count);

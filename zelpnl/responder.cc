@@ -84,19 +84,20 @@ void Switch(Host& host, const Output& out, const Address& address, const Respond
   if (o.has_subject) row->subject = o.subject;
   if (o.has_text) row->text = o.text;
   row->Post();
-  try {
-    host.Mta().SetResponder(row);
-  } catch (...) {
-    if (is_new) {
-      row->Delete();
-    } else {
-      row->enabled = old_enabled;
-      row->subject = old_subject;
-      row->text = old_text;
-      row->Post();
-    }
-    throw;
-  }
+  const int64_t id = row->id.Value();
+  host.ChangeFiles([&] { host.Mta().SetResponder(row); },
+                   [&host, id, is_new, old_enabled, old_subject, old_text] {
+                     if (is_new) {
+                       DeleteRowById(host.Db(), "email_responder", id);
+                       return;
+                     }
+                     host.Db().Query(
+                         "UPDATE email_responder SET enabled = ?, subject = ?, text = ? "
+                         "WHERE id = ?",
+                         {old_enabled ? 1 : 0, old_subject, old_text,
+                          static_cast<long long>(id)});
+                   });
+  if (!out.json()) return;
   row = FindResponder(db, mailbox->id.Value());
   out.Print({{"responder", ResponderJson(address.Text(), row)}}, "");
 }

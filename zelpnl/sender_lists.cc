@@ -51,22 +51,32 @@ nlohmann::ordered_json Entries(pnl_db::Cache& db, const List& list) {
   return entries;
 }
 
+void ReadBack(Host& host, const List& list) {
+  try {
+    Cache(host, list);
+  } catch (const std::exception& e) {
+    pnl_log::Module("mail", "zelpnl").Error(std::string("reading back the ") + list.name +
+                                            " after a failure: " + e.what());
+  }
+}
+
 // Runs a change of the access map and reads the list back, also after a
 // failure (the map's text may hold the change although its rebuild failed).
+// In a batch the list is read back once, at its end; meanwhile the row of
+// the sender is added or removed here, so that the later lines' checks see
+// it.
 template <class F>
-void ChangeAndCache(Host& host, const List& list, F change) {
-  try {
-    change();
-  } catch (...) {
-    try {
-      Cache(host, list);
-    } catch (const std::exception& e) {
-      pnl_log::Module("mail", "zelpnl").Error(std::string("reading back the ") + list.name +
-                                              " after a failure: " + e.what());
-    }
-    throw;
-  }
-  Cache(host, list);
+void ChangeAndCache(Host& host, const List& list, const std::string& sender, bool add,
+                    F change) {
+  const List* l = &list;
+  host.ChangeFiles(change, [&host, l] { ReadBack(host, *l); });
+  if (!host.InBatch()) return Cache(host, list);
+  pnl_db::Cache& db = host.Db();
+  if (add)
+    db.Query(std::string("INSERT INTO ") + list.table + "(sender) VALUES(?)", {sender});
+  else
+    db.Query(std::string("DELETE FROM ") + list.table + " WHERE sender = ?", {sender});
+  host.AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
 }
 
 void Add(Host& host, const Output& out, const List& list, const std::string& sender,
@@ -89,13 +99,13 @@ void Add(Host& host, const Output& out, const List& list, const std::string& sen
   if (OnList(db, list.other_table, sender))
     throw pnl_err::Error("conflict", object,
                          std::string("is on the ") + list.other + "; delete it there first");
-  ChangeAndCache(host, list, [&] {
+  ChangeAndCache(host, list, sender, true, [&] {
     if (list.white)
       host.Mta().AddToWhitelist(sender);
     else
       host.Mta().AddToBlacklist(sender);
   });
-  out.Print({{list.name, Entries(db, list)}}, "");
+  if (out.json()) out.Print({{list.name, Entries(db, list)}}, "");
 }
 
 void Delete(Host& host, const Output& out, const List& list, const std::string& sender) {
@@ -103,13 +113,13 @@ void Delete(Host& host, const Output& out, const List& list, const std::string& 
   if (!OnList(db, list.table, sender))
     throw pnl_err::Error("unknown", "sender " + Quote(sender),
                          std::string("is not on the ") + list.name);
-  ChangeAndCache(host, list, [&] {
+  ChangeAndCache(host, list, sender, false, [&] {
     if (list.white)
       host.Mta().DeleteFromWhitelist(sender);
     else
       host.Mta().DeleteFromBlacklist(sender);
   });
-  out.Print({{list.name, Entries(db, list)}}, "");
+  if (out.json()) out.Print({{list.name, Entries(db, list)}}, "");
 }
 
 void Show(Host& host, const Output& out, const List& list) {

@@ -1,7 +1,5 @@
 // zelpnl mail sync: reads sendmail's files back into the panel's tables and
 // tells what changed.
-#include <unistd.h>
-
 #include <algorithm>
 #include <iostream>
 #include <map>
@@ -94,47 +92,18 @@ std::vector<std::string> Minus(const std::vector<std::string>& a,
   return out;
 }
 
-// A progress bar on stderr, drawn only when stderr is a terminal.
-class Progress {
- public:
-  Progress(size_t total, bool draw) : total_(total), draw_(draw) {}
-  ~Progress() { Done(); }
-
-  void Step(const std::string& what) {
-    ++done_;
-    if (!draw_) return;
-    constexpr size_t kWidth = 30;
-    const size_t filled = total_ ? done_ * kWidth / total_ : kWidth;
-    std::string bar(filled, '#');
-    bar.resize(kWidth, '.');
-    std::string label = what.substr(0, 40);
-    std::cerr << "\r\033[Kmail sync [" << bar << "] " << done_ << "/" << total_ << " " << label;
-    std::cerr.flush();
-    drawn_ = true;
-  }
-  void Done() {
-    if (drawn_) {
-      std::cerr << "\r\033[K";
-      std::cerr.flush();
-      drawn_ = false;
-    }
-  }
-
- private:
-  size_t total_;
-  size_t done_ = 0;
-  bool draw_;
-  bool drawn_ = false;
-};
-
 void Sync(Host& host, const Output& out) {
   pnl_db::Cache& db = host.Db();
   email::MtaInterface& mta = host.Mta();
   const Snapshot before = Take(db);
   std::vector<std::pair<std::string, std::string>> failures;  // object, cause
 
-  mta.CacheDomains();
-  mta.CacheEmails();
+  // The passes add local-host-names lines and access entries of domains:
+  // each file is saved (and its map rebuilt) once.
+  host.ChangeFiles([&] {
+    mta.CacheDomains();
+    mta.CacheEmails();
+  });
 
   std::vector<Address> mailboxes;
   for (pnl_db::Query q = db.Query(
@@ -151,7 +120,7 @@ void Sync(Host& host, const Output& out) {
 
   // Drawn once the mailboxes and responders are counted: the first two steps
   // are then done.
-  Progress bar(2 + mailboxes.size() + responders.size() + 2, ::isatty(STDERR_FILENO) == 1);
+  Progress bar("mail sync", 2 + mailboxes.size() + responders.size() + 2, StderrIsTerminal());
   Progress* progress = &bar;
   progress->Step("mail domains");
   progress->Step("mailboxes");
