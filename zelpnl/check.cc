@@ -74,7 +74,9 @@ void AddCheckCommand(CLI::App& mail, Command* out) {
     const std::string value = address->find('@') == std::string::npos
                                   ? LocalPart(*address, "address")
                                   : MailAddress(*address).Text();
-    *out = {Needs::kConfig, [=](Host& h, const Output& o) { Check(h, o, value); }};
+    *out = {Needs::kConfig, [=](Host& h, const Output& o) { Check(h, o, value); },
+            "asks sendmail about the files, which a batch writes only at its end; run it "
+            "after the batch"};
   });
 }
 

@@ -6,9 +6,24 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+#include <vector>
+
 #include "host.h"
 
 namespace zelpnl {
+
+// Every command of the command line but batch, on app (the top level).
+void AddCommands(CLI::App& app, Command* out);
+// The part of that tree a batch line with these words can name (the group
+// its first words choose, e.g. "mail box"), or all of it when they choose
+// none: the same commands, options and checks, for a fraction of the cost
+// of building the whole tree for each of many lines.
+void AddCommandsFor(CLI::App& app, Command* out, const std::vector<std::string>& words);
+
+// batch [FILE|-]: many commands, one a line, in one request (batch.cc). The
+// lines are read and checked when the command line is parsed.
+void AddBatchCommand(CLI::App& app, Command* out);
 
 void AddInitCommand(CLI::App& app, Command* out);
 void AddUserCommands(CLI::App& app, Command* out);

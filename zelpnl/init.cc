@@ -239,7 +239,8 @@ void AddInitCommand(CLI::App& app, Command* out) {
       ->option_text("DIR");
   init->callback([=] {
     const fs::path d = SandboxDir(*dir);
-    *out = {Needs::kNothing, [=](Host& h, const Output& o) { Init(h, o, d); }};
+    *out = {Needs::kNothing, [=](Host& h, const Output& o) { Init(h, o, d); },
+            "makes a new set-up; run it on its own"};
   });
 }
 

@@ -25,17 +25,8 @@ int main(int argc, char** argv) {
   app.add_flag("--json", options.json, "Print machine-readable JSON on standard output");
 
   zelpnl::Command command;
-  zelpnl::AddInitCommand(app, &command);
-  zelpnl::AddUserCommands(app, &command);
-  zelpnl::AddWebDomainCommands(app, &command);
-  CLI::App* mail = app.add_subcommand("mail", "Mail domains, mailboxes and sender lists");
-  mail->require_subcommand(1);
-  zelpnl::AddMailDomainCommands(*mail, &command);
-  zelpnl::AddMailboxCommands(*mail, &command);
-  zelpnl::AddResponderCommand(*mail, &command);
-  zelpnl::AddSenderListCommands(*mail, &command);
-  zelpnl::AddSyncCommand(*mail, &command);
-  zelpnl::AddCheckCommand(*mail, &command);
+  zelpnl::AddCommands(app, &command);
+  zelpnl::AddBatchCommand(app, &command);
 
   try {
     app.parse(argc, argv);

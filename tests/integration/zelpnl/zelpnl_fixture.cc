@@ -47,7 +47,8 @@ void Drain(int out_fd, int err_fd, std::string& out, std::string& err) {
 }  // namespace
 
 Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-               bool terminal) {
+               bool terminal, const std::string& input) {
+  if (input.size() > 65536) throw std::runtime_error("input larger than a pipe holds");
   std::vector<std::string> environment;
   for (char** e = environ; *e; ++e)
     if (std::strncmp(*e, "ZELPNL_CONF=", 12) != 0) environment.emplace_back(*e);
@@ -58,9 +59,16 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
   for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
 
-  int out_pipe[2], err_pipe[2];
+  int out_pipe[2], err_pipe[2], in_pipe[2] = {-1, -1};
   int master = -1, slave = -1;
   if (::pipe(out_pipe) != 0) throw std::runtime_error("pipe failed");
+  if (!input.empty()) {
+    // The whole input fits in the pipe: written before the child runs.
+    if (::pipe(in_pipe) != 0) throw std::runtime_error("pipe failed");
+    if (::write(in_pipe[1], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+      throw std::runtime_error("write to the input pipe failed");
+    ::close(in_pipe[1]);
+  }
   if (terminal) {
     if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
       throw std::runtime_error("openpty failed");
@@ -73,7 +81,7 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     const int null = ::open("/dev/null", O_RDONLY);
-    ::dup2(null, 0);
+    ::dup2(in_pipe[0] >= 0 ? in_pipe[0] : null, 0);
     ::dup2(out_pipe[1], 1);
     ::dup2(err_pipe[1], 2);
     ::close(out_pipe[0]);
@@ -83,6 +91,7 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
   }
   ::close(out_pipe[1]);
   ::close(err_pipe[1]);
+  if (in_pipe[0] >= 0) ::close(in_pipe[0]);
   Result run;
   Drain(out_pipe[0], err_pipe[0], run.out, run.err);
   ::close(out_pipe[0]);
@@ -103,10 +112,10 @@ void ZelpnlTest::SetUp() {
   ASSERT_EQ(init.status, 0) << init.out << init.err;
 }
 
-Result ZelpnlTest::Zel(const std::vector<std::string>& args) {
+Result ZelpnlTest::Zel(const std::vector<std::string>& args, const std::string& input) {
   std::vector<std::string> argv = {kZelpnl, "--config", Config()};
   argv.insert(argv.end(), args.begin(), args.end());
-  return RunProgram(argv);
+  return RunProgram(argv, {}, false, input);
 }
 
 nlohmann::ordered_json ZelpnlTest::Json(const std::vector<std::string>& args) {

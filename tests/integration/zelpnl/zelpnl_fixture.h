@@ -23,8 +23,9 @@ struct Result {
 // Runs a program with exactly these arguments (no shell) and the process's
 // environment, less ZELPNL_CONF, plus env ("NAME=value" items). With
 // terminal, standard error is a pseudo-terminal (its output lands in err).
+// Standard input is input (at most 64 KiB), or /dev/null when it is empty.
 Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
-               bool terminal = false);
+               bool terminal = false, const std::string& input = "");
 
 // The responder program a sandbox names: the built one when it is there.
 std::string ResponderProgram();
@@ -37,8 +38,8 @@ class ZelpnlTest : public ::testing::Test {
   std::string Path(const std::string& file) const { return Dir() + "/" + file; }
   std::string Config() const { return Path("zelpnl.conf"); }
 
-  // zelpnl --config <sandbox config> args...
-  Result Zel(const std::vector<std::string>& args);
+  // zelpnl --config <sandbox config> args... (input: standard input)
+  Result Zel(const std::vector<std::string>& args, const std::string& input = "");
   // The same with --json; expects status 0 and parses standard output.
   nlohmann::ordered_json Json(const std::vector<std::string>& args);
   // Expects status 0 and empty standard error.
