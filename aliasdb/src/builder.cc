@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -183,7 +184,8 @@ BuildReport Build(const BuildOptions& options) {
   }
   if (rc != 0) throw Fail(file, "cannot lock", errno);
   AliasesFile parsed(ReadAll(source.fd, file));
-  const SendmailOracle oracle(options.sendmail, options.config, folder);
+  // sendmail works in its queue folder: its temporary files need a full path.
+  const SendmailOracle oracle(options.sendmail, options.config, std::filesystem::absolute(folder).string());
 
   if (parsed.has_nul()) {
     // sendmail takes the same lock: let it go first.

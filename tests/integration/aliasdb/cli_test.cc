@@ -32,6 +32,15 @@ TEST(NewaliasesCommandTest, FileArgumentIsRebuiltAndSummaryPrinted) {
   EXPECT_TRUE(box.Exists("aliases.db"));
 }
 
+TEST(NewaliasesCommandTest, RelativeFileNameWorksForLinesSendmailDecides) {
+  Sandbox box(TestName());
+  box.Write("aliases", "Joe <jdoe>: x\n");
+  std::string out;
+  EXPECT_EQ(RunShell("cd " + box.dir() + " && " + kOurs + " aliases", &out), 0) << out;
+  EXPECT_EQ(out, "aliases: 1 aliases, longest 1 bytes, 5 bytes total\n");
+  EXPECT_TRUE(box.Exists("aliases.db"));
+}
+
 TEST(NewaliasesCommandTest, SendmailStyleArgumentsWork) {
   Sandbox box(TestName());
   box.Write("aliases", "a: b\n");
