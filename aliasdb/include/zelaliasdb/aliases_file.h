@@ -1,11 +1,12 @@
 // zel_aliasdb::AliasesFile: one aliases file, read and cut into entries the
 // way sendmail's alias rebuild reads it.
 //
-// A logical line is a physical line plus what continues it: a backslash
-// right before the line end joins the next physical line (backslash and line
-// end removed; a backslash on the last line with no line end stays), and every following physical line that starts with a blank
-// or a tab is appended (only its line end removed). Each logical line then
-// is one of:
+// A logical line is a physical line plus what continues it: while the line
+// so far ends with a backslash before a line end, backslash and line end go
+// and the next physical line is appended (so a backslash left last after
+// an empty line joins again; one on a last line without line end stays);
+// then every following physical line that starts with a blank or a tab is
+// appended (only its line end removed). Each logical line then is one of:
 //   - nothing: empty, or starting with '#' (a comment swallows its
 //     continuation lines too);
 //   - an error the file reader reports itself: a line starting with a blank
@@ -18,8 +19,8 @@
 //     punctuation other than ! " % ( ) , ; < > @ \ :, not starting with | or
 //     /, at most 255 bytes), blanks, ':', then the value. The key is the
 //     name in ASCII lower case; the value is the rest of the logical line
-//     with its leading blanks removed, kept byte for byte (trailing blanks,
-//     carriage returns, quotes and commas included);
+//     without its leading white space (C's isspace), kept byte for byte
+//     (trailing blanks, carriage returns, quotes and commas included);
 //   - a line for sendmail's address parser: any other name (quotes, angle
 //     brackets, comments, routing characters, inner blanks, control or 8-bit
 //     bytes), or a logical line longer than kMaxPlainLine. Those depend on

@@ -10,7 +10,8 @@
 // the mode and owner of the FILE.db it replaces (0640 and the caller's owner
 // when there was none). The aliases file is locked (flock, exclusive) while
 // it is read and its map written, so two builds of one file run one after
-// the other. The report lists the messages sendmail would print, in its
+// the other; sendmail's rebuild takes the same lock (and skips its rebuild
+// while ours holds it, saying the file is locked). The report lists the messages sendmail would print, in its
 // words, and its summary line.
 //
 // Nothing is shared between calls; Build may run on several threads for

@@ -14,8 +14,8 @@
 // later line repeats the name. The file's last line, when the end of the
 // file changes it (no line end, or a backslash before the last line end),
 // is asked alone and then once more for its name. The temporary files are
-// removed before Decide returns. One thread at a time; sendmail runs are about 60 ms, so
-// this is for the few lines the builder cannot decide alone.
+// removed before Decide returns. One thread at a time. A sendmail run takes
+// about 60 ms: this is for the few lines the builder cannot decide alone.
 #pragma once
 
 #include <cstdint>
