@@ -141,7 +141,18 @@ TEST(NewaliasesCommandTest, TerminationSignalWaitsUntilTheMapIsInPlace) {
     ::execl(kOurs.c_str(), kOurs.c_str(), file.c_str(), static_cast<char*>(nullptr));
     ::_exit(127);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  // Signal once the program holds SIGTERM back (its status shows it).
+  for (int i = 0; i < 1000; ++i) {
+    std::string status;
+    try {
+      status = zeltest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    } catch (const std::exception&) {
+    }
+    const std::size_t at = status.find("SigBlk:");
+    if (at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) & (1ull << (SIGTERM - 1))))
+      break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   ::kill(pid, SIGTERM);
   ::flock(held, LOCK_UN);
   ::close(held);
