@@ -285,16 +285,16 @@ std::vector<std::string> AliasFilesOf(const std::string& config) {
     while (start <= list.size()) {
       std::size_t comma = list.find(',', start);
       if (comma == std::string::npos) comma = list.size();
-      std::string spec = list.substr(start, comma - start);
+      std::string entry_text = list.substr(start, comma - start);
       start = comma + 1;
-      const std::size_t b = spec.find_first_not_of(" \t");
+      const std::size_t b = entry_text.find_first_not_of(" \t");
       if (b == std::string::npos) continue;
-      spec = spec.substr(b, spec.find_last_not_of(" \t") - b + 1);
-      if (spec.compare(0, 5, "hash:") == 0) spec = spec.substr(5);
-      if (spec.empty() || spec[0] != '/')
+      entry_text = entry_text.substr(b, entry_text.find_last_not_of(" \t") - b + 1);
+      if (entry_text.compare(0, 5, "hash:") == 0) entry_text = entry_text.substr(5);
+      if (entry_text.empty() || entry_text[0] != '/')
         throw pnl_err::Error("aliasdb", config,
-                             "alias file \"" + spec + "\" is not a hash map of a file; it cannot be rebuilt here");
-      files.push_back(spec);
+                             "alias file \"" + entry_text + "\" is not a hash map of a file; it cannot be rebuilt here");
+      files.push_back(entry_text);
     }
   }
   if (files.empty()) throw pnl_err::Error("aliasdb", config, "names no alias file (O AliasFile=)");
