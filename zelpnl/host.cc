@@ -1,5 +1,7 @@
 #include "host.h"
 
+#include <sys/resource.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -67,6 +69,24 @@ int Report(bool json, const std::string& type, const std::string& object,
   }
   return status;
 }
+
+// Logs the process's peak memory at debug level when it goes out of scope
+// (the commands it ran are not counted): "peak memory N KiB".
+class PeakMemoryNote {
+ public:
+  PeakMemoryNote() = default;
+  PeakMemoryNote(const PeakMemoryNote&) = delete;
+  PeakMemoryNote& operator=(const PeakMemoryNote&) = delete;
+  ~PeakMemoryNote() {
+    if (!log_ready) return;
+    struct rusage usage {};
+    if (::getrusage(RUSAGE_SELF, &usage) != 0) return;
+    try {
+      HostLog().Debug("peak memory " + std::to_string(usage.ru_maxrss) + " KiB");
+    } catch (...) {
+    }
+  }
+};
 
 // Ends the request (commit) and runs the deferred commands; their failures
 // are in the log and told as one warning.
@@ -173,7 +193,11 @@ email::MtaInterface& Host::Mta() const {
 }
 
 void Host::BeginDeferred() {
-  host_names_ = pnl_cf::GetPath("sendmail-localhostnames");
+  // Without the mail back-end (a batch of users and web domains) the key may
+  // have no value: no file to watch then.
+  host_names_ = pnl_cf::HasPath("sendmail-localhostnames")
+                    ? pnl_cf::GetPath("sendmail-localhostnames")
+                    : std::string();
   host_names_before_ = host_names_.empty() ? pnl_file::FileId() : pnl_file::StatFile(host_names_);
   Engine().BeginDeferred();
   deferring_ = true;
@@ -307,6 +331,8 @@ int ReportCurrentException(bool json) {
 int Execute(const GlobalOptions& options, const Command& command) {
   const Output out(options.json);
   command_line = options.line;
+  // Told last, once the host is gone: what the run needed at most.
+  const PeakMemoryNote peak;
   // The host outlives the report: an error may come from a module's code.
   Host host(options);
   try {

@@ -351,3 +351,27 @@ TEST_F(ZelpnlBatchTest, ProgressBarOnlyWhenStandardErrorIsATerminal) {
                                                    "error: batch: 2 of 2 lines failed; the "
                                                    "others were applied\n");
 }
+
+TEST_F(ZelpnlBatchTest, EachRunLogsItsPeakMemoryAtDebugLevel) {
+  ClearLog();
+  Ok({"user", "add", "bob"});
+  const std::string log = File("zelpnl.log");
+  const std::string note = "debug zelpnl/host: peak memory ";
+  const size_t at = log.find(note);
+  ASSERT_NE(at, std::string::npos) << log;
+  const std::string rest = log.substr(at + note.size());
+  EXPECT_GT(std::stol(rest), 1000) << rest;
+  EXPECT_EQ(rest.substr(rest.find(' '), 5), " KiB\n");
+}
+
+TEST_F(ZelpnlBatchTest, ABatchOfUsersAndWebDomainsNeedsNoMailBackEnd) {
+  // Without the module, local-host-names has no default path.
+  std::string conf = File("zelpnl.conf");
+  const size_t at = conf.find("sendmail-localhostnames = ");
+  ASSERT_NE(at, std::string::npos);
+  conf.erase(at, conf.find('\n', at) - at + 1);
+  WriteFile("zelpnl.conf", conf);
+  const zeltest::Result run = Batch("user add bob\nwebdomain add d.example --owner bob\n");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(Rows("SELECT name FROM domain"), "d.example");
+}
