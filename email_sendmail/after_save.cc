@@ -5,6 +5,7 @@
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
 #include "zelapi/proc.h"
+#include "zelapi/str.h"
 
 namespace zelpriv_email_sendmail {
 
@@ -24,7 +25,8 @@ void RunRebuild(const std::string& command, const std::string& name) {
 
 void RebuildHashedMap(ConfRef& ref, ConfCache::SaveReason& reason) {
   if (!RebuildsMaps(reason)) return;
-  const std::string file = ref.FileName();
+  // A path a shell would split or expand goes in quotes.
+  const std::string file = str::ShellWord(ref.FileName());
   RunRebuild("/usr/sbin/makemap hash " + file + " < " + file, "makemap");
 }
 

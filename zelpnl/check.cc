@@ -7,24 +7,13 @@
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
 #include "zelapi/proc.h"
+#include "zelapi/str.h"
 
 namespace zelpnl {
 
 namespace {
 
 constexpr char kSendmail[] = "/usr/sbin/sendmail";
-
-// text in single quotes for /bin/sh.
-std::string ShellQuote(const std::string& text) {
-  std::string out = "'";
-  for (char c : text) {
-    if (c == '\'')
-      out += "'\\''";
-    else
-      out += c;
-  }
-  return out + "'";
-}
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> out;
@@ -41,8 +30,8 @@ std::vector<std::string> Lines(const std::string& text) {
 void Check(Host&, const Output& out, const std::string& address) {
   const std::string cf = pnl_cf::GetParam("sendmail_cf");
   std::string command = kSendmail;
-  if (!cf.empty()) command += " -C " + ShellQuote(cf);
-  command += " -bv " + ShellQuote(address);
+  if (!cf.empty()) command += " -C " + str::ShellWord(cf);
+  command += " -bv " + str::ShellWord(address);
   pnl_proc::Execute run(command, 2);
   const bool deliverable = run.Result() == 0;
   out.Print({{"check",

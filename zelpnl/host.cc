@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "email/fail.h"
+#include "email/tables.h"
 #include "email/mta_interface.h"
 #include "validation.h"
 #include "zelapi/api.h"
@@ -264,6 +265,50 @@ void Host::ChangeFiles(const std::function<void()>& change, const std::function<
   kept_.clear();
 }
 
+namespace {
+
+// The rebuild of table T's file at the path under key, when its map is
+// older than the text.
+template <class T>
+void RebuildIfStale(const std::string& key) {
+  if (!pnl_cf::HasPath(key)) return;
+  const std::string path = pnl_cf::GetPath(key);
+  // What is not a plain file is the command's to report when it reads it.
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) return;
+  const pnl_file::FileId text = pnl_file::StatFile(path);
+  const pnl_file::FileId map = pnl_file::StatFile(path + ".db");
+  if (!text.exists || !map.exists || map.mtime_ns >= text.mtime_ns) return;
+  HostLog().Info(path + ".db is older than " + path + ": rebuilding it");
+  pnl_file::safe::Folder folder;
+  ConfRef ref = Engine().Config(T::Table().Name(), folder, path, true);
+  // A deferred save's reason: the map is rebuilt, no restart is queued.
+  ConfCache::SaveReason reason = ConfCache::kSaveDeferred;
+  T::Table().AfterSave(ref, reason);
+}
+
+}  // namespace
+
+void Host::RebuildStaleMaps() noexcept {
+  if (!mta_) return;
+  const auto attempt = [](const char* what, void (*rebuild)(const std::string&),
+                          const std::string& key) {
+    try {
+      rebuild(key);
+    } catch (const std::exception& e) {
+      std::string message =
+          std::string("the ") + what + " map is older than its file and could not be rebuilt: " +
+          e.what();
+      while (!message.empty() && message.back() == '\n') message.pop_back();
+      if (log_ready) HostLog().Error(message);
+      std::cerr << "warning: " << message << "\n";
+    }
+  };
+  attempt("virtual user table", &RebuildIfStale<email::VirtualUserTable>, "sendmail-virtusertable");
+  attempt("access", &RebuildIfStale<email::AccessDb>, "sendmail-accessdb");
+  attempt("aliases", &RebuildIfStale<email::AliasTable>, "sendmail-aliases");
+}
+
 void Host::BeginBatch() {
   if (batch_ || deferring_) throw pnl_err::Error("batch", "batch", "a batch is open already");
   BeginDeferred();
@@ -344,6 +389,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
     }
     pnl_db::Cache& db = host.Db();
     db.BeginRequest();
+    if (command.needs == Needs::kMail) host.RebuildStaleMaps();
     try {
       command.run(host, out);
     } catch (...) {

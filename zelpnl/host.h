@@ -153,6 +153,15 @@ class Host {
   // step runs now. Errors of a step at the batch's end are logged.
   void AtBatchEnd(const std::string& key, std::function<void()> step);
 
+  // Rebuilds each map of the back-end (virtual user table, access map,
+  // aliases) whose FILE.db is older than its FILE: a request that saved the
+  // text was ended before its rebuild (killed, or the rebuild failed), or
+  // the file was edited by hand. Run at the start of each mail request, so a
+  // command run again completes what the first run began. A map that does
+  // not exist is left to the set-up; a rebuild that fails is logged and
+  // told as a warning, and the command goes on. Never throws.
+  void RebuildStaleMaps() noexcept;
+
  private:
   // Saves the files changed since the engine began deferring (it stops
   // deferring in every case) and queues the restart a changed

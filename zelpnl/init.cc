@@ -118,13 +118,13 @@ std::string MailConfig(const std::string& d) {
          "MAILER(`smtp')dnl\n";
 }
 
-// The responder program beside this one when it is there (a build folder),
-// else the installed one.
-std::string ResponderProgram() {
-  const fs::path beside = fs::path(ProgramDir()) / "zelpnl-responder";
+// A program of ours: the one beside this program when it is there (a build
+// folder), else the installed one in /usr/lib/zelpnl.
+std::string OurProgram(const std::string& name) {
+  const fs::path beside = fs::path(ProgramDir()) / name;
   std::error_code ec;
   if (!ProgramDir().empty() && fs::exists(beside, ec)) return beside.string();
-  return email::kDefaultResponderProgram;
+  return "/usr/lib/zelpnl/" + name;
 }
 
 std::string PanelConfig(const std::string& d, bool with_cf) {
@@ -144,15 +144,18 @@ std::string PanelConfig(const std::string& d, bool with_cf) {
       "sendmail-accessdb = " + d + "/access\n"
       "sendmail-aliases = " + d + "/aliases\n"
       "sendmail-mc = " + d + "/sendmail.mc\n";
+  // The aliases rebuild is our builder: sendmail's own result in a fraction
+  // of its time ("-bi" is accepted and ignored, as on sendmail's line).
+  const std::string builder = OurProgram("zelpnl-newaliases");
   if (with_cf)
-    text += "sendmail-newaliases = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bi\n";
+    text += "sendmail-newaliases = " + builder + " -C " + d + "/sendmail.cf -bi\n";
   else
-    text += "sendmail-newaliases = /usr/sbin/sendmail -bi -oA" + d + "/aliases\n";
+    text += "sendmail-newaliases = " + builder + " -bi -oA" + d + "/aliases\n";
   text +=
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = " + ResponderProgram() + "\n";
+      "zelpnl-responder = " + OurProgram("zelpnl-responder") + "\n";
   return text;
 }
 
@@ -231,8 +234,8 @@ void AddInitCommand(CLI::App& app, Command* out) {
       "access files (the aliases file gets the \"devnull\" alias), and, where sendmail-cf and m4 "
       "are installed, DIR/sendmail.mc and DIR/sendmail.cf: a sendmail configuration that reads "
       "DIR's files, so that \"mail check\" asks sendmail itself. The aliases rebuild "
-      "(sendmail-newaliases) rebuilds DIR's aliases; the restart command is \"true\", which is "
-      "harmless: no mail daemon runs on these files. DIR must not lie below a folder anyone may "
+      "(sendmail-newaliases) is zelpnl-newaliases on DIR's aliases; the restart command is "
+      "\"true\", which is harmless: no mail daemon runs on these files. DIR must not lie below a folder anyone may "
       "write to (such as /tmp): sendmail refuses files there.");
   init->add_option("--sandbox", *dir, "The folder (made when missing; must hold none of the files)")
       ->required()

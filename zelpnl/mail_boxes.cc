@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "email/mta_interface.h"
+#include "leftovers.h"
 #include "records.h"
 #include "validation.h"
 #include "zelapi/err.h"
@@ -162,6 +163,15 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
     throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
                          "is an alias of " + owner + "@" + address.domain);
   for (const std::string& alias : changes.add_aliases) CheckAliasFree(db, domain, alias);
+  const MailboxLeftover leftover = FindMailboxLeftover(address.local, address.domain);
+  if (!leftover.foreign.empty())
+    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
+                         "the virtual user table has a line for it already, pointing to " +
+                             Quote(leftover.foreign) +
+                             "; remove that line, or run \"zelpnl mail sync\" to take it over");
+  if (leftover.found)
+    Log().Info("mailbox " + address.Text() +
+               ": replacing the lines an earlier add left in the files");
 
   MailboxRow mailbox = db.Get<zel_db::EmailTable>();
   mailbox->New();
@@ -175,6 +185,8 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
   const int64_t id = mailbox->id.Value();
   host.ChangeFiles(
       [&] {
+        // An earlier add's lines go first, so the key is written once.
+        if (leftover.found) host.Mta().DeleteEmail(mailbox);
         host.Mta().CreateEmail(mailbox);
         if (changes.add_aliases.empty() && changes.add_forwards.empty() &&
             changes.forward_only != 1)

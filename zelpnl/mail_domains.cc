@@ -8,9 +8,11 @@
 // rules (in a batch they run at its end, when the files fail there).
 #include "commands.h"
 #include "email/mta_interface.h"
+#include "leftovers.h"
 #include "records.h"
 #include "validation.h"
 #include "zelapi/err.h"
+#include "zelapi/log.h"
 
 namespace zelpnl {
 
@@ -50,8 +52,18 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   if (owner_id) row->users = owner_id;
   row->Post();
   const int64_t id = row->id.Value();
-  host.ChangeFiles([&] { host.Mta().CreateDomain(row); },
-                   [&host, id] { DeleteRowById(host.Db(), "email_domain", id); });
+  // A catch-all line for a domain the panel does not know: left by an add
+  // that ended before its row was kept, or made by hand. The domain's lines
+  // are replaced, so the key is written once.
+  const bool leftover = HasDomainLine(name);
+  if (leftover)
+    pnl_log::Module("mail", "zelpnl").Info("mail domain " + name + ": replacing its lines in the files");
+  host.ChangeFiles(
+      [&] {
+        if (leftover) host.Mta().DeleteDomain(row);
+        host.Mta().CreateDomain(row);
+      },
+      [&host, id] { DeleteRowById(host.Db(), "email_domain", id); });
   if (!out.json()) return;
   row = RequireMailDomain(db, name);
   out.Print({{"domain", MailDomainJson(db, row)}}, "");

@@ -1,9 +1,13 @@
 #include "zelapi/file.h"
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <time.h>
 #include <mutex>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -103,6 +107,42 @@ class TempFile {
   int fd_;
   bool committed_ = false;
 };
+
+// How old a temporary file without a holder must be before a later save
+// takes it for the leftover of a save that was killed.
+constexpr std::int64_t kStaleTempSeconds = 10;
+
+bool IsTempName(const std::string& entry, const std::string& prefix) {
+  if (entry.size() != prefix.size() + 6 || entry.compare(0, prefix.size(), prefix) != 0)
+    return false;
+  for (std::size_t i = prefix.size(); i < entry.size(); ++i)
+    if (!std::isalnum(static_cast<unsigned char>(entry[i]))) return false;
+  return true;
+}
+
+// Removes the temporary files ".<name>.XXXXXX" that earlier saves of name
+// left behind when they were killed between creating and renaming them. A
+// save holds an exclusive lock on its temporary file from its creation on,
+// so a file nobody holds that is older than a few seconds belongs to no
+// live save. Best effort: what cannot be checked or removed stays.
+void RemoveStaleTemps(const std::string& dir, const std::string& name) {
+  DIR* folder = ::opendir(dir.c_str());
+  if (!folder) return;
+  const std::string prefix = "." + name + ".";
+  struct timespec now;
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  while (struct dirent* entry = ::readdir(folder)) {
+    if (!IsTempName(entry->d_name, prefix)) continue;
+    const int fd = ::openat(::dirfd(folder), entry->d_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) continue;
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+        now.tv_sec - st.st_mtim.tv_sec >= kStaleTempSeconds && ::flock(fd, LOCK_EX | LOCK_NB) == 0)
+      ::unlinkat(::dirfd(folder), entry->d_name, 0);
+    ::close(fd);
+  }
+  ::closedir(folder);
+}
 
 }  // namespace
 
@@ -314,11 +354,15 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
   const std::string dir = FolderOf(target);
   if (!folder.IsOpen() || folder.Path() != dir) folder.Open(dir);
 
+  RemoveStaleTemps(dir, BaseName(target));
   std::string temp_path = (dir == "/" ? "" : dir) + "/." + BaseName(target) + ".XXXXXX";
   int fd = -1;
   int err = ops->MakeTemp(temp_path, fd);
   if (err != 0) Fail(path, "cannot create temporary file in " + dir, err);
   TempFile temp(*ops, temp_path, fd);
+  // Held until the descriptor is closed: a later save leaves a temporary
+  // file alone while its save lives.
+  ::flock(fd, LOCK_EX | LOCK_NB);
 
   auto write_all = [&](const char* data, std::size_t size) {
     std::size_t done = 0;

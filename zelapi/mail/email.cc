@@ -7,6 +7,7 @@
 #include "zelapi/cf.h"
 #include "zelapi/db.h"
 #include "zelapi/err.h"
+#include "zelapi/str.h"
 
 namespace email {
 
@@ -22,13 +23,6 @@ bool CarriedByTarget(char c) {
   return c != ',' && c != '"' && c != '\\' && u >= 0x20 && u != 0x7f;
 }
 
-// Characters a shell reads as they are, so a word made of them needs no
-// quotes.
-bool PlainForShell(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) || c == '@' || c == '.' || c == '_' ||
-         c == '+' || c == '=' || c == ':' || c == '/' || c == '-';
-}
-
 [[noreturn]] void Refuse(const std::string& address, const std::string& what,
                          const std::string& text) {
   throw pnl_err::Error("email", address,
@@ -41,20 +35,13 @@ void CheckCarried(const std::string& address, const std::string& what, const std
     if (!CarriedByTarget(c)) Refuse(address, what, text);
 }
 
-// text as one shell word: as it is when plain, else in single quotes.
+// text as one shell word: as it is when plain, else in single quotes. A
+// single quote would need a backslash, which a target cannot carry.
 std::string ShellWord(const std::string& address, const std::string& what,
                       const std::string& text) {
   CheckCarried(address, what, text);
-  bool plain = !text.empty();
-  for (char c : text)
-    if (!PlainForShell(c)) plain = false;
-  if (plain) return text;
-  if (text.find('\'') != std::string::npos) Refuse(address, what, text);
-  std::string word;
-  word.reserve(text.size() + 2);
-  word += '\'';
-  word += text;
-  word += '\'';
+  std::string word = str::ShellWord(text);
+  if (word.find('\\') != std::string::npos) Refuse(address, what, text);
   return word;
 }
 

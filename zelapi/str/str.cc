@@ -2,6 +2,7 @@
 
 #include <sys/random.h>
 
+#include <cctype>
 #include <cerrno>
 
 #include "zelapi/err.h"
@@ -54,6 +55,26 @@ std::string Trim(const std::string& text) {
   if (first == std::string::npos) return std::string();
   const size_t last = text.find_last_not_of(" \t");
   return text.substr(first, last - first + 1);
+}
+
+bool PlainForShell(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '@' || c == '.' || c == '_' ||
+         c == '+' || c == '=' || c == ':' || c == '/' || c == '-' || c == ',';
+}
+
+std::string ShellWord(const std::string& text) {
+  bool plain = !text.empty();
+  for (char c : text)
+    if (!PlainForShell(c)) plain = false;
+  if (plain) return text;
+  std::string word = "'";
+  for (char c : text) {
+    if (c == '\'')
+      word += "'\\''";
+    else
+      word += c;
+  }
+  return word + "'";
 }
 
 }  // namespace str

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <typeinfo>
 
 #include "counting_runner.h"
@@ -65,6 +66,21 @@ TEST_F(AfterSaveTest, PostToVirtualUserTableRebuildsTheHashedMap) {
             1);
   EXPECT_TRUE(box_.Exists("virtusertable.db"));
   EXPECT_EQ(DumpMap(box_.Path("virtusertable")), "x@a.example\tx+a.example\n");
+}
+
+TEST_F(AfterSaveTest, APathTheShellWouldSplitIsQuotedForMakemap) {
+  const std::string dir = box_.Path("mail files;$x");
+  std::filesystem::create_directories(dir);
+  CountingRunner runner;
+  auto lines = email::VirtualUserTable::Get<email::VirtualEmails>(dir + "/virtusertable", true);
+  lines->New();
+  lines->name.Set("x@a.example");
+  lines->target = "x+a.example";
+  lines->Post("");
+  EXPECT_EQ(runner.CountContaining("/usr/sbin/makemap hash '" + dir + "/virtusertable' < '" + dir +
+                                   "/virtusertable'"),
+            1);
+  EXPECT_EQ(DumpMap("'" + dir + "/virtusertable'"), "x@a.example\tx+a.example\n");
 }
 
 TEST_F(AfterSaveTest, PostToAccessMapRebuildsTheHashedMap) {

@@ -36,13 +36,14 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "sendmail-accessdb = " + d + "/access\n"
       "sendmail-aliases = " + d + "/aliases\n"
       "sendmail-mc = " + d + "/sendmail.mc\n";
-  expected += kHaveCf ? "sendmail-newaliases = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bi\n"
-                      : "sendmail-newaliases = /usr/sbin/sendmail -bi -oA" + d + "/aliases\n";
+  const std::string builder = zeltest::OurProgram("zelpnl-newaliases");
+  expected += kHaveCf ? "sendmail-newaliases = " + builder + " -C " + d + "/sendmail.cf -bi\n"
+                      : "sendmail-newaliases = " + builder + " -bi -oA" + d + "/aliases\n";
   expected +=
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = " + zeltest::ResponderProgram() + "\n";
+      "zelpnl-responder = " + zeltest::OurProgram("zelpnl-responder") + "\n";
   EXPECT_EQ(File("zelpnl.conf"), expected);
 }
 
@@ -211,4 +212,16 @@ TEST_F(ZelpnlTest, TheLogNamesEachCommandAndEachFailure) {
                      " mail domain add x.example: web domain \"x.example\": does not exist"),
             std::string::npos)
       << log;
+}
+
+TEST_F(ZelpnlTest, TheSandboxRebuildsItsAliasesMapWithTheBuiltBuilder) {
+  SetConfig("log_level", "debug");
+  MakeDomainWithMailbox();
+  const std::string builder = zeltest::OurProgram("zelpnl-newaliases");
+  EXPECT_NE(File("zelpnl.log").find("ran \"" + builder + " "), std::string::npos)
+      << File("zelpnl.log");
+  std::string dump;
+  ASSERT_EQ(zeltest::RunShell("/usr/sbin/makemap -u hash " + Path("aliases"), &dump), 0) << dump;
+  EXPECT_NE(dump.find("l+d.example\tl\\@d.example"), std::string::npos) << dump;
+  EXPECT_NE(dump.find("devnull\t\"/dev/null\""), std::string::npos) << dump;
 }

@@ -13,7 +13,7 @@ class ZelpnlResponderTest : public ZelpnlTest {
     MakeDomainWithMailbox();
   }
   std::string Action() const {
-    return "\"|" + zeltest::ResponderProgram() + " --config " + Config() + " l@d.example\"";
+    return "\"|" + zeltest::OurProgram("zelpnl-responder") + " --config " + Config() + " l@d.example\"";
   }
 };
 

@@ -102,9 +102,9 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
   return run;
 }
 
-std::string ResponderProgram() {
-  const std::string built = ZEL_BIN_DIR "/zelpnl-responder";
-  return ::access(built.c_str(), F_OK) == 0 ? built : "/usr/lib/zelpnl/zelpnl-responder";
+std::string OurProgram(const std::string& name) {
+  const std::string built = ZEL_BIN_DIR "/" + name;
+  return ::access(built.c_str(), F_OK) == 0 ? built : "/usr/lib/zelpnl/" + name;
 }
 
 void ZelpnlTest::SetUp() {

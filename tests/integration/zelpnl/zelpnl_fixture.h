@@ -28,7 +28,9 @@ Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::s
                bool terminal = false, const std::string& input = "");
 
 // The responder program a sandbox names: the built one when it is there.
-std::string ResponderProgram();
+// One of our programs as zelpnl init finds it: the built one, else the
+// installed one.
+std::string OurProgram(const std::string& name);
 
 class ZelpnlTest : public ::testing::Test {
  protected:

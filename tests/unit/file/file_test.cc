@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -146,6 +147,33 @@ TEST_F(FileTest, WriteFileReplacesAtomicallyKeepingMode) {
   EXPECT_EQ(ops->chowns, 0);  // same owner: nothing to change
   EXPECT_TRUE(folder.IsOpen());
   EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
+}
+
+// A temporary file as a killed save leaves it, seconds_old seconds ago.
+void LeaveTemp(const std::string& path, int seconds_old) {
+  std::ofstream(path, std::ios::binary) << "half";
+  const struct timespec times[2] = {{::time(nullptr) - seconds_old, 0},
+                                    {::time(nullptr) - seconds_old, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(FileTest, ASaveRemovesTheTemporaryFilesOfKilledSavesOnly) {
+  Write("a", "old\n");
+  Write("b", "other\n");
+  LeaveTemp(Path(".a.Xy12zQ"), 60);   // a killed save's: removed
+  LeaveTemp(Path(".a.live01"), 60);   // a live save holds it: stays
+  LeaveTemp(Path(".a.fresh1"), 0);    // just made, maybe not locked yet: stays
+  LeaveTemp(Path(".b.Xy12zQ"), 60);   // another file's: stays
+  LeaveTemp(Path(".a.Xy12zQ7"), 60);  // not a temporary name: stays
+  const int held = ::open(Path(".a.live01").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(held, 0);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  pnl_file::safe::Folder folder;
+  pnl_file::safe::WriteFile(folder, Path("a"), "new\n", nullptr);
+  ::close(held);
+  EXPECT_EQ(Read("a"), "new\n");
+  EXPECT_EQ(Entries(), (std::vector<std::string>{".a.Xy12zQ7", ".a.fresh1", ".a.live01", ".b.Xy12zQ",
+                                                 "a", "b"}));
 }
 
 TEST_F(FileTest, WriteFileGivesTheOriginalsOwner) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstdint>
 #include <set>
 
@@ -102,6 +103,28 @@ TEST(TrimTest, RemovesSpacesAndTabsAtBothEndsOnly) {
   EXPECT_EQ(str::Trim(" \t \t"), "");
   EXPECT_EQ(str::Trim(""), "");
   EXPECT_EQ(str::Trim("\nvalue\r"), "\nvalue\r");
+}
+
+TEST(ShellWordTest, PlainTextStaysAsItIsOtherTextIsQuoted) {
+  EXPECT_EQ(str::ShellWord("/etc/mail/virtusertable"), "/etc/mail/virtusertable");
+  EXPECT_EQ(str::ShellWord("l+d.example@x-y_z=1:2,3"), "l+d.example@x-y_z=1:2,3");
+  EXPECT_EQ(str::ShellWord(""), "''");
+  EXPECT_EQ(str::ShellWord("/srv/mail files/access"), "'/srv/mail files/access'");
+  EXPECT_EQ(str::ShellWord("a;b$c`d`|e&f*g"), "'a;b$c`d`|e&f*g'");
+  EXPECT_EQ(str::ShellWord("it's"), "'it'\\''s'");
+}
+
+TEST(ShellWordTest, TheShellGivesBackTheTextExactly) {
+  for (const std::string text : {"plain", "two words", "it's", "$HOME", "a\\b", "'", "*", "-n"}) {
+    const std::string command = "printf '%s' " + str::ShellWord(text);
+    FILE* pipe = ::popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string out;
+    char buffer[256];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    EXPECT_EQ(::pclose(pipe), 0);
+    EXPECT_EQ(out, text) << command;
+  }
 }
 
 }  // namespace

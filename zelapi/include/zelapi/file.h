@@ -140,7 +140,10 @@ class Folder {
 // file replaced. Returns the identity of the new file. On failure
 // throws pnl_err::Error("file") and path is left as it was, with no
 // temporary file left behind (unless only the final folder sync failed:
-// the new content is then in place and the error says so).
+// the new content is then in place and the error says so). A save killed
+// before its rename leaves its temporary file; a later save of the same file
+// removes such files once they are ten seconds old and no live save holds
+// them (each save keeps its temporary file locked with flock).
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
                  const FileId* original);
 
