@@ -2,6 +2,10 @@
 // virtual-user-table line "a@D -> L@D"; the forwards, the local delivery
 // "L\@D" (unless forward-only) and the responder action are the targets of
 // the mailbox's aliases entry "L+D".
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/db.h"
@@ -11,6 +15,45 @@
 #include "zelapi/test.h"
 
 namespace zelpriv_email_sendmail {
+
+namespace {
+
+// The address lines of a virtual user table by their target: for each
+// target text, the keys of the lines that point to it, in file order. Made
+// with one walk of the table and kept while the table's cached copy stays
+// the same, so reading back the aliases of every mailbox (a whole sync)
+// walks the table once instead of once per mailbox.
+class LinesByTarget {
+ public:
+  // The keys of the lines of lines' file whose whole target is target, in
+  // file order (moves the cursor when the index is made anew).
+  std::vector<std::string> Keys(Cursor<email::VirtualEmails>& lines, const std::string& target) {
+    std::lock_guard<std::mutex> lock(mu_);
+    const std::uint64_t version = lines->ContentVersion();
+    if (version != version_ || lines->FileName() != path_) {
+      by_target_.clear();
+      for (lines->First(); !lines->Eof(); lines->Next())
+        by_target_[lines->target.Str()].push_back(lines->name.Str());
+      version_ = version;
+      path_ = lines->FileName();
+    }
+    const auto found = by_target_.find(target);
+    return found == by_target_.end() ? std::vector<std::string>() : found->second;
+  }
+
+ private:
+  std::mutex mu_;
+  std::string path_;
+  std::uint64_t version_ = 0;
+  std::unordered_map<std::string, std::vector<std::string>> by_target_;
+};
+
+LinesByTarget& AliasLines() {
+  static LinesByTarget index;
+  return index;
+}
+
+}  // namespace
 
 void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>& removed) {
   Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
@@ -84,13 +127,12 @@ void SendmailInterface::CacheAliases(EmailPtr email) {
   }
   email->Post();
 
+  // Every line "a@D -> L@D" of the mailbox's domain, in file order.
   Cursor<email::VirtualEmails> lines =
       email::VirtualUserTable::Get<email::VirtualEmails>(virtusertable_path(), true);
-  for (lines->First(); !lines->Eof(); lines->Next()) {
-    std::string rest = lines->name.Str();
+  for (std::string rest : AliasLines().Keys(lines, mailbox + "@" + domain)) {
     const std::string local = str::GetWord(rest, '@');
     if (rest != domain) continue;
-    if (mailbox + "@" + rest != lines->target.Str()) continue;
     if (local == mailbox) continue;  // the mailbox's own line
     aliases->New();
     aliases->email.SetText(email->id.Str());

@@ -94,6 +94,17 @@ void CachedFile::Load() {
   Install(std::move(data), id, std::move(def));
 }
 
+namespace {
+
+// Content versions are drawn from one counter of the process, so a copy
+// dropped from the cache and read again never repeats an earlier number.
+std::uint64_t NextVersion() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
+
+}  // namespace
+
 void CachedFile::Install(std::string data, const pnl_file::FileId& id,
                          std::shared_ptr<const TableDef> def) {
   Parsers parsers = MakeParsers(*def);
@@ -118,6 +129,7 @@ void CachedFile::Install(std::string data, const pnl_file::FileId& id,
   parsers_ = std::move(parsers);
   def_ = std::move(def);
   id_ = id;
+  version_ = NextVersion();
   loaded_ = true;
   stale_ = false;
 }
@@ -509,6 +521,7 @@ template <class Apply>
 void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&& apply) {
   if (engine_.impl_->deferred) {
     apply();
+    version_ = NextVersion();
     dirty_ = true;
     if (!note.empty()) notes_.push_back(note);
     if (NeedsCompact()) Compact(store_.Text());
@@ -522,6 +535,7 @@ void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&
     pnl_file::safe::Folder folder;
     const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, pieces, id_.exists ? &id_ : nullptr);
     apply();
+    version_ = NextVersion();
     id_ = id;
   }
   if (NeedsCompact()) Compact(store_.Text());

@@ -64,6 +64,12 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   // checked: the caller has just made the disk check of this operation.
   bool Delete(ConfDataSet& c, bool must_exist, bool checked = false);
 
+  // See ConfDataSet::ContentVersion (makes the disk check).
+  std::uint64_t Version() {
+    Check();
+    return version_;
+  }
+
   const Store& store() const { return store_; }
   // Memory held by the copy's texts.
   std::size_t bytes() const { return store_.base().size() + store_.edited_bytes(); }
@@ -123,6 +129,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   bool stale_ = false;
   pnl_file::FileId id_;
   std::uint64_t seen_versions_ = 0;  // the engine's registration count def_ is current for
+  std::uint64_t version_ = 0;        // changes with every content the copy holds
   std::atomic<bool> dirty_{false};
   std::vector<std::string> notes_;
   std::vector<ConfDataSet*> cursors_;

@@ -44,6 +44,12 @@ bool ConfDataSet::Find(const std::string& key) {
   return f.Find(*this, key);
 }
 
+std::uint64_t ConfDataSet::ContentVersion() {
+  zel_conf::CachedFile& f = Open();
+  Guard guard(f.mutex());
+  return f.Version();
+}
+
 void ConfDataSet::First() {
   zel_conf::CachedFile& f = Open();
   Guard guard(f.mutex());

@@ -168,6 +168,28 @@ TEST_F(AliasesTest, CacheReadsAliasesOfTheOwnDomainPointingWhollyAtTheMailbox) {
   EXPECT_EQ(AliasRows(mbox_), "a");
 }
 
+TEST_F(AliasesTest, CacheSeesAliasLinesAddedSinceTheLastCache) {
+  box_.Write("aliases", "n+a.example:\tn\\@a.example\nm+a.example:\tm\\@a.example\n");
+  box_.Write("virtusertable", "n@a.example\tn+a.example\nb@a.example\tn@a.example\n");
+  EmailRow other = NewMailbox(domain_, "m");
+  mta_->CacheAliases(mbox_);
+  mta_->CacheAliases(other);
+  EXPECT_EQ(AliasRows(mbox_), "b");
+  // Through the engine (the copy is edited) and then by hand (read again).
+  auto lines = email::VirtualUserTable::Get<email::VirtualEmails>(box_.Path("virtusertable"), true);
+  lines->New();
+  lines->name.Set("c@a.example");
+  lines->target = "n@a.example";
+  lines->Post("");
+  mta_->CacheAliases(mbox_);
+  EXPECT_EQ(AliasRows(mbox_), "b|c");
+  box_.Write("virtusertable", box_.Read("virtusertable") + "d@a.example\tm@a.example\n");
+  mta_->CacheAliases(mbox_);
+  mta_->CacheAliases(other);
+  EXPECT_EQ(AliasRows(mbox_), "b|c");
+  EXPECT_EQ(AliasRows(other), "d");
+}
+
 TEST_F(AliasesTest, CacheWithoutEntryFailsAfterDeletingTheRows) {
   AddForwardRow(mbox_, "f@b.example");
   AddAliasRow(mbox_, "sales");

@@ -604,6 +604,34 @@ TEST_F(EngineTest, WalkContinuesAfterTheFileWasReadAgain) {
   EXPECT_EQ(Slurp(Path("v.txt")), "# new first line\na@x.example\tone\nc@x.example\tthree\n");
 }
 
+TEST_F(EngineTest, ContentVersionChangesWithEveryEditAndReadAndOnlyThen) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  auto other = VirtTable::Get<DomainView>(path, false);
+  const std::uint64_t first = mails->ContentVersion();
+  EXPECT_EQ(other->ContentVersion(), first) << "one copy, one version";
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  EXPECT_EQ(mails->ContentVersion(), first) << "looking changes nothing";
+
+  mails->target = "sales+new.example";
+  mails->Post("");
+  const std::uint64_t posted = other->ContentVersion();
+  EXPECT_NE(posted, first) << "a post through another cursor";
+
+  engine->BeginDeferred();
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->Delete();
+  const std::uint64_t deferred = mails->ContentVersion();
+  EXPECT_NE(deferred, posted) << "a deferred edit, not saved yet";
+  engine->FlushDeferred();
+
+  Spill(path, Slurp(path) + "hand@example.com\thand+example.com\n");
+  const std::uint64_t reread = mails->ContentVersion();
+  EXPECT_NE(reread, deferred) << "changed on disk: read again";
+  EXPECT_EQ(mails->ContentVersion(), reread);
+}
+
 // ------------------------------------------------------------ deferred
 
 TEST_F(EngineTest, DeferredPostsAreSavedOnceWithReasonTwo) {

@@ -94,6 +94,12 @@ class ConfDataSet : public virtual dd::Record {
 
   // The cached file's path ("" when not open).
   const std::string& FileName() const;
+  // A number that changes whenever the copy's content may have changed
+  // (read again because the file changed on disk, or edited through any
+  // cursor, saved or deferred) and never repeats within the process: what
+  // a caller derived from the file stays valid while this stays the same.
+  // Makes the disk check First makes.
+  std::uint64_t ContentVersion();
   bool IsOpen() const { return file_ != nullptr; }
   // True on a new record that is not posted yet (New, or Create of a
   // missing key).
