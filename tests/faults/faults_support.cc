@@ -14,6 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "zelapi/str.h"
+
 extern char** environ;
 
 namespace zelfaults {
@@ -55,17 +57,6 @@ pid_t Start(const std::vector<std::string>& argv, int out_fd, int err_fd,
     ::_exit(127);
   }
   return pid;
-}
-
-std::string Quote(const std::string& text) {
-  std::string out = "'";
-  for (char c : text) {
-    if (c == '\'')
-      out += "'\\''";
-    else
-      out += c;
-  }
-  return out + "'";
 }
 
 // A read-only connection to a panel database.
@@ -268,7 +259,7 @@ std::vector<std::string> Panel::HiddenFiles() const {
 std::string Panel::MapDump(const std::string& file) const {
   std::string out;
   const int status =
-      zeltest::RunShell("/usr/sbin/makemap -u hash " + Quote(Path(file)) + " | sort", &out);
+      zeltest::RunShell("/usr/sbin/makemap -u hash " + str::ShellWord(Path(file)) + " | sort", &out);
   if (status != 0) throw std::runtime_error("makemap -u " + file + ": " + out);
   return out;
 }
