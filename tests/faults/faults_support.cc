@@ -1,7 +1,6 @@
 #include "faults_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -130,25 +129,7 @@ Result RunProgram(const std::vector<std::string>& argv) {
   ::close(out_pipe[1]);
   ::close(err_pipe[1]);
   Result run;
-  struct pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  int open = 2;
-  char buffer[8192];
-  while (open > 0) {
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      throw std::runtime_error("poll failed");
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        (i == 0 ? run.out : run.err).append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-  }
+  zeltest::Drain(out_pipe[0], err_pipe[0], run.out, run.err);
   ::close(out_pipe[0]);
   ::close(err_pipe[0]);
   run.status = WaitFor(pid);
@@ -281,18 +262,6 @@ std::string Panel::SyncChanges(int& status) const {
   for (const auto& failure : doc["sync"]["failures"]) changes += "! " + failure.dump() + "\n";
   if (!run.err.empty()) changes += "stderr: " + run.err;
   return changes;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    end = end == std::string::npos ? text.size() : end + 1;
-    lines.push_back(text.substr(start, end - start));
-    start = end;
-  }
-  return lines;
 }
 
 LineDiff DiffLines(const std::string& before, const std::string& after) {

@@ -97,8 +97,8 @@ class Panel {
   std::string dir_;
 };
 
-// The lines of text, each with its "\n" (a last line without one as it is).
-std::vector<std::string> Lines(const std::string& text);
+// The lines of text (zeltest::Lines).
+using zeltest::Lines;
 
 // The lines that differ between before and after, found by longest common
 // subsequence: removed holds lines of before that are not in the common

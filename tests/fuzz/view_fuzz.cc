@@ -11,6 +11,7 @@
 #include "email/records.h"
 #include "email/tables.h"
 #include "memory_files.h"
+#include "sandbox.h"
 #include "zelapi/err.h"
 
 namespace {
@@ -44,18 +45,6 @@ const char kValue[] = "FUZZ";
 
 const char kPath[] = "/fuzz/file";
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    end = end == std::string::npos ? text.size() : end + 1;
-    lines.push_back(text.substr(start, end - start));
-    start = end;
-  }
-  return lines;
-}
-
 [[noreturn]] void Broken(const char* what) {
   fprintf(stderr, "view fuzz: %s\n", what);
   abort();
@@ -65,7 +54,7 @@ std::vector<std::string> Lines(const std::string& text) {
 // (with the continuation lines after it) against lines of the new text
 // that hold the new value.
 void CheckOneRecordChanged(const std::string& before, const std::string& after) {
-  const std::vector<std::string> a = Lines(before), b = Lines(after);
+  const std::vector<std::string> a = zeltest::Lines(before), b = zeltest::Lines(after);
   size_t head = 0;
   while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
   size_t tail = 0;

@@ -1,8 +1,10 @@
 #include "sandbox.h"
 
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -64,6 +66,40 @@ int RunShell(const std::string& command, std::string* output) {
   const int status = pclose(pipe);
   if (output) *output = text;
   return WEXITSTATUS(status);
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    lines.push_back(text.substr(start, end - start));
+    start = end;
+  }
+  return lines;
+}
+
+void Drain(int out_fd, int err_fd, std::string& out, std::string& err) {
+  struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
+  int open = 2;
+  char buffer[8192];
+  while (open > 0) {
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      throw std::runtime_error("poll failed");
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
+      const ssize_t n = ::read(fds[i].fd, buffer, sizeof(buffer));
+      if (n > 0) {
+        (i == 0 ? out : err).append(buffer, static_cast<size_t>(n));
+      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
 }
 
 }  // namespace zeltest

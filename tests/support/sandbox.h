@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace zeltest {
 
@@ -33,5 +34,14 @@ void WriteFile(const std::string& path, const std::string& text);
 // Runs a shell command, returns its exit status and fills output (stdout and
 // stderr together).
 int RunShell(const std::string& command, std::string* output = nullptr);
+
+// The lines of text, each with its "\n" (a last line without one as it is).
+std::vector<std::string> Lines(const std::string& text);
+
+// Reads two descriptors (a child's standard output and error) to their end,
+// appending to out and err. A descriptor that fails (a pseudo-terminal says
+// EIO once the child closed it) counts as ended. Throws std::runtime_error
+// when poll fails.
+void Drain(int out_fd, int err_fd, std::string& out, std::string& err);
 
 }  // namespace zeltest

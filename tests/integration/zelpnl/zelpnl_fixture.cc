@@ -1,7 +1,6 @@
 #include "zelpnl_fixture.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,30 +18,6 @@ namespace zeltest {
 namespace {
 
 const char kZelpnl[] = ZEL_BIN_DIR "/zelpnl";
-
-// Reads both descriptors to their end.
-void Drain(int out_fd, int err_fd, std::string& out, std::string& err) {
-  struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
-  int open = 2;
-  char buffer[4096];
-  while (open > 0) {
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      throw std::runtime_error("poll failed");
-    }
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      const ssize_t n = ::read(fds[i].fd, buffer, sizeof(buffer));
-      if (n > 0) {
-        (i == 0 ? out : err).append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN)) {
-        // A pseudo-terminal reports EIO once the child closed it.
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-  }
-}
 
 }  // namespace
 
