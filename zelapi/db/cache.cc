@@ -2,6 +2,8 @@
 // cursors, and the results of Query.
 #include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 #include "internal.h"
@@ -13,6 +15,31 @@ namespace pnl_db {
 namespace {
 
 constexpr int kBusyTimeoutMs = 30000;
+
+// Switches the file to the WAL journal and returns the mode it is in then.
+// The switch reads the file first and then needs it alone; when another
+// connection reads it meanwhile, SQLite answers "database is locked" at once
+// instead of waiting (its busy handler never waits while a read is held, to
+// avoid a deadlock). Two processes opening a new database together meet this,
+// so the switch is retried here within the same busy timeout, with a short
+// growing pause.
+std::string SetWalJournal(Cache::Impl& impl) {
+  static const std::string kSql = "PRAGMA journal_mode = WAL";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  auto pause = std::chrono::milliseconds(1);
+  for (;;) {
+    try {
+      Statement wal(impl, kSql);
+      wal.Step();
+      return wal.Column(0).text;
+    } catch (const SqlFailure& failure) {
+      if ((failure.code & 0xff) != SQLITE_BUSY || std::chrono::steady_clock::now() >= deadline)
+        throw;
+    }
+    std::this_thread::sleep_for(pause);
+    pause = std::min(pause * 2, std::chrono::milliseconds(50));
+  }
+}
 
 std::mutex& SchemaMutex() {
   static std::mutex mutex;
@@ -241,12 +268,7 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
   sqlite3_extended_result_codes(impl.db, 1);
   sqlite3_busy_timeout(impl.db, kBusyTimeoutMs);
 
-  const std::string mode = Named(file, "set the WAL journal", [&] {
-    static const std::string kSql = "PRAGMA journal_mode = WAL";
-    Statement wal(impl, kSql);
-    wal.Step();
-    return wal.Column(0).text;
-  });
+  const std::string mode = Named(file, "set the WAL journal", [&] { return SetWalJournal(impl); });
   if (mode != "wal") Throw(file, "set the WAL journal: the file stays in journal mode " + mode);
   // Foreign keys stay off while the schema migrates (a step may rebuild a
   // table); the result is checked before the migration commits.

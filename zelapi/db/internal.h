@@ -112,6 +112,7 @@ struct Cache::Impl {
 // Building those names only on failure keeps the hot paths cheap.
 struct SqlFailure {
   std::string message;
+  int code = SQLITE_ERROR;  // SQLite's extended result code
 };
 
 // A statement taken from the cache for one use; given back on destruction.

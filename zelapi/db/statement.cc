@@ -189,7 +189,7 @@ void Statement::Bind(int index, const Value& v) {
 int Statement::Step() {
   const int rc = sqlite3_step(stmt_);
   if (rc == SQLITE_ROW || rc == SQLITE_DONE) return rc;
-  SqlFailure failure{impl_.Message()};
+  SqlFailure failure{impl_.Message(), sqlite3_extended_errcode(impl_.db)};
   sqlite3_reset(stmt_);
   throw failure;
 }

@@ -2,6 +2,7 @@
 // lock instead of failing, and the first open of a new file by two at once
 // creates the schema once.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,7 +96,11 @@ TEST(ProcessTest, TwoProcessesWritingAtOnceBothSucceed) {
   });
   std::thread parent_side([&] {
     start.Wait();
-    WriteRows(file, "parent");
+    try {
+      WriteRows(file, "parent");
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << "parent failed: " << e.what();
+    }
   });
   start.Open(2);
   parent_side.join();
@@ -138,4 +143,31 @@ TEST(ProcessTest, ARequestWaitsForAnotherProcesssLongRequest) {
   EXPECT_EQ(cache->Query("SELECT group_concat(name, ',') FROM owner").Str(), "child,parent");
   close(done[0]);
   close(done[1]);
+}
+
+TEST(ProcessTest, OpeningWaitsForAWriterOfAFileStillInTheOldJournalMode) {
+  zeltest::Sandbox sandbox("OpeningWaitsForAWriterOfAFileStillInTheOldJournalMode");
+  const std::string file = sandbox.Path("shared.db");
+  // A database in SQLite's default journal mode with a writer inside a
+  // transaction (as when another process is switching the same new file to
+  // WAL): switching it to WAL has to wait for the writer, where SQLite itself
+  // gives up at once.
+  sqlite3* writer = nullptr;
+  ASSERT_EQ(sqlite3_open(file.c_str(), &writer), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(writer, "CREATE TABLE other (x); BEGIN IMMEDIATE; INSERT INTO other VALUES (1);",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  std::thread finish([writer] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
+  });
+  try {
+    auto cache = pnl_db::Cache::Open(file, dbtest::TestSchema());
+    EXPECT_EQ(cache->Query("PRAGMA journal_mode").Str(), "wal");
+    EXPECT_EQ(cache->SchemaVersion(), 2);
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << e.what();
+  }
+  finish.join();
+  sqlite3_close(writer);
 }
