@@ -267,12 +267,7 @@ std::string Panel::SyncChanges(int& status) const {
 LineDiff DiffLines(const std::string& before, const std::string& after) {
   const std::vector<std::string> a = Lines(before), b = Lines(after);
   // Common head and tail first: a command changes a few lines of a long file.
-  size_t head = 0;
-  while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
-  size_t tail = 0;
-  while (tail < a.size() - head && tail < b.size() - head &&
-         a[a.size() - 1 - tail] == b[b.size() - 1 - tail])
-    ++tail;
+  const auto [head, tail] = zeltest::FindCommonEnds(a, b);
   const size_t n = a.size() - head - tail, m = b.size() - head - tail;
   std::vector<std::vector<int>> lcs(n + 1, std::vector<int>(m + 1, 0));
   for (size_t i = n; i-- > 0;)

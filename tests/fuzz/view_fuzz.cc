@@ -55,12 +55,7 @@ const char kPath[] = "/fuzz/file";
 // that hold the new value.
 void CheckOneRecordChanged(const std::string& before, const std::string& after) {
   const std::vector<std::string> a = zeltest::Lines(before), b = zeltest::Lines(after);
-  size_t head = 0;
-  while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
-  size_t tail = 0;
-  while (tail < a.size() - head && tail < b.size() - head &&
-         a[a.size() - 1 - tail] == b[b.size() - 1 - tail])
-    ++tail;
+  const auto [head, tail] = zeltest::FindCommonEnds(a, b);
   if (head + tail == a.size() && head + tail == b.size()) return;  // the value was there already
   const size_t old_lines = a.size() - head - tail, new_lines = b.size() - head - tail;
   if (new_lines == 0) Broken("a change removed lines and wrote none");

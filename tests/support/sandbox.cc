@@ -80,6 +80,17 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
+CommonEnds FindCommonEnds(const std::vector<std::string>& a, const std::vector<std::string>& b) {
+  CommonEnds ends;
+  size_t& head = ends.head;
+  while (head < a.size() && head < b.size() && a[head] == b[head]) ++head;
+  size_t& tail = ends.tail;
+  while (tail < a.size() - head && tail < b.size() - head &&
+         a[a.size() - 1 - tail] == b[b.size() - 1 - tail])
+    ++tail;
+  return ends;
+}
+
 void Drain(int out_fd, int err_fd, std::string& out, std::string& err) {
   struct pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
   int open = 2;

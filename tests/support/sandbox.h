@@ -38,6 +38,14 @@ int RunShell(const std::string& command, std::string* output = nullptr);
 // The lines of text, each with its "\n" (a last line without one as it is).
 std::vector<std::string> Lines(const std::string& text);
 
+// How many lines two texts share at their start (head) and, of the rest, at
+// their end (tail); what lies between differs.
+struct CommonEnds {
+  size_t head = 0;
+  size_t tail = 0;
+};
+CommonEnds FindCommonEnds(const std::vector<std::string>& a, const std::vector<std::string>& b);
+
 // Reads two descriptors (a child's standard output and error) to their end,
 // appending to out and err. A descriptor that fails (a pseudo-terminal says
 // EIO once the child closed it) counts as ended. Throws std::runtime_error
