@@ -57,10 +57,14 @@ std::string Trim(const std::string& text) {
   return text.substr(first, last - first + 1);
 }
 
+namespace {
+
 bool PlainForShell(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) || c == '@' || c == '.' || c == '_' ||
          c == '+' || c == '=' || c == ':' || c == '/' || c == '-' || c == ',';
 }
+
+}  // namespace
 
 std::string ShellWord(const std::string& text) {
   bool plain = !text.empty();

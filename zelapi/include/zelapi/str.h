@@ -34,12 +34,9 @@ std::string Replace(const std::string& text, const std::string& from, const std:
 // Blanks (space, tab) removed at both ends.
 std::string Trim(const std::string& text);
 
-// Whether /bin/sh reads c as itself in any word: letters, digits and
-// "@._+=:/-,".
-bool PlainForShell(char c);
-
 // text as one /bin/sh word: unchanged when it is not empty and every
-// character is plain, else in single quotes (a single quote inside written
+// character is one /bin/sh reads as itself in any word (letters, digits and
+// "@._+=:/-,"), else in single quotes (a single quote inside written
 // as '\''). The result, put on a command line, gives the shell text exactly.
 std::string ShellWord(const std::string& text);
 
