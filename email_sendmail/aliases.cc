@@ -29,13 +29,13 @@ class LinesByTarget {
   // file order (moves the cursor when the index is made anew).
   std::vector<std::string> Keys(Cursor<email::VirtualEmails>& lines, const std::string& target) {
     std::lock_guard<std::mutex> lock(mu_);
+    // Versions never repeat within the process, across files too.
     const std::uint64_t version = lines->ContentVersion();
-    if (version != version_ || lines->FileName() != path_) {
+    if (version != version_) {
       by_target_.clear();
       for (lines->First(); !lines->Eof(); lines->Next())
         by_target_[lines->target.Str()].push_back(lines->name.Str());
       version_ = version;
-      path_ = lines->FileName();
     }
     const auto found = by_target_.find(target);
     return found == by_target_.end() ? std::vector<std::string>() : found->second;
@@ -43,8 +43,7 @@ class LinesByTarget {
 
  private:
   std::mutex mu_;
-  std::string path_;
-  std::uint64_t version_ = 0;
+  std::uint64_t version_ = 0;  // 0: no index made yet
   std::unordered_map<std::string, std::vector<std::string>> by_target_;
 };
 
