@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host.h"
+#include "zelapi/log.h"
 
 namespace zelpnl {
 
@@ -30,6 +31,11 @@ void AddUserCommands(CLI::App& app, Command* out);
 void AddWebDomainCommands(CLI::App& app, Command* out);
 
 // Under "mail".
+// The log channel of the mail commands ("mail" of zelpnl).
+inline const pnl_log::Module& MailLog() {
+  static const pnl_log::Module log("mail", "zelpnl");
+  return log;
+}
 void AddMailDomainCommands(CLI::App& mail, Command* out);
 void AddMailboxCommands(CLI::App& mail, Command* out);
 void AddResponderCommand(CLI::App& mail, Command* out);

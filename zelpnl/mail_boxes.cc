@@ -24,11 +24,6 @@ namespace zelpnl {
 
 namespace {
 
-const pnl_log::Module& Log() {
-  static const pnl_log::Module log("mail", "zelpnl");
-  return log;
-}
-
 // The values of --alias, --forward and the like, checked and canonical.
 struct Changes {
   std::vector<std::string> add_aliases;
@@ -141,7 +136,7 @@ void ReadBackAliases(Host& host, int64_t id) {
   try {
     host.Mta().CacheAliases(mailbox);
   } catch (const std::exception& e) {
-    Log().Error("reading back the aliases of mailbox " + mailbox->name.Value() +
+    MailLog().Error("reading back the aliases of mailbox " + mailbox->name.Value() +
                 " after a failure: " + e.what());
   }
 }
@@ -170,7 +165,7 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
                              Quote(leftover.foreign) +
                              "; remove that line, or run \"zelpnl mail sync\" to take it over");
   if (leftover.found)
-    Log().Info("mailbox " + address.Text() +
+    MailLog().Info("mailbox " + address.Text() +
                ": replacing the lines an earlier add left in the files");
 
   MailboxRow mailbox = db.Get<zel_db::EmailTable>();
@@ -203,7 +198,7 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
           try {
             host.Mta().DeleteEmail(mailbox);
           } catch (const std::exception& e) {
-            Log().Error("removing the half-made mailbox " + address.Text() + ": " + e.what());
+            MailLog().Error("removing the half-made mailbox " + address.Text() + ": " + e.what());
           }
           throw;
         }

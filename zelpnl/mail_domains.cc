@@ -12,7 +12,6 @@
 #include "records.h"
 #include "validation.h"
 #include "zelapi/err.h"
-#include "zelapi/log.h"
 
 namespace zelpnl {
 
@@ -57,7 +56,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   // are replaced, so the key is written once.
   const bool leftover = HasDomainLine(name);
   if (leftover)
-    pnl_log::Module("mail", "zelpnl").Info("mail domain " + name + ": replacing its lines in the files");
+    MailLog().Info("mail domain " + name + ": replacing its lines in the files");
   host.ChangeFiles(
       [&] {
         if (leftover) host.Mta().DeleteDomain(row);

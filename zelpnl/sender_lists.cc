@@ -55,7 +55,7 @@ void ReadBack(Host& host, const List& list) {
   try {
     Cache(host, list);
   } catch (const std::exception& e) {
-    pnl_log::Module("mail", "zelpnl").Error(std::string("reading back the ") + list.name +
+    MailLog().Error(std::string("reading back the ") + list.name +
                                             " after a failure: " + e.what());
   }
 }
