@@ -7,8 +7,8 @@
 #include <iostream>
 
 #include "email/fail.h"
-#include "email/tables.h"
 #include "email/mta_interface.h"
+#include "email/tables.h"
 #include "validation.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"

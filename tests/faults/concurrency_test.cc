@@ -29,7 +29,7 @@ struct Failure {
 
 int Occurrences(const std::string& text, const std::string& line) {
   int n = 0;
-  for (const std::string& l : zelfaults::Lines(text))
+  for (const std::string& l : zeltest::Lines(text))
     if (l == line) ++n;
   return n;
 }
@@ -42,7 +42,7 @@ bool Mentions(const std::string& text, const std::string& word) {
 // case, comments and blank lines left out, sorted.
 std::string TextAsMap(const std::string& text) {
   std::vector<std::string> entries;
-  for (std::string line : zelfaults::Lines(text)) {
+  for (std::string line : zeltest::Lines(text)) {
     if (!line.empty() && line.back() == '\n') line.pop_back();
     if (line.empty() || line[0] == '#') continue;
     const size_t blank = line.find_first_of(" \t");

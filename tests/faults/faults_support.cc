@@ -265,7 +265,7 @@ std::string Panel::SyncChanges(int& status) const {
 }
 
 LineDiff DiffLines(const std::string& before, const std::string& after) {
-  const std::vector<std::string> a = Lines(before), b = Lines(after);
+  const std::vector<std::string> a = zeltest::Lines(before), b = zeltest::Lines(after);
   // Common head and tail first: a command changes a few lines of a long file.
   const auto [head, tail] = zeltest::FindCommonEnds(a, b);
   const size_t n = a.size() - head - tail, m = b.size() - head - tail;

@@ -97,9 +97,6 @@ class Panel {
   std::string dir_;
 };
 
-// The lines of text (zeltest::Lines).
-using zeltest::Lines;
-
 // The lines that differ between before and after, found by longest common
 // subsequence: removed holds lines of before that are not in the common
 // part, added those of after.

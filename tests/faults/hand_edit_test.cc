@@ -37,7 +37,7 @@ bool Concerns(const std::string& line, const std::vector<std::string>& words) {
 
 // Whether lines appear in text in this order, each as a whole line.
 bool InOrder(const std::string& text, const std::vector<std::string>& lines) {
-  const std::vector<std::string> all = zelfaults::Lines(text);
+  const std::vector<std::string> all = zeltest::Lines(text);
   size_t i = 0;
   for (const std::string& line : all)
     if (i < lines.size() && line == lines[i]) ++i;

@@ -38,7 +38,7 @@ class RerunTest : public ::testing::Test {
 
   int Count(const std::string& file, const std::string& line_start) const {
     int n = 0;
-    for (const std::string& line : zelfaults::Lines(panel_.Read(file)))
+    for (const std::string& line : zeltest::Lines(panel_.Read(file)))
       if (line.rfind(line_start, 0) == 0) ++n;
     return n;
   }

@@ -11,8 +11,8 @@
 // when there was none). The aliases file is locked (flock, exclusive) while
 // it is read and its map written, so two builds of one file run one after
 // the other; sendmail's rebuild takes the same lock (and skips its rebuild
-// while ours holds it, saying the file is locked). The report lists the messages sendmail would print, in its
-// words, and its summary line.
+// while ours holds it, saying the file is locked). The report lists the
+// messages sendmail would print, in its words, and its summary line.
 //
 // Nothing is shared between calls; Build may run on several threads for
 // different files.

@@ -27,7 +27,6 @@ struct Result {
 Result RunProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                bool terminal = false, const std::string& input = "");
 
-// The responder program a sandbox names: the built one when it is there.
 // One of our programs as zelpnl init finds it: the built one, else the
 // installed one.
 std::string OurProgram(const std::string& name);
