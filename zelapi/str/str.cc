@@ -21,7 +21,18 @@ std::string GetWord(std::string& text, char delimiter) {
   return word;
 }
 
+namespace {
+RandomSource random_source = nullptr;
+}  // namespace
+
+RandomSource SetRandomSource(RandomSource source) {
+  const RandomSource previous = random_source;
+  random_source = source;
+  return previous;
+}
+
 std::string Random(size_t n) {
+  if (random_source) return random_source(n);
   std::string bytes(n, '\0');
   size_t filled = 0;
   while (filled < n) {

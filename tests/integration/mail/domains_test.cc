@@ -213,3 +213,15 @@ TEST_F(DomainsTest, CacheKeepsTheOwnerOfAnExistingRow) {
   EXPECT_EQ(Column("SELECT users IS NULL FROM email_domain"), "1");
   EXPECT_EQ(Column("SELECT def_action FROM email_domain"), "ignore");
 }
+
+TEST_F(DomainsTest, CacheSweepsWithANegativePassTagWrittenWithItsSign) {
+  AddWebDomain("a.example");
+  box_.Write("virtusertable", "@a.example\tdevnull\n");
+  auto stale = NewDomain("gone.example");
+  stale->tag = 1234;
+  stale->Post();
+  PinPassTag(-1234);
+  mta_->CacheDomains();
+  EXPECT_EQ(Column("SELECT name || ':' || tag FROM email_domain ORDER BY name"),
+            "a.example:-1234");
+}

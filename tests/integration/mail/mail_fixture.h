@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -19,6 +21,7 @@
 #include "zelapi/db.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/mail/tables.h"
+#include "zelapi/str.h"
 
 namespace zeltest {
 
@@ -46,9 +49,21 @@ class MailTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    str::SetRandomSource(nullptr);
     zel_db::GetCache()->EndRequest();
     zel_db::CloseCache();
     zel_api::DiscardDeferred();
+  }
+
+  // Makes every pass tag drawn from now on the given value (a cache pass
+  // draws its tag with str::Random<int>()).
+  static void PinPassTag(int tag) {
+    pinned_tag_ = tag;
+    str::SetRandomSource([](size_t n) {
+      std::string bytes(n, '\0');
+      std::memcpy(bytes.data(), &pinned_tag_, std::min(n, sizeof pinned_tag_));
+      return bytes;
+    });
   }
 
   // Ends the current request (its file stamps are remembered) and opens the next.
@@ -132,6 +147,7 @@ class MailTest : public ::testing::Test {
 
   Sandbox box_{CurrentTestName()};
   std::unique_ptr<zelpriv_email_sendmail::SendmailInterface> mta_;
+  static inline int pinned_tag_ = 0;
 };
 
 }  // namespace zeltest

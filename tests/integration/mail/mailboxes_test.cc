@@ -159,3 +159,13 @@ TEST_F(MailboxesTest, UnchangedVirtualUserTableMakesCacheANoOp) {
   mta_->CacheEmails();
   EXPECT_EQ(Column("SELECT name FROM email ORDER BY name"), "info|stale");
 }
+
+TEST_F(MailboxesTest, CacheSweepsWithANegativePassTagWrittenWithItsSign) {
+  auto stale = NewMailbox(domain_, "stale");
+  stale->tag = 1234;
+  stale->Post();
+  box_.Write("virtusertable", "info@a.example\tinfo+a.example\n");
+  PinPassTag(-1234);
+  mta_->CacheEmails();
+  EXPECT_EQ(Column("SELECT name || ':' || tag FROM email ORDER BY name"), "info:-1234");
+}

@@ -27,7 +27,10 @@ class ModuleTest : public ::testing::Test {
     pnl_cf::Clear();
     apistat::Clear();
     email::ForgetMta();
-    // Every file of the sandbox, so that the module never reaches /etc/mail.
+    SetSandboxPaths();
+  }
+  // Every file of the sandbox, so that the module never reaches /etc/mail.
+  void SetSandboxPaths() {
     pnl_cf::SetPath("sendmail-aliases", box_.Path("aliases"));
     pnl_cf::SetPath("sendmail-virtusertable", box_.Path("virtusertable"));
     pnl_cf::SetPath("sendmail-localhostnames", box_.Path("local-host-names"));
@@ -157,6 +160,12 @@ TEST_F(ModuleTest, SecondConstructionFindsDevnullAndPostsNothing) {
   Construct();
   const std::string after_first = box_.Read("aliases");
   email::MtaInterface* first = email::GetMta();
+  // The defaults the first construction installed are forgotten: the second
+  // must install them again.
+  pnl_cf::Clear();
+  SetSandboxPaths();
+  pnl_cf::SetParam("MTA", "sendmail");
+  ASSERT_FALSE(pnl_cf::HasPath("sendmail-mc"));
   CountingRunner runner;
   zel_api::Module* again = zel_api::RegisteredModules().front().factory();
   delete again;
@@ -165,15 +174,45 @@ TEST_F(ModuleTest, SecondConstructionFindsDevnullAndPostsNothing) {
   EXPECT_EQ(box_.Read("aliases"), after_first);
   EXPECT_TRUE(runner.commands().empty());
   EXPECT_EQ(pnl_cf::GetPath("sendmail-mc"), "/etc/mail/sendmail.mc");
+  EXPECT_EQ(pnl_cf::GetPath("sendmail-restart"), "make -C /etc/mail restart");
 }
 
 TEST_F(ModuleTest, FailingNewaliasesKeepsTheBackEndUnregistered) {
   box_.Write("aliases", "line without a colon\n");
   pnl_cf::SetParam("MTA", "sendmail");
   loader_.Load(kModule);
-  EXPECT_THROW(loader_.ConstructAll(), pnl_err::Error);
+  try {
+    loader_.ConstructAll();
+    FAIL() << "the construction succeeded";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(e.type(), "email");
+    EXPECT_EQ(e.object(), "newaliases");
+    EXPECT_NE(e.detail().find("line 1: missing colon"), std::string::npos) << e.detail();
+    EXPECT_TRUE(e.reported());
+  }
   EXPECT_EQ(email::GetMta(), nullptr);
   EXPECT_EQ(box_.Read("aliases"), "line without a colon\ndevnull:\t\"/dev/null\"\n");
+}
+
+TEST_F(ModuleTest, TheFilePathsDefaultToEtcMail) {
+  // Only the aliases file is configured: the module writes to it at start.
+  pnl_cf::Clear();
+  pnl_cf::SetPath("sendmail-aliases", box_.Path("aliases"));
+  pnl_cf::SetPath("sendmail-newaliases", "/usr/sbin/sendmail -bi -oA" + box_.Path("aliases"));
+  pnl_cf::SetParam("MTA", "sendmail");
+  Construct();
+  auto* backend = dynamic_cast<email::SendmailLikeInterface*>(email::GetMta());
+  ASSERT_NE(backend, nullptr);
+  EXPECT_EQ(backend->virtusertable_path(), "/etc/mail/virtusertable");
+  EXPECT_EQ(backend->localhostnames_path(), "/etc/mail/local-host-names");
+  EXPECT_EQ(backend->accessdb_path(), "/etc/mail/access");
+  // With the configured paths gone, the defaults the module installed show.
+  pnl_cf::LoadText("[params]\nMTA = sendmail\n", "test");
+  EXPECT_EQ(pnl_cf::GetPath("sendmail-aliases"), "/etc/mail/aliases");
+  EXPECT_EQ(pnl_cf::GetPath("sendmail-virtusertable"), "/etc/mail/virtusertable");
+  EXPECT_EQ(pnl_cf::GetPath("sendmail-localhostnames"), "/etc/mail/local-host-names");
+  EXPECT_EQ(pnl_cf::GetPath("sendmail-accessdb"), "/etc/mail/access");
+  EXPECT_FALSE(pnl_cf::HasPath("sendmail-newaliases"));
 }
 
 TEST_F(ModuleTest, DnsblSlotsHaveTheirDefaults) {

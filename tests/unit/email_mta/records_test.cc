@@ -314,21 +314,29 @@ TEST(ParseTest, ALineStartingWithABlankIsClaimedByNoView) {
 TEST(TableTest, FirstUseFromTwoThreadsBuildsOneTableInstance) {
   Sandbox box(TestName());
   box.Write("access", "a@b.example\tOK\n");
+  const std::size_t cached_before = BaseCachedConfig<PnlConfCache>::Instance()->CachedFiles();
   std::atomic<int> waiting{2};
-  std::atomic<int> found{0};
-  auto use = [&] {
+  const AccessDb* tables[2] = {nullptr, nullptr};
+  Cursor<SourceTarget> cursors[2];
+  auto use = [&](int i) {
     waiting.fetch_sub(1);
     while (waiting.load() > 0) {
     }
-    auto access = AccessDb::Get<SourceTarget>(box.Path("access"), true);
-    if (access->Find("a@b.example")) found.fetch_add(1);
+    tables[i] = &AccessDb::Table();
+    cursors[i] = AccessDb::Get<SourceTarget>(box.Path("access"), true);
+    cursors[i]->Find("a@b.example");
   };
-  std::thread one(use);
-  std::thread two(use);
+  std::thread one(use, 0);
+  std::thread two(use, 1);
   one.join();
   two.join();
-  EXPECT_EQ(found.load(), 2);
-  EXPECT_EQ(&AccessDb::Table(), &AccessDb::Table());
-  EXPECT_EQ(BaseCachedConfig<PnlConfCache>::Instance()->CachedFiles(), 1u)
-      << "both cursors share one cached file";
+  ASSERT_NE(tables[0], nullptr);
+  EXPECT_EQ(tables[0], tables[1]) << "each thread got the one table instance";
+  for (const auto& cursor : cursors) {
+    ASSERT_TRUE(cursor);
+    EXPECT_FALSE(cursor->Eof());
+    EXPECT_EQ(cursor->target.Str(), "OK");
+  }
+  EXPECT_TRUE(cursors[0]->SameFile(*cursors[1])) << "both cursors share one cached file";
+  EXPECT_EQ(BaseCachedConfig<PnlConfCache>::Instance()->CachedFiles(), cached_before + 1);
 }

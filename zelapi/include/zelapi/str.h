@@ -15,6 +15,13 @@ std::string GetWord(std::string& text, char delimiter);
 // pnl_err::Error (type "random") if the source fails.
 std::string Random(size_t n);
 
+// For tests: makes Random(n) return source(n) instead, so that a value drawn
+// from it (a cache pass's tag) can be pinned; nullptr goes back to the
+// operating system. Returns the source it replaces. Set it while no other
+// thread draws.
+using RandomSource = std::string (*)(size_t n);
+RandomSource SetRandomSource(RandomSource source);
+
 // sizeof(T) random bytes read as one T in the machine's byte order.
 template <class T>
 T Random() {
