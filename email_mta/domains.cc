@@ -1,5 +1,8 @@
 // Mail domains: a catch-all line in the virtual user table, a line in
-// local-host-names and, while suspended, an access-map entry.
+// local-host-names and, while suspended, an access-map entry; while a domain
+// is suspended its mailboxes are suspended in the files with it.
+#include <vector>
+
 #include "email/sendmail_like.h"
 #include "email/tables.h"
 #include "zelapi/db.h"
@@ -11,6 +14,17 @@ namespace email {
 namespace {
 
 const char kDisabledAccess[] = "550 Account disabled";
+
+// The ids of the domain's mailboxes, and of those whose own row is in
+// service when only_in_service is set.
+std::vector<std::string> MailboxIds(MtaInterface::DomainPtr domain, bool only_in_service) {
+  std::vector<std::string> ids;
+  std::string sql = "SELECT id FROM email WHERE domain = " + domain->id.Str();
+  if (only_in_service) sql += " AND enabled != 0";
+  for (pnl_db::Query q = zel_db::GetCache()->Query(sql + " ORDER BY id"); !q.Eof(); q.Next())
+    ids.push_back(q.Str());
+  return ids;
+}
 
 }  // namespace
 
@@ -26,8 +40,9 @@ void SendmailLikeInterface::CacheDomains() {
 
   const int tag = str::Random<int>();
   for (lines->First(); !lines->Eof(); lines->Next()) {
-    const std::string domain = lines->name.Str();
-    if (!domains->name.Lookup(domain)) {
+    const std::string domain = str::Lower(lines->name.Str());
+    const bool known = domains->name.Lookup(domain);
+    if (!known) {
       // Only domains the panel knows become mail domains.
       pnl_db::Query owner =
           cache->Query("SELECT users FROM domain WHERE name = " + cache->EscapeValue(domain));
@@ -45,17 +60,22 @@ void SendmailLikeInterface::CacheDomains() {
       hosts->Post("");
     }
 
-    if (access->Find(domains->name.Str()))
-      domains->enabled = access->target.Str() != kDisabledAccess;
+    // The panel's suspension entry suspends the domain. No read-back takes
+    // a suspension away: only resuming the domain does. An entry with any
+    // other value is not the panel's (a sender list, a hand-written line)
+    // and is left alone.
+    const bool entry = access->Find(domain);
+    const bool suspension = entry && access->target.Str() == kDisabledAccess;
+    if (suspension) domains->enabled = false;
+    if (!known && !suspension) domains->enabled = true;
 
     if (!domains->enabled.Value()) {
-      if (!access->Find(domain)) {
+      if (!entry) {
         access->Create(domain);
-        access->target.Set(disabled_target());
+        access->target.Set(kDisabledAccess);
         access->Post("");
       }
     } else {
-      if (access->Find(domain)) access->_Delete(true);
       GetDefAction(lines, domains);
     }
 
@@ -70,8 +90,13 @@ void SendmailLikeInterface::CreateDomain(DomainPtr domain) {
   const std::string name = domain->name.Str();
   {
     Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
-    line->New();
-    line->name.Set(name);
+    // A catch-all this save was to remove (an earlier add's, replaced) is
+    // written anew in its place: one line per key.
+    KeepHeld(Held::kCatchAll, name);
+    if (!line->Find(name)) {
+      line->New();
+      line->name.Set(name);
+    }
     SetDefAction(line, domain);
     line->Post("");
   }
@@ -82,16 +107,19 @@ void SendmailLikeInterface::CreateDomain(DomainPtr domain) {
 
 void SendmailLikeInterface::DeleteDomain(DomainPtr domain) {
   const std::string name = domain->name.Str();
-  {
-    Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
-    if (line->Find(name)) line->_Delete(true);
-  }
+  // local-host-names first: once sendmail no longer takes the domain as
+  // local, its catch-all line no longer matters. The catch-all goes last,
+  // so that an unknown local part of the domain never reaches a system
+  // user meanwhile.
   {
     Cursor<HostNames> hosts = LocalHostNames::Get<HostNames>(localhostnames_path(), true);
     if (hosts->Find(name)) hosts->_Delete(true);
   }
-  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  if (access->Find(name)) access->_Delete(true);
+  {
+    Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
+    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->_Delete(true);
+  }
+  RemoveAfterSave(Held::kCatchAll, name);
 }
 
 void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
@@ -106,13 +134,27 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
   access->Create(name);
   access->target.Set(kDisabledAccess);
   access->Post("");
+
+  // Every mailbox refuses mail with the domain; the rows keep each
+  // mailbox's own state for the resume.
+  pnl_db::Cache* cache = zel_db::GetCache();
+  std::shared_ptr<zel_db::EmailTable> email = cache->Get<zel_db::EmailTable>();
+  Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
+  for (const std::string& id : MailboxIds(domain, false)) {
+    email->Assert(id);
+    if (lines->Find(email->name.Str() + "@" + name)) {
+      lines->target = disabled_target();
+      lines->Post("");
+    }
+    WriteAliasesEntry(email, domain, false);
+  }
 }
 
 void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   const std::string name = domain->name.Str();
   {
     Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-    if (access->Find(name)) access->_Delete(true);
+    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->_Delete(true);
   }
   {
     Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
@@ -120,10 +162,26 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
     SetDefAction(line, domain);
     line->Post("");
   }
-  // Looked up again after the virtual user table changed: an entry that
-  // appeared meanwhile must not keep the domain refused.
-  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  if (access->Find(name)) access->Delete();
+  // Looked up again after the virtual user table changed: a suspension
+  // entry that appeared meanwhile must not keep the domain refused.
+  {
+    Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
+    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->Delete();
+  }
+
+  // Each mailbox gets back the state its row names: one suspended on its
+  // own stays suspended.
+  pnl_db::Cache* cache = zel_db::GetCache();
+  std::shared_ptr<zel_db::EmailTable> email = cache->Get<zel_db::EmailTable>();
+  Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
+  for (const std::string& id : MailboxIds(domain, true)) {
+    email->Assert(id);
+    if (lines->Find(email->name.Str() + "@" + name)) {
+      lines->target = GetVirtuserTarget(email, domain);
+      lines->Post("");
+    }
+    WriteAliasesEntry(email, domain, true);
+  }
 }
 
 void SendmailLikeInterface::UpdateDomain(DomainPtr domain) {

@@ -13,6 +13,7 @@ namespace {
 // The mailbox row of a responder, and the key of its aliases entry.
 struct ResponderMailbox {
   std::shared_ptr<zel_db::EmailTable> email;
+  std::shared_ptr<zel_db::EmailDomainTable> domain;
   std::string entry_key;
 };
 
@@ -21,9 +22,9 @@ ResponderMailbox FindMailbox(MtaInterface::ResponderPtr responder) {
   ResponderMailbox found;
   found.email = cache->Get<zel_db::EmailTable>();
   found.email->Assert(responder->email.Str());
-  std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
-  domains->Assert(found.email->domain.Str());
-  found.entry_key = found.email->name.Str() + "+" + domains->name.Str();
+  found.domain = cache->Get<zel_db::EmailDomainTable>();
+  found.domain->Assert(found.email->domain.Str());
+  found.entry_key = found.email->name.Str() + "+" + found.domain->name.Str();
   return found;
 }
 
@@ -31,6 +32,9 @@ ResponderMailbox FindMailbox(MtaInterface::ResponderPtr responder) {
 
 void SendmailLikeInterface::SetResponder(ResponderPtr responder) {
   ResponderMailbox mailbox = FindMailbox(responder);
+  // A suspended mailbox's entry only refuses mail; its responder comes back
+  // with the rest of the entry when it is resumed.
+  if (!InService(mailbox.email, mailbox.domain)) return;
   Cursor<Aliases> entry = AliasTable::Get<Aliases>(aliases_path(), true);
   if (!entry->Find(mailbox.entry_key)) {
     entry->New();
@@ -47,6 +51,8 @@ void SendmailLikeInterface::SetResponder(ResponderPtr responder) {
 
 void SendmailLikeInterface::GetResponder(ResponderPtr responder) {
   ResponderMailbox mailbox = FindMailbox(responder);
+  // Out of service the entry does not show the responder: the row keeps it.
+  if (!InService(mailbox.email, mailbox.domain)) return;
   Cursor<Aliases> entry = AliasTable::Get<Aliases>(aliases_path(), true);
   entry->Assert(mailbox.entry_key);
   const std::string action = email::GetResponderAction(mailbox.email);

@@ -1,6 +1,11 @@
 #include "email/sendmail_like.h"
 
+#include <algorithm>
+
+#include "email/tables.h"
 #include "zelapi/cf.h"
+#include "zelapi/conf/cache.h"
+#include "zelapi/mail/tables.h"
 
 namespace email {
 
@@ -15,5 +20,50 @@ SendmailLikeInterface::SendmailLikeInterface(const std::string& mta,
       disabled_target_(disabled_target) {}
 
 SendmailLikeInterface::~SendmailLikeInterface() = default;
+
+bool SendmailLikeInterface::InService(EmailPtr email, DomainPtr domain) {
+  return email->enabled.Value() && domain->enabled.Value();
+}
+
+void SendmailLikeInterface::RemoveNow(Held what, const std::string& key) {
+  if (what == Held::kAliasesEntry) {
+    Cursor<Aliases> entry = AliasTable::Get<Aliases>(aliases_path(), true);
+    entry->Delete(key);
+  } else {
+    Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
+    if (line->Find(key)) line->_Delete(true);
+  }
+}
+
+void SendmailLikeInterface::RemoveAfterSave(Held what, const std::string& key) {
+  if (!BaseCachedConfig<PnlConfCache>::Instance()->Deferred()) {
+    RemoveNow(what, key);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(held_mu_);
+  held_.push_back({what, key});
+}
+
+void SendmailLikeInterface::KeepHeld(Held what, const std::string& key) {
+  std::lock_guard<std::mutex> lock(held_mu_);
+  held_.erase(std::remove_if(held_.begin(), held_.end(),
+                             [&](const HeldRemoval& h) { return h.what == what && h.key == key; }),
+              held_.end());
+}
+
+bool SendmailLikeInterface::PostHeldRemovals() {
+  std::vector<HeldRemoval> held;
+  {
+    std::lock_guard<std::mutex> lock(held_mu_);
+    held.swap(held_);
+  }
+  for (const HeldRemoval& h : held) RemoveNow(h.what, h.key);
+  return !held.empty();
+}
+
+void SendmailLikeInterface::DropHeldRemovals() noexcept {
+  std::lock_guard<std::mutex> lock(held_mu_);
+  held_.clear();
+}
 
 }  // namespace email

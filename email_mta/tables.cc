@@ -32,11 +32,22 @@ void AddView(PnlConfCache* engine, const std::string& table) {
   engine->Add(table, typeid(R).name(), typeid(R).name(), &ConfCache::Create<R>);
 }
 
+// The order in which one request's changes are saved: each file after the
+// ones its lines point into. A mailbox's virtual-user-table line points at
+// its aliases entry, so that entry is in the aliases map before the line
+// goes live (and when the aliases rebuild fails, the line is not saved at
+// all: sendmail would hand the mailbox's local name to the system user of
+// the same name). local-host-names comes last: a domain becomes local only
+// once its catch-all line stands.
+enum SaveRank { kAliasesFirst = 0, kVirtualUserTable = 1, kAccess = 2, kLocalHostNames = 3 };
+
 template <class Table>
-PnlConfCache* RegisterTable(Table* table, std::shared_ptr<pnl_token::Params> rules) {
+PnlConfCache* RegisterTable(Table* table, std::shared_ptr<pnl_token::Params> rules,
+                            SaveRank rank) {
   PnlConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
   engine->Register(table->Name(), std::move(rules));
   engine->_AfterSave(table->Name(), table, &BaseCachedConfigEvent::_AfterSave);
+  engine->SetSaveRank(table->Name(), rank);
   return engine;
 }
 
@@ -46,7 +57,7 @@ LocalHostNames::LocalHostNames() {
   auto rules = std::make_shared<pnl_token::Params>();
   rules->Add(pnl_token::CharToken("\n", 6));
   rules->Add(pnl_token::Comment("#", "\n", true));
-  AddView<HostNames>(RegisterTable(this, rules), Name());
+  AddView<HostNames>(RegisterTable(this, rules, kLocalHostNames), Name());
 }
 
 void LocalHostNames::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
@@ -63,7 +74,7 @@ VirtualUserTable::VirtualUserTable() {
   rules->Add(pnl_token::CharToken("\t ", 1));
   rules->Add(pnl_token::CharToken("\n", 6));
   rules->Add(pnl_token::Comment("#", "\n", false));
-  PnlConfCache* engine = RegisterTable(this, rules);
+  PnlConfCache* engine = RegisterTable(this, rules, kVirtualUserTable);
   AddView<VirtualDomains>(engine, Name());
   AddView<VirtualEmails>(engine, Name());
 }
@@ -81,7 +92,7 @@ AliasTable::AliasTable() {
   rules->Add(pnl_token::CharToken(":\t ", 1));
   rules->Add(pnl_token::CharToken("\n", 6));
   rules->Add(pnl_token::Comment("#", "\n", false));
-  AddView<Aliases>(RegisterTable(this, rules), Name());
+  AddView<Aliases>(RegisterTable(this, rules, kAliasesFirst), Name());
 }
 
 void AliasTable::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {
@@ -97,7 +108,7 @@ AccessDb::AccessDb() {
   rules->Add(pnl_token::CharToken("\t ", 1));
   rules->Add(pnl_token::CharToken("\n", 6));
   rules->Add(pnl_token::Comment("#", "\n", false));
-  AddView<SourceTarget>(RegisterTable(this, rules), Name());
+  AddView<SourceTarget>(RegisterTable(this, rules, kAccess), Name());
 }
 
 void AccessDb::AfterSave(ConfRef& ref, ConfCache::SaveReason& reason) {

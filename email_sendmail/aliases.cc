@@ -55,7 +55,6 @@ LinesByTarget& AliasLines() {
 }  // namespace
 
 void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>& removed) {
-  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
   pnl_db::Cache* cache = zel_db::GetCache();
   std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
   domains->Assert(email->domain.Str());
@@ -79,59 +78,87 @@ void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>&
     if (lines->Find(gone + "@" + domain)) lines->_Delete(true);
   }
 
-  entry->Assert(GetVirtuserTarget(email, domains));
+  WriteAliasesEntry(email, domains, InService(email, domains));
+}
+
+void SendmailInterface::WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool in_service) {
+  pnl_db::Cache* cache = zel_db::GetCache();
+  const std::string name = domain->name.Str();
+  const std::string mailbox = email->name.Str();
+  const std::string key = GetVirtuserTarget(email, domain);
+  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
+  // An entry this save was to remove (the mailbox deleted and made again)
+  // is written anew in its place: one entry per name.
+  KeepHeld(Held::kAliasesEntry, key);
+  if (!entry->Find(key)) {
+    entry->New();
+    entry->name.Set(key);
+  }
   entry->alias.Erase();
+  if (!in_service) {
+    // The mailbox's address, which its suspended line refuses: mail that
+    // reaches the local name directly (at the server's own names) is
+    // refused the same way, and neither the forwards nor the responder see
+    // it.
+    entry->alias.Append(mailbox + "@" + name);
+    entry->Post("");
+    return;
+  }
   for (pnl_db::Query forward =
            cache->Query("SELECT name FROM email_forward WHERE email = " + email->id.Str());
        !forward.Eof(); forward.Next()) {
     entry->alias.Append(forward.Str());
   }
-  if (!email->forward_only.Value()) entry->alias.Append(mailbox + "\\@" + domain);
-  entry->Post("");
-
+  if (!email->forward_only.Value()) entry->alias.Append(mailbox + "\\@" + name);
   std::shared_ptr<zel_db::EmailResponderTable> responder =
       cache->Get<zel_db::EmailResponderTable>();
-  if (responder->DbFind("email = " + email->id.Str())) SetResponder(responder);
+  if (responder->DbFind("email = " + email->id.Str()) && responder->enabled.Value())
+    entry->alias.Append(email::GetResponderAction(email));
+  entry->Post("");
 }
 
 void SendmailInterface::CacheAliases(EmailPtr email) {
   pnl_db::Cache* cache = zel_db::GetCache();
   std::shared_ptr<zel_db::EmailForwardTable> forwards = cache->Get<zel_db::EmailForwardTable>();
   std::shared_ptr<zel_db::EmailAliasTable> aliases = cache->Get<zel_db::EmailAliasTable>();
-  forwards->DbDelete("email=" + email->id.Str());
-  aliases->DbDelete("email=" + email->id.Str());
-
-  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
   std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
   domains->Assert(email->domain.Str());
   const std::string domain = domains->name.Str();
   const std::string mailbox = email->name.Str();
+  // Out of service the entry holds only the refusal: the forwards and the
+  // forward-only flag live on in the rows until the mailbox is resumed.
+  const bool in_service = InService(email, domains);
+  if (in_service) forwards->DbDelete("email=" + email->id.Str());
+  aliases->DbDelete("email=" + email->id.Str());
+  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
   entry->Assert(mailbox + "+" + domain);
 
-  const std::string action = email::GetResponderAction(email);
-  const std::string local_delivery = mailbox + "\\@" + domain;
-  const size_t count = entry->alias.Size();
-  email->forward_only = true;
-  for (size_t i = 0; i < count; ++i) {
-    const std::string target = entry->alias[static_cast<int>(i)];
-    if (target == action) continue;
-    if (target == local_delivery) {
-      email->forward_only = false;
-      continue;
+  if (in_service) {
+    const std::string action = email::GetResponderAction(email);
+    const std::string local_delivery = mailbox + "\\@" + domain;
+    const size_t count = entry->alias.Size();
+    email->forward_only = true;
+    for (size_t i = 0; i < count; ++i) {
+      const std::string target = entry->alias[static_cast<int>(i)];
+      if (target == action) continue;
+      if (target == local_delivery) {
+        email->forward_only = false;
+        continue;
+      }
+      forwards->New();
+      forwards->email.SetText(email->id.Str());
+      forwards->name = target;
+      forwards->Post();
     }
-    forwards->New();
-    forwards->email.SetText(email->id.Str());
-    forwards->name = target;
-    forwards->Post();
+    email->Post();
   }
-  email->Post();
 
   // Every line "a@D -> L@D" of the mailbox's domain, in file order.
   Cursor<email::VirtualEmails> lines =
       email::VirtualUserTable::Get<email::VirtualEmails>(virtusertable_path(), true);
   for (std::string rest : AliasLines().Keys(lines, mailbox + "@" + domain)) {
-    const std::string local = str::GetWord(rest, '@');
-    if (rest != domain) continue;
+    const std::string local = str::Lower(str::GetWord(rest, '@'));
+    if (str::Lower(rest) != domain) continue;
     if (local == mailbox) continue;  // the mailbox's own line
     aliases->New();
     aliases->email.SetText(email->id.Str());

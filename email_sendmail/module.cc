@@ -1,10 +1,15 @@
 #include "email_sendmail/module.h"
 
+#include <filesystem>
 #include <memory>
+#include <string>
 
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/cf.h"
+#include "zelapi/db.h"
+#include "zelapi/err.h"
+#include "zelapi/mail/tables.h"
 #include "zelapi/log.h"
 #include "zelapi/mta_registry.h"
 
@@ -25,6 +30,30 @@ const char* const kPathDefaults[][2] = {
     {"sendmail-accessdb", "/etc/mail/access"},
     {"sendmail-aliases", "/etc/mail/aliases"},
 };
+
+// How many rows of a panel table name objects the file must hold (0 when
+// no database is open: nothing to compare with).
+long long PanelRows(const char* table) {
+  if (!zel_db::HasCache()) return 0;
+  return zel_db::GetCache()->Query(std::string("SELECT count(*) FROM ") + table).Int();
+}
+
+// A file that vanished while the panel has objects in it is not made anew:
+// rebuilt from an empty file, its map would lose every entry at once, and
+// sendmail would hand the panel's addresses to the system users of the same
+// names. The administrator restores it first.
+void RefuseVanished(const std::string& path, const char* table, const char* one,
+                    const char* many, const char* restore) {
+  std::error_code ec;
+  if (std::filesystem::exists(path, ec) || ec) return;
+  const long long rows = PanelRows(table);
+  if (rows == 0) return;
+  throw pnl_err::Error("missing", path,
+                       "is missing while the panel has " + std::to_string(rows) + " " +
+                           (rows == 1 ? one : many) +
+                           " in it; it is not made anew (rebuilt from an empty file, its map "
+                           "would lose them all at once). " + restore);
+}
 
 // The alias that discards mail, target of a domain's "ignore" action.
 void EnsureDiscardAlias(const std::string& aliases_path) {
@@ -60,6 +89,12 @@ __email_mtaModule::__email_mtaModule() : zel_api::Module("email_mta") {
     pnl_cf::SetPathDefault(path_default[0], path_default[1]);
 
   auto backend = std::make_unique<SendmailInterface>();
+  RefuseVanished(backend->aliases_path(), "email", "mailbox", "mailboxes",
+                 "Restore it from a backup; its map (the .db file beside it) still holds the "
+                 "entries, \"makemap -u hash FILE\" lists them.");
+  RefuseVanished(backend->virtusertable_path(), "email_domain", "mail domain", "mail domains",
+                 "Restore it from a backup; its map (the .db file beside it) still holds the "
+                 "lines, \"makemap -u hash FILE\" lists them.");
   EnsureDiscardAlias(backend->aliases_path());
   apistat::ModuleInterface("mail", "sendmail");
   email::RegisterMta(backend.release());

@@ -24,18 +24,28 @@ SendmailInterface::SendmailInterface()
 }
 
 void SendmailInterface::CreateEmail(EmailPtr email) {
-  email::SendmailLikeInterface::CreateEmail(email);
-
   std::shared_ptr<zel_db::EmailDomainTable> domains =
       zel_db::GetCache()->Get<zel_db::EmailDomainTable>();
   domains->Assert(email->domain.Str());
 
-  Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
-  entry->New();
-  entry->name.Set(GetVirtuserTarget(email, domains));
-  if (!email->forward_only.Value())
-    entry->alias.Append(email->name.Str() + "\\@" + domains->name.Str());
-  entry->Post("");
+  // The aliases entry before the line that points at it: when the entry
+  // cannot be built, the address never leads to a local name without one.
+  {
+    const std::string key = GetVirtuserTarget(email, domains);
+    KeepHeld(Held::kAliasesEntry, key);
+    Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
+    if (!entry->Find(key)) {
+      entry->New();
+      entry->name.Set(key);
+    }
+    entry->alias.Erase();
+    if (!InService(email, domains))
+      entry->alias.Append(email->name.Str() + "@" + domains->name.Str());
+    else if (!email->forward_only.Value())
+      entry->alias.Append(email->name.Str() + "\\@" + domains->name.Str());
+    entry->Post("");
+  }
+  email::SendmailLikeInterface::CreateEmail(email);
 }
 
 bool SendmailInterface::CanBindToIp() { return false; }

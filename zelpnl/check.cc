@@ -31,7 +31,8 @@ void Check(Host&, const Output& out, const std::string& address) {
   const std::string cf = pnl_cf::GetParam("sendmail_cf");
   std::string command = kSendmail;
   if (!cf.empty()) command += " -C " + str::ShellWord(cf);
-  command += " -bv " + str::ShellWord(address);
+  // "--" ends sendmail's options: the address is never read as one.
+  command += " -bv -- " + str::ShellWord(address);
   pnl_proc::Execute run(command, 2);
   const bool deliverable = run.Result() == 0;
   out.Print({{"check",
@@ -61,8 +62,8 @@ void AddCheckCommand(CLI::App& mail, Command* out) {
   check->add_option("ADDRESS", *address, "An address, or a local user name")->required();
   check->callback([=] {
     const std::string value = address->find('@') == std::string::npos
-                                  ? LocalPart(*address, "address")
-                                  : MailAddress(*address).Text();
+                                  ? LocalName(*address, "address")
+                                  : RemoteAddress(*address).Text();
     *out = {Needs::kConfig, [=](Host& h, const Output& o) { Check(h, o, value); },
             "asks sendmail about the files, which a batch writes only at its end; run it "
             "after the batch"};

@@ -17,6 +17,7 @@
 #include "zelapi/log.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/mta_registry.h"
+#include "zelapi/proc.h"
 
 namespace fs = std::filesystem;
 
@@ -96,8 +97,8 @@ void FinishRequest(pnl_db::Cache& db) {
   const int failed = zel_api::RunDeferred();
   if (failed > 0) {
     const std::string log_file = pnl_cf::GetParam("log_file");
-    std::cerr << "warning: " << failed << " deferred command" << (failed == 1 ? "" : "s")
-              << " failed" << (log_file.empty() ? "" : " (see " + log_file + ")") << "\n";
+    PrintWarning(std::to_string(failed) + " deferred command" + (failed == 1 ? "" : "s") +
+                 " failed" + (log_file.empty() ? "" : " (see " + log_file + ")"));
   }
 }
 
@@ -206,26 +207,82 @@ void Host::BeginDeferred() {
 
 void Host::SaveDeferred() {
   deferring_ = false;
-  std::exception_ptr error;
   try {
     Engine().FlushDeferred();
   } catch (...) {
-    error = std::current_exception();
-    // A file that could not be written keeps its changes only in memory:
-    // they are dropped, the file is read again at its next use.
+    // A file that could not be written (or whose rebuild failed) and the
+    // files after it keep their changes only in memory: they are dropped,
+    // and read again at their next use. What waited on them goes too.
     Engine().DiscardDeferred();
+    if (mta_) mta_->DropHeldRemovals();
+    QueueRestartIfNamesChanged();
+    throw;
   }
-  // local-host-names asks for its restart only after a direct save; after
-  // a deferred one the host queues it.
-  if (!host_names_.empty()) {
+  // The removals that waited on this save: the lines that pointed at what
+  // they remove are gone from the maps now.
+  bool held = false;
+  if (mta_) {
+    Engine().BeginDeferred();
     try {
-      if (!pnl_file::StatFile(host_names_).SameContent(host_names_before_))
-        zel_api::ExecuteLater(pnl_cf::GetPath("sendmail-restart"));
+      held = mta_->PostHeldRemovals();
     } catch (const std::exception& e) {
-      if (log_ready) HostLog().Error(std::string("queueing the restart: ") + e.what());
+      Engine().DiscardDeferred();
+      Warn(std::string("removing what deleted objects left in the files: ") + e.what());
     }
   }
-  if (error) std::rethrow_exception(error);
+  // A domain that local-host-names no longer lists keeps its catch-all line
+  // until sendmail has read local-host-names again: restart it now, before
+  // the catch-all goes, instead of after the request.
+  if (held && NamesChanged()) {
+    RestartNow();
+  } else {
+    QueueRestartIfNamesChanged();
+  }
+  if (Engine().Deferred()) {
+    try {
+      Engine().FlushDeferred();
+    } catch (const std::exception& e) {
+      Engine().DiscardDeferred();
+      Warn(std::string("removing what deleted objects left in the files: ") + e.what());
+    }
+  }
+}
+
+bool Host::NamesChanged() const {
+  if (host_names_.empty()) return false;
+  return !pnl_file::StatFile(host_names_).SameContent(host_names_before_);
+}
+
+void Host::QueueRestartIfNamesChanged() {
+  // local-host-names asks for its restart only after a direct save; after
+  // a deferred one the host queues it.
+  try {
+    if (NamesChanged()) zel_api::ExecuteLater(pnl_cf::GetPath("sendmail-restart"));
+  } catch (const std::exception& e) {
+    if (log_ready) HostLog().Error(std::string("queueing the restart: ") + e.what());
+  }
+}
+
+void Host::RestartNow() {
+  try {
+    const std::string command = pnl_cf::GetPath("sendmail-restart");
+    pnl_proc::Execute run(command, 2);
+    if (run.Result() != 0)
+      Warn("the restart \"" + command + "\" failed with status " + std::to_string(run.Result()) +
+           ": " + run.Str());
+  } catch (const std::exception& e) {
+    Warn(std::string("the restart could not run: ") + e.what());
+  }
+}
+
+void Warn(const std::string& message) noexcept {
+  try {
+    std::string text = message;
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (log_ready) HostLog().Warning(text);
+    PrintWarning(text);
+  } catch (...) {
+  }
 }
 
 void Host::ChangeFiles(const std::function<void()>& change, const std::function<void()>& undo) {
@@ -301,7 +358,7 @@ void Host::RebuildStaleMaps() noexcept {
           e.what();
       while (!message.empty() && message.back() == '\n') message.pop_back();
       if (log_ready) HostLog().Error(message);
-      std::cerr << "warning: " << message << "\n";
+      PrintWarning(message);
     }
   };
   attempt("virtual user table", &RebuildIfStale<email::VirtualUserTable>, "sendmail-virtusertable");

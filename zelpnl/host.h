@@ -168,6 +168,11 @@ class Host {
   // local-host-names needs. Throws the first error of the saves.
   void SaveDeferred();
   void BeginDeferred();
+  // Whether local-host-names changed since BeginDeferred.
+  bool NamesChanged() const;
+  void QueueRestartIfNamesChanged();
+  // Runs the restart command now; a failure is told as a warning.
+  void RestartNow();
 
   GlobalOptions options_;
   std::string config_file_;
@@ -188,6 +193,10 @@ class Host {
   std::string host_names_;       // local-host-names, watched while deferring
   pnl_file::FileId host_names_before_;
 };
+
+// Tells the administrator of something that did not fail the command: one
+// line "warning: MESSAGE" on stderr, and the log. Never throws.
+void Warn(const std::string& message) noexcept;
 
 // Runs the command as one request (see above) and returns the exit status;
 // writes the error message on stderr (and, with --json, an error document on

@@ -16,6 +16,7 @@
 #include "email/mta_interface.h"
 #include "leftovers.h"
 #include "records.h"
+#include "row_checks.h"
 #include "validation.h"
 #include "zelapi/err.h"
 #include "zelapi/log.h"
@@ -31,6 +32,7 @@ struct Changes {
   std::vector<std::string> add_forwards;
   std::vector<std::string> del_forwards;
   int forward_only = -1;  // -1 unchanged, 0 no, 1 yes
+  bool allow_programs = false;
 };
 
 // What the command line gave, before checking.
@@ -85,6 +87,7 @@ Changes CheckChanges(const RawChanges& raw, const Address& address) {
       c.del_forwards.push_back(f);
     }
   }
+  c.allow_programs = raw.allow_programs;
   if (raw.forward_only == "yes") c.forward_only = 1;
   if (raw.forward_only == "no") c.forward_only = 0;
   RefuseTwice(c.add_aliases, "alias");
@@ -141,11 +144,17 @@ void ReadBackAliases(Host& host, int64_t id) {
   }
 }
 
-// SetAliases; when it fails, the mailbox's rows are read back from the files.
-void WriteAliases(Host& host, MailboxRow& mailbox, const std::list<std::string>& removed) {
+// SetAliases, after the rows it writes passed their checks; when either
+// fails, the mailbox's rows are read back from the files.
+void WriteAliases(Host& host, MailboxRow& mailbox, const std::list<std::string>& removed,
+                  bool allow_programs) {
   const int64_t id = mailbox->id.Value();
-  host.ChangeFiles([&] { host.Mta().SetAliases(mailbox, removed); },
-                   [&host, id] { ReadBackAliases(host, id); });
+  host.ChangeFiles(
+      [&] {
+        CheckMailboxRows(host.Db(), id, allow_programs);
+        host.Mta().SetAliases(mailbox, removed);
+      },
+      [&host, id] { ReadBackAliases(host, id); });
 }
 
 void Add(Host& host, const Output& out, const Address& address, const Changes& changes) {
@@ -268,17 +277,29 @@ void Show(Host& host, const Output& out, const Address& address) {
 
 enum class Change { kSuspend, kResume };
 
-void SetState(Host& host, const Output& out, const Address& address, Change change) {
+void SetState(Host& host, const Output& out, const Address& address, Change change,
+              bool allow_programs) {
   pnl_db::Cache& db = host.Db();
   MailboxRow mailbox = RequireMailbox(db, address);
   const int64_t id = mailbox->id.Value();
   const bool was = mailbox->enabled.Value();
   auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email", id, was); };
   if (change == Change::kSuspend) {
-    host.ChangeFiles([&] { host.Mta().SuspendEmail(mailbox); }, restore);
+    host.ChangeFiles(
+        [&] {
+          CheckMailboxRows(db, id, true);
+          host.Mta().SuspendEmail(mailbox);
+        },
+        restore);
     mailbox->enabled = false;
   } else {
-    host.ChangeFiles([&] { host.Mta().ResumeEmail(mailbox); }, restore);
+    // A resume writes the forwards back into the files.
+    host.ChangeFiles(
+        [&] {
+          CheckMailboxRows(db, id, allow_programs);
+          host.Mta().ResumeEmail(mailbox);
+        },
+        restore);
     mailbox->enabled = true;
   }
   mailbox->Post();
@@ -345,7 +366,7 @@ void Set(Host& host, const Output& out, const Address& address, const Changes& c
     mailbox->Post();
   }
   const std::list<std::string> removed(changes.del_aliases.begin(), changes.del_aliases.end());
-  WriteAliases(host, mailbox, removed);
+  WriteAliases(host, mailbox, removed, changes.allow_programs);
   if (!out.json()) return;
   mailbox = RequireMailbox(db, address);
   out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
@@ -413,7 +434,7 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   CLI::App* show = box->add_subcommand("show", "Show a mailbox with its aliases and forwards");
   show->add_option("ADDRESS", *address, "The mailbox")->required();
   show->callback([=] {
-    const Address a = MailAddress(*address);
+    const Address a = KnownAddress(*address);
     *out = {Needs::kMail, [=](Host& h, const Output& o) { Show(h, o, a); }};
   });
 
@@ -425,10 +446,15 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
             Change::kResume}}) {
     CLI::App* cmd = box->add_subcommand(verb, help);
     cmd->add_option("ADDRESS", *address, "The mailbox")->required();
+    auto allow = std::make_shared<bool>(false);
+    if (change == Change::kResume)
+      cmd->add_flag("--allow-program-targets", *allow,
+                    "Write forward targets that pipe to a program or write to a file back too");
     const Change c = change;
     cmd->callback([=] {
-      const Address a = MailAddress(*address);
-      *out = {Needs::kMail, [=](Host& h, const Output& o) { SetState(h, o, a, c); }};
+      const Address a = KnownAddress(*address);
+      const bool programs = *allow;
+      *out = {Needs::kMail, [=](Host& h, const Output& o) { SetState(h, o, a, c, programs); }};
     });
   }
 
@@ -436,7 +462,7 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
       "delete", "Delete a mailbox: its lines, its aliases' lines and its rows");
   del->add_option("ADDRESS", *address, "The mailbox")->required();
   del->callback([=] {
-    const Address a = MailAddress(*address);
+    const Address a = KnownAddress(*address);
     *out = {Needs::kMail, [=](Host& h, const Output& o) { Delete(h, o, a); }};
   });
 
@@ -450,7 +476,7 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
       ->check(CLI::IsMember({"yes", "no"}))
       ->option_text("yes|no");
   set->callback([=] {
-    const Address a = MailAddress(*address);
+    const Address a = KnownAddress(*address);
     const Changes changes = CheckChanges(*raw, a);
     if (changes.add_aliases.empty() && changes.del_aliases.empty() &&
         changes.add_forwards.empty() && changes.del_forwards.empty() &&

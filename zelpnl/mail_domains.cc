@@ -10,6 +10,7 @@
 #include "email/mta_interface.h"
 #include "leftovers.h"
 #include "records.h"
+#include "row_checks.h"
 #include "validation.h"
 #include "zelapi/err.h"
 
@@ -39,8 +40,22 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
                          "(zelpnl webdomain add " + name + " --owner USER)");
   if (FindMailDomain(db, name))
     throw pnl_err::Error("exists", "mail domain " + Quote(name), "already exists");
-  int64_t owner_id = web->users.Value();
-  if (!owner.empty()) owner_id = RequireUser(db, owner)->id.Value();
+  // A mail domain belongs to whoever owns its web domain.
+  const int64_t owner_id = web->users.Value();
+  if (!owner.empty() && RequireUser(db, owner)->id.Value() != owner_id) {
+    const std::string web_owner = UserNameById(db, owner_id);
+    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
+                         "belongs to the owner of its web domain (" +
+                             (web_owner.empty() ? std::string("the web domain has none")
+                                                : web_owner) +
+                             "), not to " + owner);
+  }
+  // A name sendmail takes as the server's own would hand the domain's mail
+  // to the system's users.
+  const std::string taken = host.Mta().ServerNameReason(name);
+  if (!taken.empty())
+    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
+                         taken + "; it cannot be a mail domain of the panel");
 
   MailDomainRow row = db.Get<zel_db::EmailDomainTable>();
   row->New();
@@ -110,23 +125,40 @@ void Show(Host& host, const Output& out, const std::string& name) {
 
 enum class Change { kSuspend, kResume, kUpdate };
 
-void SetState(Host& host, const Output& out, const std::string& name, Change change) {
+void SetState(Host& host, const Output& out, const std::string& name, Change change,
+              bool allow_programs) {
   pnl_db::Cache& db = host.Db();
   MailDomainRow row = RequireMailDomain(db, name);
   const int64_t id = row->id.Value();
   const bool was = row->enabled.Value();
   auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email_domain", id, was); };
+  // A suspension writes no forwards; a resume or an update writes every
+  // mailbox's back.
+  const bool programs = change == Change::kSuspend || allow_programs;
   switch (change) {
     case Change::kSuspend:
-      host.ChangeFiles([&] { host.Mta().SuspendDomain(row); }, restore);
+      host.ChangeFiles(
+          [&] {
+            CheckDomainRows(db, id, programs);
+            host.Mta().SuspendDomain(row);
+          },
+          restore);
       row->enabled = false;
       break;
     case Change::kResume:
-      host.ChangeFiles([&] { host.Mta().ResumeDomain(row); }, restore);
+      host.ChangeFiles(
+          [&] {
+            CheckDomainRows(db, id, programs);
+            host.Mta().ResumeDomain(row);
+          },
+          restore);
       row->enabled = true;
       break;
     case Change::kUpdate:
-      host.ChangeFiles([&] { host.Mta().UpdateDomain(row); });
+      host.ChangeFiles([&] {
+        CheckDomainRows(db, id, programs);
+        host.Mta().UpdateDomain(row);
+      });
       break;
   }
   row->Post();
@@ -134,7 +166,7 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
 }
 
 void Set(Host& host, const Output& out, const std::string& name, const std::string& action,
-         const std::string& redirect) {
+         const std::string& redirect, bool allow_programs) {
   pnl_db::Cache& db = host.Db();
   MailDomainRow row = RequireMailDomain(db, name);
   const int64_t id = row->id.Value();
@@ -146,8 +178,12 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
   // they have it (a suspended domain keeps its suspension and gets the action
   // when it is resumed).
   try {
-    host.ChangeFiles([&] { host.Mta().UpdateDomain(row); },
-                     [&host, id, old_action, old_redirect] {
+    host.ChangeFiles(
+        [&] {
+          CheckDomainRows(db, id, allow_programs);
+          host.Mta().UpdateDomain(row);
+        },
+        [&host, id, old_action, old_redirect] {
                        host.Db().Query(
                            "UPDATE email_domain SET def_action = ?, redirect = ? WHERE id = ?",
                            {old_action, old_redirect, static_cast<long long>(id)});
@@ -192,6 +228,14 @@ struct ActionOptions {
   std::string redirect;
 };
 
+// Writing a domain's state writes its mailboxes' entries again, forwards
+// included.
+void AddAllowPrograms(CLI::App* cmd, bool& allow) {
+  cmd->add_flag("--allow-program-targets", allow,
+                "Write the mailboxes' forward targets that pipe to a program or write to a file "
+                "back too");
+}
+
 void AddActionOptions(CLI::App* cmd, ActionOptions& options, bool required) {
   CLI::Option* action =
       cmd->add_option("--default-action", options.action,
@@ -220,7 +264,8 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
              "its local-host-names line");
   add->add_option("NAME", *name, "A web domain of the panel (see zelpnl webdomain add)")
       ->required();
-  add->add_option("--owner", *owner, "The owning panel user (default: the web domain's owner)")
+  add->add_option("--owner", *owner,
+                  "The owning panel user: the web domain's owner, the only one it may be")
       ->option_text("USER");
   AddActionOptions(add, *action, false);
   add->callback([=] {
@@ -260,11 +305,14 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
   for (const StateCommand& state : states) {
     CLI::App* cmd = domain->add_subcommand(state.verb, state.help);
     cmd->add_option("NAME", *name, "Mail domain")->required();
+    auto allow = std::make_shared<bool>(false);
+    if (state.change != Change::kSuspend) AddAllowPrograms(cmd, *allow);
     const Change change = state.change;
     cmd->callback([=] {
       const std::string domain_name = DomainName(*name);
+      const bool programs = *allow;
       *out = {Needs::kMail,
-              [=](Host& h, const Output& o) { SetState(h, o, domain_name, change); }};
+              [=](Host& h, const Output& o) { SetState(h, o, domain_name, change, programs); }};
     });
   }
 
@@ -279,12 +327,15 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
   CLI::App* set = domain->add_subcommand("set", "Change a mail domain's default action");
   set->add_option("NAME", *name, "Mail domain")->required();
   AddActionOptions(set, *action, true);
+  auto set_allow = std::make_shared<bool>(false);
+  AddAllowPrograms(set, *set_allow);
   set->callback([=] {
     const std::string domain_name = DomainName(*name);
     const std::string redirect = Redirect(action->action, action->redirect, domain_name);
     const std::string act = action->action;
+    const bool programs = *set_allow;
     *out = {Needs::kMail,
-            [=](Host& h, const Output& o) { Set(h, o, domain_name, act, redirect); }};
+            [=](Host& h, const Output& o) { Set(h, o, domain_name, act, redirect, programs); }};
   });
 }
 

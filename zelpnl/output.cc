@@ -29,7 +29,61 @@ std::string TrimRight(std::string line) {
   return line;
 }
 
+// The length of the UTF-8 sequence at text[i] that Printable escapes (0
+// when it keeps it): C1 controls (U+0080..U+009F) and the format
+// characters that reorder or hide text.
+size_t HiddenControl(const std::string& text, size_t i, unsigned* code) {
+  const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
+  if (i + 1 < text.size() && byte(0) == 0xC2 && byte(1) >= 0x80 && byte(1) <= 0x9F) {
+    *code = byte(1);
+    return 2;
+  }
+  if (i + 2 < text.size() && byte(0) == 0xE2) {
+    const unsigned c = 0x2000 | ((byte(1) & 0x3F) << 6) | (byte(2) & 0x3F);
+    if ((c >= 0x200B && c <= 0x200F) || (c >= 0x202A && c <= 0x202E) ||
+        (c >= 0x2060 && c <= 0x2069)) {
+      *code = c;
+      return 3;
+    }
+  }
+  if (i + 2 < text.size() && byte(0) == 0xEF && byte(1) == 0xBB && byte(2) == 0xBF) {
+    *code = 0xFEFF;
+    return 3;
+  }
+  return 0;
+}
+
+bool HasHiddenControl(const std::string& text) {
+  unsigned code = 0;
+  for (size_t i = 0; i < text.size(); ++i)
+    if (HiddenControl(text, i, &code) > 0) return true;
+  return false;
+}
+
 }  // namespace
+
+std::string Printable(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    char hex[16];
+    unsigned code = 0;
+    if ((c < 0x20 && c != '\n' && c != '\t') || c == 0x7F) {
+      std::snprintf(hex, sizeof hex, "\\x%02x", c);
+      out += hex;
+      ++i;
+    } else if (const size_t n = HiddenControl(text, i, &code)) {
+      std::snprintf(hex, sizeof hex, "\\u{%04X}", code);
+      out += hex;
+      i += n;
+    } else {
+      out += static_cast<char>(c);
+      ++i;
+    }
+  }
+  return out;
+}
 
 void Output::Print(const nlohmann::ordered_json& data, const std::string& text) const {
   if (capture_) {
@@ -37,9 +91,14 @@ void Output::Print(const nlohmann::ordered_json& data, const std::string& text) 
     return;
   }
   if (json_) {
-    std::cout << data.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
+    std::string doc = data.dump(2, ' ', false, kReplace);
+    // JSON escapes C0 controls itself; a document that holds other controls
+    // is written in ASCII, every other character as \uNNNN.
+    if (HasHiddenControl(doc)) doc = data.dump(2, ' ', true, kReplace);
+    std::cout << doc << "\n";
   } else {
-    std::cout << text;
+    std::cout << Printable(text);
   }
   std::cout.flush();
 }
@@ -48,7 +107,14 @@ void PrintError(const std::string& object, const std::string& detail) {
   std::string cause = detail;
   while (!cause.empty() && (cause.back() == '\n' || cause.back() == '\r')) cause.pop_back();
   if (cause.empty()) cause = "failed";
-  std::cerr << "error: " << (object.empty() ? "" : object + ": ") << cause << "\n";
+  std::cerr << "error: " << Printable((object.empty() ? "" : object + ": ") + cause) << "\n";
+  std::cerr.flush();
+}
+
+void PrintWarning(const std::string& message) {
+  std::string text = message;
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  std::cerr << "warning: " << Printable(text) << "\n";
   std::cerr.flush();
 }
 
@@ -71,7 +137,7 @@ void Progress::Step(const std::string& what) {
   std::string bar(filled, '#');
   bar.resize(kWidth, '.');
   std::cerr << "\r\033[K" << label_ << " [" << bar << "] " << done_ << "/" << total_ << " "
-            << what.substr(0, 40);
+            << Printable(what.substr(0, 40));
   std::cerr.flush();
   drawn_ = true;
 }

@@ -27,8 +27,9 @@ class Output {
   bool json() const { return json_; }
 
   // JSON mode: writes data, pretty-printed, with a final line end (bytes that
-  // are not UTF-8 are replaced), or captures it. Text mode: writes text as it
-  // is.
+  // are not UTF-8 are replaced; control characters escaped, all non-ASCII
+  // ones too when the document holds a C1 or bidirectional control), or
+  // captures it. Text mode: writes Printable(text).
   void Print(const nlohmann::ordered_json& data, const std::string& text) const;
 
   // For a command that printed its result and still failed (a sync that
@@ -49,6 +50,15 @@ class Output {
 // Writes "error: <object>: <detail>" (the detail's further lines below it)
 // on stderr.
 void PrintError(const std::string& object, const std::string& detail);
+// Writes "warning: <message>" (its further lines below it) on stderr.
+void PrintWarning(const std::string& message);
+
+// text as a terminal may show it: line ends and tabs stay, every other
+// control character (C0, DEL, C1) and the Unicode controls that reorder or
+// hide text (bidirectional embeddings, overrides and isolates, the
+// invisible marks) are written as \xNN or \u{NNNN}. Names and lines read
+// back from hand-edited files reach the output through here.
+std::string Printable(const std::string& text);
 
 // A table for a person: the header and the rows in columns separated by two
 // blanks, each line ending in a line end; columns padded to the widest cell

@@ -121,7 +121,7 @@ void AddResponderCommand(CLI::App& mail, Command* out) {
   CLI::Option* text =
       responder->add_option("--text", options->text, "Text of the answers")->option_text("T");
   responder->callback([=] {
-    const Address a = MailAddress(*address);
+    const Address a = KnownAddress(*address);
     ResponderOptions o = *options;
     o.has_subject = subject->count() > 0;
     o.has_text = text->count() > 0;

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "zelapi/str.h"
 #include "zelapi/test.h"
 
 namespace zelpnl {
@@ -15,12 +16,6 @@ constexpr size_t kMaxProgramTarget = 512;
 constexpr size_t kMaxUser = 32;
 constexpr size_t kMaxSubject = 255;
 constexpr size_t kMaxText = 65536;
-
-std::string Lower(std::string text) {
-  for (char& c : text)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return text;
-}
 
 bool IsControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
 
@@ -129,7 +124,7 @@ std::string DomainName(const std::string& text, const std::string& kind) {
   if (text.empty()) throw Invalid(kind, text, "is empty");
   RefuseBreakers(kind, text, ",:#| \"\\@");
   if (text.back() == '.') throw Invalid(kind, text, "ends in a dot; give the name without it");
-  std::string name = Lower(text);
+  std::string name = str::Lower(text);
   if (!test::Domain(name)) {
     if (HasNonAscii(text))
       throw Invalid(kind, text,
@@ -142,12 +137,20 @@ std::string DomainName(const std::string& text, const std::string& kind) {
   return name;
 }
 
-std::string LocalPart(const std::string& text, const std::string& kind) {
+namespace {
+
+// A local part: a dot-atom of at most 64 characters, in lower case, with the
+// characters the mail files or sendmail would misread refused. plus: whether
+// "+" may appear (in addresses elsewhere; a local part of the panel's own
+// never holds one).
+std::string CheckLocal(const std::string& text, const std::string& kind, bool plus) {
   if (text.empty()) throw Invalid(kind, text, "is empty");
   RefuseBreakers(kind, text, ",:#| \"\\@");
   if (text.size() > kMaxLocal) throw Invalid(kind, text, "is longer than 64 characters");
   if (text[0] == '/')
     throw Invalid(kind, text, "starts with \"/\", which the aliases file reads as a file");
+  // A command line would read it as an option (sendmail -bv, the responder).
+  if (text[0] == '-') throw Invalid(kind, text, "starts with \"-\", which reads as an option");
   if (text.front() == '.' || text.back() == '.' || text.find("..") != std::string::npos)
     throw Invalid(kind, text, "has a dot at its start or end, or two dots in a row");
   // sendmail reads "%" and "!" as routing through another host (newaliases
@@ -157,15 +160,22 @@ std::string LocalPart(const std::string& text, const std::string& kind) {
     throw Invalid(kind, text,
                   "contains \"%\", \"!\" or \"'\", which sendmail reads as routing or the "
                   "responder's command line cannot carry");
+  // A mailbox's local name is L+D; sendmail takes what follows the first "+"
+  // of a local name as a detail, and when no aliases entry answers the whole
+  // name it delivers to the system user before the "+".
+  if (!plus && text.find('+') != std::string::npos)
+    throw Invalid(kind, text,
+                  "contains \"+\", which sendmail reads as the start of a detail "
+                  "(user+detail); the panel's local parts never hold one");
   std::string probe = text + "@example.com";
   if (!test::Email(probe))
     throw Invalid(kind, text,
                   "is not a valid local part (letters, digits and $&*+-/=?^_`{}~, "
                   "dot-separated)");
-  return Lower(text);
+  return str::Lower(text);
 }
 
-Address MailAddress(const std::string& text, const std::string& kind) {
+Address CheckAddress(const std::string& text, const std::string& kind, bool plus) {
   if (text.empty()) throw Invalid(kind, text, "is empty");
   RefuseBreakers(kind, text, ",:#| \"\\");
   const size_t at = text.rfind('@');
@@ -174,7 +184,7 @@ Address MailAddress(const std::string& text, const std::string& kind) {
   if (at + 1 == text.size()) throw Invalid(kind, text, "has no domain after \"@\"");
   Address address;
   try {
-    address.local = LocalPart(text.substr(0, at));
+    address.local = CheckLocal(text.substr(0, at), "local part", plus);
     address.domain = DomainName(text.substr(at + 1));
   } catch (const Invalid& e) {
     throw Invalid(kind, text, e.detail() + " (" + e.object() + ")");
@@ -182,6 +192,28 @@ Address MailAddress(const std::string& text, const std::string& kind) {
   if (address.Text().size() > 254)
     throw Invalid(kind, text, "is longer than 254 characters");
   return address;
+}
+
+}  // namespace
+
+std::string LocalPart(const std::string& text, const std::string& kind) {
+  return CheckLocal(text, kind, false);
+}
+
+std::string LocalName(const std::string& text, const std::string& kind) {
+  return CheckLocal(text, kind, true);
+}
+
+Address MailAddress(const std::string& text, const std::string& kind) {
+  return CheckAddress(text, kind, false);
+}
+
+Address KnownAddress(const std::string& text, const std::string& kind) {
+  return CheckAddress(text, kind, true);
+}
+
+Address RemoteAddress(const std::string& text, const std::string& kind) {
+  return CheckAddress(text, kind, true);
 }
 
 std::string AliasName(const std::string& text, const std::string& domain) {
@@ -219,7 +251,7 @@ std::string ForwardTarget(const std::string& text, bool allow_programs) {
   if (text.front() == '"') throw Invalid(kind, text, "contains a double quote");
   if (text.rfind(":include:", 0) == 0)
     throw Invalid(kind, text, "is an include file, which the panel does not write");
-  const Address address = MailAddress(text, kind);
+  const Address address = RemoteAddress(text, kind);
   // The local part of a remote address keeps its letter case.
   return text.substr(0, text.rfind('@')) + "@" + address.domain;
 }
@@ -232,10 +264,10 @@ std::string Sender(const std::string& text, std::string* kind_out) {
   std::string value;
   if (text.find('@') != std::string::npos) {
     which = "address";
-    value = MailAddress(text, kind).Text();
+    value = RemoteAddress(text, kind).Text();
   } else if (IsIp6(text)) {
     which = "ipv6";
-    value = CompressedIp6(Lower(text));
+    value = CompressedIp6(str::Lower(text));
   } else if (IsIp(text)) {
     which = "ipv4";
     value = text;
@@ -268,7 +300,7 @@ std::string Redirect(const std::string& action, const std::string& redirect,
   if (action == "redir_email") {
     if (redirect.empty())
       throw Invalid("default action", action, "needs --redirect with an e-mail address");
-    return MailAddress(redirect, "redirect").Text();
+    return RemoteAddress(redirect, "redirect").Text();
   }
   if (action == "redir_domain") {
     if (redirect.empty())

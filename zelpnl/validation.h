@@ -37,8 +37,14 @@ std::string DomainName(const std::string& text, const std::string& kind = "domai
 
 // The local part of a mailbox or alias address: a dot-atom of at most 64
 // characters, in lower case, without "#" or "|" (which the files would read as
-// a comment or a program) and not starting with "/" (a file target).
+// a comment or a program), without "+" (sendmail's user+detail: a mailbox's
+// local name L+D would reach the system user L whenever its aliases entry is
+// missing), and not starting with "/" (a file target) or "-" (an option).
 std::string LocalPart(const std::string& text, const std::string& kind = "local part");
+
+// A local name as sendmail takes it (a system user, an aliases entry, a
+// mailbox's local name L+D): as LocalPart, with "+" taken.
+std::string LocalName(const std::string& text, const std::string& kind = "local name");
 
 struct Address {
   std::string local;   // canonical local part
@@ -48,6 +54,15 @@ struct Address {
 
 // A mailbox address L@D: LocalPart and DomainName, split at the last "@".
 Address MailAddress(const std::string& text, const std::string& kind = "address");
+
+// An address naming a mailbox the panel may hold already: as MailAddress, but
+// a "+" in the local part is taken (rows older than that rule stay
+// reachable by show, suspend, resume and delete).
+Address KnownAddress(const std::string& text, const std::string& kind = "address");
+
+// An address outside the panel's own names (a forward target, a redirect, a
+// sender, an address sendmail is asked about): as MailAddress, "+" taken.
+Address RemoteAddress(const std::string& text, const std::string& kind = "address");
 
 // An alias of a mailbox in domain: a local part, or a complete address in
 // that same domain. Returns the local part.

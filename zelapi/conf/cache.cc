@@ -143,24 +143,33 @@ void ConfCache::BeginDeferred() {
     throw pnl_err::Error("conf", "deferred saves", "already deferred");
 }
 
+void ConfCache::SetSaveRank(const std::string& name, int rank) {
+  std::lock_guard<std::mutex> guard(impl_->mu);
+  impl_->ranks[name] = rank;
+}
+
 void ConfCache::FlushDeferred() {
-  std::vector<std::shared_ptr<zel_conf::CachedFile>> dirty;
+  struct Dirty {
+    int rank;
+    std::shared_ptr<zel_conf::CachedFile> file;
+  };
+  std::vector<Dirty> dirty;
   {
     std::lock_guard<std::mutex> guard(impl_->mu);
     impl_->deferred = false;
-    for (auto& entry : impl_->files)
-      if (entry.second->dirty()) dirty.push_back(entry.second);
-  }
-  std::exception_ptr first;
-  for (auto& file : dirty) {
-    try {
-      std::lock_guard<std::recursive_mutex> guard(file->mutex());
-      file->Flush();
-    } catch (...) {
-      if (!first) first = std::current_exception();
+    for (auto& entry : impl_->files) {
+      if (!entry.second->dirty()) continue;
+      const auto rank = impl_->ranks.find(entry.second->table());
+      dirty.push_back({rank == impl_->ranks.end() ? 0 : rank->second, entry.second});
     }
   }
-  if (first) std::rethrow_exception(first);
+  // Files are kept by path, so equal ranks stay in path order.
+  std::stable_sort(dirty.begin(), dirty.end(),
+                   [](const Dirty& a, const Dirty& b) { return a.rank < b.rank; });
+  for (auto& entry : dirty) {
+    std::lock_guard<std::recursive_mutex> guard(entry.file->mutex());
+    entry.file->Flush();
+  }
 }
 
 void ConfCache::DiscardDeferred() noexcept {

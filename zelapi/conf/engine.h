@@ -55,6 +55,7 @@ struct ConfCache::Impl {
   mutable std::mutex mu;
   std::map<std::string, std::shared_ptr<const zel_conf::TableDef>> tables;
   std::map<std::string, zel_conf::HookSlot> hooks;
+  std::map<std::string, int> ranks;  // SetSaveRank, by table name
   std::map<std::string, std::shared_ptr<zel_conf::CachedFile>> files;
   // Bumped (under mu) by every registration change; a cached file that saw
   // the same count needs no look at its table's definition.

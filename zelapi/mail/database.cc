@@ -41,6 +41,11 @@ void CloseCache() {
   }
 }
 
+bool HasCache() {
+  std::lock_guard<std::mutex> lock(DatabaseMutex());
+  return DatabaseSlot() != nullptr;
+}
+
 pnl_db::Cache* GetCache() {
   std::lock_guard<std::mutex> lock(DatabaseMutex());
   if (!DatabaseSlot()) throw pnl_err::Error("db", "database", "no database is open");

@@ -46,6 +46,12 @@ std::string Random(size_t n) {
   return bytes;
 }
 
+std::string Lower(std::string text) {
+  for (char& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
 std::string Str(long value) { return std::to_string(value); }
 
 std::string Replace(const std::string& text, const std::string& from, const std::string& to) {

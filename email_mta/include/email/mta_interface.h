@@ -77,6 +77,23 @@ class MtaInterface {
   virtual void GetDNSBLs(std::vector<std::string>& out);        // leaves out untouched
   virtual void SetSSLCertForDomain(const std::string& domain, const std::string& cert,
                                    const std::string& key) = 0;
+
+  // Why the MTA takes domain as one of the server's own local names already
+  // (the host's names and addresses, "localhost", names an administrator
+  // listed by hand), so that it cannot be a customer's mail domain; "" when
+  // it does not. Default: "". Throws when the MTA cannot be asked.
+  virtual std::string ServerNameReason(const std::string& domain);
+
+  // Removals held back until the files' other changes are saved. When the
+  // files are saved in one go (the engine defers saves), a delete cannot
+  // remove what other lines point at in the same save: a reader would see
+  // the pointer without its target for a moment, and for good when the save
+  // stops half-way. Such removals wait here; after a successful save the
+  // host posts them (PostHeldRemovals, true when it posted any) and saves
+  // again; after a failed one it drops them (DropHeldRemovals). Defaults:
+  // nothing is ever held.
+  virtual bool PostHeldRemovals();
+  virtual void DropHeldRemovals() noexcept;
 };
 
 }  // namespace email

@@ -2,18 +2,29 @@
 // family shares, on four files: local host names, the virtual user table, the
 // aliases file and the access map.
 //
-// The back-end keeps no state of its own: six strings fixed at construction
-// (the four file paths, read once from the panel configuration, and the two
-// reject targets). Every operation opens the files it needs through cursors
-// of the configuration engine and releases them before it returns, so the
-// slots may be called from any thread; the engine serialises file access.
+// The back-end keeps six strings fixed at construction (the four file paths,
+// read once from the panel configuration, and the two reject targets) and,
+// while the engine defers saves, the removals a delete holds back until the
+// save of the lines that point at them (under a lock of its own). Every
+// operation opens the files it needs through cursors of the configuration
+// engine and releases them before it returns, so the slots may be called
+// from any thread; the engine serialises file access.
+//
+// Suspension: a suspended mailbox, and every mailbox of a suspended domain,
+// has its virtual-user-table line point at the account-disabled target and
+// its aliases entry refuse mail too (WriteAliasesEntry), so that no address
+// reaches it, its local name at the server's own names included. A mailbox
+// keeps its own state in its row: resuming the domain gives each mailbox
+// back the state its row names.
 // What is particular to one MTA (access keys, virtual-user-table targets, the
 // default action of a domain, the aliases entry of a mailbox) is left to the
 // six slots a concrete back-end adds.
 #pragma once
 
 #include <list>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "email/mta_interface.h"
 #include "email/records.h"
@@ -45,6 +56,8 @@ class SendmailLikeInterface : public MtaInterface {
   void SuspendDomain(DomainPtr domain) override;
   void ResumeDomain(DomainPtr domain) override;
   void UpdateDomain(DomainPtr domain) override;
+  bool PostHeldRemovals() override;
+  void DropHeldRemovals() noexcept override;
 
   // Autoresponder.
   void GetResponder(ResponderPtr responder) override;
@@ -70,6 +83,12 @@ class SendmailLikeInterface : public MtaInterface {
   // A sender-list entry as an access-map key, and back.
   virtual std::string ToListVal(const std::string& entry) = 0;
   virtual std::string FromListVal(const std::string& key) = 0;
+  // Writes the mailbox's aliases entry whole: in service, its forwards, its
+  // local delivery (unless forward-only) and the responder action while the
+  // responder is on; out of service (the mailbox or its domain suspended),
+  // a target that refuses mail the way the mailbox's suspended line does.
+  // domain is the mailbox's domain row. The entry is made when missing.
+  virtual void WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool in_service) = 0;
 
   const std::string& virtusertable_path() const { return virtusertable_path_; }
   const std::string& localhostnames_path() const { return localhostnames_path_; }
@@ -83,6 +102,20 @@ class SendmailLikeInterface : public MtaInterface {
   void AddToList(const std::string& sender, const std::string& action);
   void DeleteFromList(const std::string& sender);
 
+  // What a delete holds back while the engine defers saves (see
+  // MtaInterface::PostHeldRemovals): a mailbox's aliases entry, which its
+  // own line points at, and a domain's catch-all line, which keeps the
+  // domain's unknown local parts from the system users until
+  // local-host-names no longer lists it. Outside deferred saves the removal
+  // is made at once.
+  enum class Held { kAliasesEntry, kCatchAll };
+  void RemoveAfterSave(Held what, const std::string& key);
+  // Forgets a held removal of key: this save writes the record again.
+  void KeepHeld(Held what, const std::string& key);
+  // Whether mail reaches the mailbox: its row and its domain's row are both
+  // in service.
+  static bool InService(EmailPtr email, DomainPtr domain);
+
  private:
   const std::string virtusertable_path_;
   const std::string localhostnames_path_;
@@ -90,6 +123,15 @@ class SendmailLikeInterface : public MtaInterface {
   const std::string aliases_path_;
   const std::string nouser_target_;
   const std::string disabled_target_;
+
+  void RemoveNow(Held what, const std::string& key);
+
+  struct HeldRemoval {
+    Held what;
+    std::string key;
+  };
+  std::mutex held_mu_;
+  std::vector<HeldRemoval> held_;
 };
 
 }  // namespace email

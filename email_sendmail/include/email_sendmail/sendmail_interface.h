@@ -21,15 +21,25 @@ class SendmailInterface final : public email::SendmailLikeInterface {
   // Reads the "sendmail-*" path keys (throws what pnl_cf::GetPath throws).
   SendmailInterface();
 
-  // Adds the mailbox's virtual-user-table line, then its aliases entry
-  // "L+D" delivering to "L\@D" (no target for a forward-only mailbox).
+  // Adds the mailbox's aliases entry "L+D" delivering to "L\@D" (no target
+  // for a forward-only mailbox), then its virtual-user-table line. In a
+  // suspended domain both are written suspended.
   void CreateEmail(EmailPtr email) override;
   // Reads the mailbox's forwards, aliases and forward-only flag back from
   // the files into its rows.
   void CacheAliases(EmailPtr email) override;
   // Writes the mailbox's aliases, forwards and forward-only flag into the
-  // files and drops the alias lines of the local parts in removed.
+  // files and drops the alias lines of the local parts in removed. While the
+  // mailbox or its domain is suspended the entry keeps refusing mail (the
+  // forwards are written when it is resumed).
   void SetAliases(EmailPtr email, const std::list<std::string>& removed) override;
+  // In service: forwards, "L\@D" unless forward-only, the responder action
+  // while on. Out of service: "L@D", the address its suspended line refuses.
+  void WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool in_service) override;
+  // Asks sendmail for its class w (the names it takes as local) once per
+  // process and tells why domain is one of them: a name of this host, or a
+  // line of local-host-names that is no panel domain's.
+  std::string ServerNameReason(const std::string& domain) override;
 
   bool CanBindToIp() override;  // false
   // Always throws pnl_err::Error of type "not_supported".

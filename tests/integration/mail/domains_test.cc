@@ -157,36 +157,50 @@ TEST_F(DomainsTest, CacheIgnoresDomainsThePanelDoesNotKnowAndSweepsStaleRows) {
   EXPECT_EQ(Read(Vut()), "@stranger.example\tdevnull\n");
 }
 
-TEST_F(DomainsTest, CacheTreatsAnyOtherAccessTargetAsInServiceAndDeletesIt) {
+TEST_F(DomainsTest, CacheLeavesEntriesItDidNotWriteAndNeverUndoesASuspension) {
   AddWebDomain("a.example");
   AddWebDomain("b.example");
   box_.Write("virtusertable", "@a.example\tdevnull\n@b.example\tdevnull\n");
-  box_.Write("access",
-             "a.example\terror:nouser Account temporary disabled\nb.example\t550 account disabled\n");
+  const std::string access =
+      "a.example\terror:nouser Account temporary disabled\nb.example\t550 account disabled\n";
+  box_.Write("access", access);
   auto d = NewDomain("a.example");
   d->enabled = false;
   d->Post();
   mta_->CacheDomains();
+  // a.example stays suspended whatever its entry says; neither entry is the
+  // panel's suspension (the value differs), so both stay as they are.
   EXPECT_EQ(Column("SELECT name || ':' || enabled FROM email_domain ORDER BY name"),
-            "a.example:1|b.example:1");
-  EXPECT_EQ(Read(Access()), "");
+            "a.example:0|b.example:1");
+  EXPECT_EQ(Read(Access()), access);
 }
 
-TEST_F(DomainsTest, CacheGivesAnInactiveRowWithoutEntryTheVirtualUserTableText) {
+TEST_F(DomainsTest, CacheGivesAnInactiveRowWithoutEntryThePanelsSuspensionEntry) {
   AddWebDomain("a.example");
   box_.Write("virtusertable", "@a.example\tdevnull\n");
   auto d = NewDomain("a.example");
   d->enabled = false;
   d->Post();
   mta_->CacheDomains();
-  EXPECT_EQ(Read(Access()), "a.example\terror:nouser Account temporary disabled\n");
+  EXPECT_EQ(Read(Access()), "a.example\t550 Account disabled\n");
   EXPECT_EQ(Column("SELECT enabled FROM email_domain"), "0");
-  // The next pass reads that entry as in service.
-  NextRequest();
-  box_.Write("virtusertable", "@a.example\tdevnull\n# touched\n");
+  // The next passes read that entry as suspended.
+  for (int pass = 0; pass < 3; ++pass) {
+    NextRequest();
+    box_.Write("virtusertable", "@a.example\tdevnull\n# pass " + std::to_string(pass) + "\n");
+    mta_->CacheDomains();
+    EXPECT_EQ(Column("SELECT enabled FROM email_domain"), "0");
+    EXPECT_EQ(Read(Access()), "a.example\t550 Account disabled\n");
+  }
+}
+
+TEST_F(DomainsTest, CacheTakesThePanelsSuspensionEntryOfAnInServiceRowAsSuspended) {
+  AddWebDomain("a.example");
+  box_.Write("virtusertable", "@a.example\tdevnull\n");
+  box_.Write("access", "a.example\t550 Account disabled\n");
+  NewDomain("a.example");
   mta_->CacheDomains();
-  EXPECT_EQ(Column("SELECT enabled FROM email_domain"), "1");
-  EXPECT_EQ(Read(Access()), "");
+  EXPECT_EQ(Column("SELECT enabled FROM email_domain"), "0");
 }
 
 TEST_F(DomainsTest, CacheAddsMissingLocalHostNames) {
@@ -197,12 +211,13 @@ TEST_F(DomainsTest, CacheAddsMissingLocalHostNames) {
   EXPECT_EQ(Read(Lhn()), "# local\na.example\n");
 }
 
-TEST_F(DomainsTest, CacheDeletesSenderListEntriesOfAnInServiceDomainsName) {
+TEST_F(DomainsTest, CacheLeavesSenderListEntriesOfADomainsName) {
   AddWebDomain("a.example");
   box_.Write("virtusertable", "@a.example\tdevnull\n");
   box_.Write("access", "a.example\tOK\nx.example\tREJECT\n");
   mta_->CacheDomains();
-  EXPECT_EQ(Read(Access()), "x.example\tREJECT\n");
+  EXPECT_EQ(Read(Access()), "a.example\tOK\nx.example\tREJECT\n");
+  EXPECT_EQ(Column("SELECT enabled FROM email_domain"), "1");
 }
 
 TEST_F(DomainsTest, CacheKeepsTheOwnerOfAnExistingRow) {

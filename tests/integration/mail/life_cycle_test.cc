@@ -61,7 +61,8 @@ TEST_F(LifeCycleTest, TypicalLifeOfAMailbox) {
   mta_->SuspendEmail(mailbox);
   ExpectFiles(std::string(kCatchAll) + "l@d.example\terror:nouser Account temporary disabled\n" +
                   alias_line,
-              "d.example\n", kDevnull + entry_on, "l@d.example\t550 Account disabled\n");
+              "d.example\n", std::string(kDevnull) + "l+d.example:\tl@d.example\n",
+              "l@d.example\t550 Account disabled\n");
   EXPECT_EQ(Dump(Access()), "l@d.example\t550 Account disabled\n");
 
   mta_->ResumeEmail(mailbox);

@@ -167,7 +167,18 @@ TEST_F(ZelpnlMailboxTest, ProgramAndFileTargetsOnlyWhenAllowed) {
       "|/usr/bin/filter -q", "--forward", "/var/mail/copy"});
   EXPECT_EQ(File("aliases"),
             Aliases("l+d.example:\t\"|/usr/bin/filter -q\", \"/var/mail/copy\", l\\@d.example\n"));
-  Ok({"mail", "box", "set", "l@d.example", "--no-forward", "|/usr/bin/filter -q"});
+  // The file target stays a row of the mailbox: writing the entry again
+  // needs the flag again, as the command line would.
+  const auto with_programs = State();
+  run = Zel({"mail", "box", "set", "l@d.example", "--no-forward", "|/usr/bin/filter -q"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "error: forward target \"\\\"/var/mail/copy\\\"\" of mailbox \"l@d.example\": is a "
+            "file, which needs --allow-program-targets (a row of the panel database the command "
+            "would write into sendmail's files; correct or remove it first)\n");
+  EXPECT_EQ(State(), with_programs);
+  Ok({"mail", "box", "set", "l@d.example", "--no-forward", "|/usr/bin/filter -q",
+      "--allow-program-targets"});
   EXPECT_EQ(File("aliases"), Aliases("l+d.example:\t\"/var/mail/copy\", l\\@d.example\n"));
 }
 
@@ -216,20 +227,25 @@ TEST_F(ZelpnlMailboxTest, ListAndShow) {
             "responder:    -\n");
 }
 
-TEST_F(ZelpnlMailboxTest, FailedAliasesRebuildDeletesTheNewRowAndReportsTheCommandsOutput) {
+TEST_F(ZelpnlMailboxTest, FailedAliasesRebuildDeletesTheNewRowAndKeepsTheAddressOutOfTheTable) {
   SetConfig("sendmail-newaliases", "echo 'aliases: line 9: broken' >&2; exit 1");
   const zeltest::Result run = Zel({"mail", "box", "add", "l@d.example"});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.err, "error: newaliases: aliases: line 9: broken\n");
   EXPECT_EQ(Count("email"), 0) << "no row the files do not back";
-  // The files took the change before the rebuild failed; sync reads it back,
-  // and warns that the aliases map, older than the file, still fails to build.
+  // The aliases file took its entry before the rebuild failed; the virtual
+  // user table, saved after it, was not saved at all: the address never led
+  // to a local name without an entry in the map.
+  EXPECT_EQ(File("aliases"), Aliases("l+d.example:\tl\\@d.example\n"));
+  EXPECT_EQ(File("virtusertable"), kCatchAll);
+  // sync finds no mailbox, and warns that the aliases map, older than the
+  // file, still fails to build.
   const zeltest::Result sync = Zel({"mail", "sync"});
   EXPECT_EQ(sync.status, 0);
   EXPECT_EQ(sync.err,
             "warning: the aliases map is older than its file and could not be rebuilt: "
             "newaliases: aliases: line 9: broken\n");
-  EXPECT_EQ(Rows("SELECT name FROM email"), "l");
+  EXPECT_EQ(Rows("SELECT name FROM email"), "");
 }
 
 TEST_F(ZelpnlMailboxTest, FailedSetReadsTheMailboxBackFromTheFiles) {

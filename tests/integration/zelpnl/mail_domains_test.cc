@@ -42,10 +42,17 @@ TEST_F(ZelpnlMailDomainTest, AddWritesTheCatchAllAndTheLocalHostName) {
   EXPECT_EQ(Rows("SELECT name, enabled, def_action FROM email_domain"), "d.example:1:error");
 }
 
-TEST_F(ZelpnlMailDomainTest, AddTakesAnOwnerAndEachDefaultAction) {
+TEST_F(ZelpnlMailDomainTest, AddTakesTheWebDomainsOwnerAndEachDefaultAction) {
   for (const char* name : {"i.example", "e.example", "r.example"})
     Ok({"webdomain", "add", name, "--owner", "admin"});
-  Ok({"mail", "domain", "add", "d.example", "--owner", "admin"});
+  const auto before = State();
+  const zeltest::Result other = Zel({"mail", "domain", "add", "d.example", "--owner", "admin"});
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(other.err,
+            "error: mail domain \"d.example\": belongs to the owner of its web domain (bob), not "
+            "to admin\n");
+  EXPECT_EQ(State(), before);
+  Ok({"mail", "domain", "add", "d.example", "--owner", "bob"});
   Ok({"mail", "domain", "add", "i.example", "--default-action", "ignore"});
   Ok({"mail", "domain", "add", "e.example", "--default-action", "redir_email", "--redirect",
       "all@Elsewhere.example"});
@@ -59,7 +66,7 @@ TEST_F(ZelpnlMailDomainTest, AddTakesAnOwnerAndEachDefaultAction) {
   EXPECT_EQ(File("local-host-names"), "d.example\ni.example\ne.example\nr.example\n");
   EXPECT_EQ(Rows("SELECT d.name, u.name FROM email_domain d JOIN users u ON u.id = d.users "
                  "ORDER BY d.id"),
-            "d.example:admin|i.example:admin|e.example:admin|r.example:admin");
+            "d.example:bob|i.example:admin|e.example:admin|r.example:admin");
 }
 
 TEST_F(ZelpnlMailDomainTest, AddOfAUnicodeNameStoresTheAsciiFormAndShowsTheUnicodeOne) {

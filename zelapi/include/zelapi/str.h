@@ -31,6 +31,10 @@ T Random() {
   return value;
 }
 
+// text with the ASCII letters A-Z in lower case, other bytes as they are:
+// how sendmail compares the keys of its maps and the names of its classes.
+std::string Lower(std::string text);
+
 // Decimal text of a number, with a minus sign when negative.
 std::string Str(long value);
 

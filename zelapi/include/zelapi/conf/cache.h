@@ -124,10 +124,18 @@ class ConfCache {
   // on disk meanwhile, the next access throws rather than lose either side.
   void BeginDeferred();
   // Saves each dirty file once (AfterSave with kSaveDeferred) and leaves
-  // deferred mode. A file that changed on disk meanwhile is not
-  // overwritten: it stays dirty and its error is thrown after the others
-  // were saved (the first error, if several).
+  // deferred mode: the files of tables of lower save rank first (see
+  // SetSaveRank), files of equal rank in path order. Stops at the first file
+  // that fails, its write or its AfterSave, and throws that error: the files
+  // after it are not saved and keep their changes (dirty) for the caller to
+  // drop (DiscardDeferred) or flush later. A file that changed on disk
+  // meanwhile is not overwritten: that is such a failure.
   void FlushDeferred();
+  // The order of a deferred save: files of table name are saved after those
+  // of tables of lower rank (default 0). For files that point into each
+  // other: the one pointed at is saved first, so that a reader never finds
+  // a pointer before its target, and a failure stops what would point at it.
+  void SetSaveRank(const std::string& name, int rank);
   // Drops every unsaved change (those files are read again at their next
   // use) and leaves deferred mode. Never throws.
   void DiscardDeferred() noexcept;

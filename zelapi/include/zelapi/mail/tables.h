@@ -51,6 +51,8 @@ void CloseCache();
 // The process's database. Throws pnl_err::Error (type "db", object
 // "database") when none is open. Valid until CloseCache or the next OpenCache.
 pnl_db::Cache* GetCache();
+// Whether a database is open (GetCache would not throw).
+bool HasCache();
 
 // Whether the file at path changed since the panel last looked at it, by its
 // state: device and inode, size, modification time to the nanosecond and a
