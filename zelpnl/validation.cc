@@ -126,6 +126,10 @@ std::string DomainName(const std::string& text, const std::string& kind) {
   if (text.back() == '.') throw Invalid(kind, text, "ends in a dot; give the name without it");
   std::string name = str::Lower(text);
   if (!test::Domain(name)) {
+    if (!HasNonAscii(text) && !str::IdnALabelsValid(name))
+      throw Invalid(kind, text,
+                    "has an \"xn--\" label that is not the ASCII form of a valid "
+                    "international name (checked as its Unicode form would be)");
     if (HasNonAscii(text))
       throw Invalid(kind, text,
                     "is not a valid domain name (cannot be converted to its ASCII form, or a "

@@ -84,6 +84,37 @@ bool IdnToAscii(const std::string& domain, std::string& out) {
   return true;
 }
 
+bool IdnALabelsValid(const std::string& domain) {
+  size_t start = 0;
+  for (;;) {
+    const size_t dot = domain.find('.', start);
+    const std::string label =
+        domain.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
+    const bool a_label = label.size() >= 4 && (label[0] == 'x' || label[0] == 'X') &&
+                         (label[1] == 'n' || label[1] == 'N') && label[2] == '-' &&
+                         label[3] == '-';
+    if (a_label) {
+      // Decoded, the label must be one that the Unicode form's own checks
+      // take, and encode back to itself: the same rules for both spellings.
+      char* decoded = nullptr;
+      const int rc = idn2_to_unicode_8z8z(label.c_str(), &decoded, 0);
+      IdnString owned(decoded);
+      if (rc != IDN2_OK || !owned) return false;
+      std::string unicode = owned.get();
+      for (unsigned char c : unicode)
+        if (c < 0x20 || c == 0x7f) return false;
+      std::string back;
+      if (IsAscii(unicode) || !LabelToAscii(unicode, back)) return false;
+      std::string lower = label;
+      for (char& c : lower)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+      if (back != lower) return false;
+    }
+    if (dot == std::string::npos) return true;
+    start = dot + 1;
+  }
+}
+
 std::string IdnToUnicode(const std::string& domain) {
   if (!HasALabel(domain)) return domain;
   char* result = nullptr;

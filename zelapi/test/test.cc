@@ -59,6 +59,7 @@ bool CanonicalDomain(const std::string& name, std::string& ascii) {
   std::string converted = name;
   if (HasNonAscii(name) && !str::IdnToAscii(name, converted)) return false;
   if (!AsciiDomain(converted)) return false;
+  if (!str::IdnALabelsValid(converted)) return false;
   ascii = converted;
   return true;
 }

@@ -76,6 +76,73 @@ TEST_F(ZelpnlBadInputTest, DomainNames) {
   });
 }
 
+// A name given in its ASCII form passes the checks of its Unicode form: an
+// "xn--" label that decodes to a bidirectional override, a control
+// character or invalid Punycode is refused like the Unicode name would be.
+TEST_F(ZelpnlBadInputTest, AsciiFormsOfInternationalNamesPassTheUnicodeFormsChecks) {
+  const std::string why =
+      "has an \"xn--\" label that is not the ASCII form of a valid international name "
+      "(checked as its Unicode form would be)";
+  ExpectRefused({
+      // "a" U+202E "b": a right-to-left override.
+      {{"webdomain", "add", "xn--ab-g4t.example", "--owner", "admin"}, 2,
+       "error: domain name \"xn--ab-g4t.example\": " + why + "\n"},
+      {{"webdomain", "add", "a\u202eb.example", "--owner", "admin"}, 2,
+       "error: domain name \"a\\u{202E}b.example\": is not a valid domain name (cannot be "
+       "converted to its ASCII form, or a label is invalid)\n"},
+      // Not Punycode at all.
+      {{"webdomain", "add", "xn--.example", "--owner", "admin"}, 2,
+       "error: domain name \"xn--.example\": " + why + "\n"},
+      // Decodes to plain ASCII: never an A-label.
+      {{"webdomain", "add", "xn--abc-.example", "--owner", "admin"}, 2,
+       "error: domain name \"xn--abc-.example\": " + why + "\n"},
+      {{"mail", "box", "add", "l@xn--ab-g4t.example"}, 2,
+       "error: address \"l@xn--ab-g4t.example\": " + why +
+           " (domain name \"xn--ab-g4t.example\")\n"},
+  });
+  // The valid ASCII form of a Unicode name is taken, and shown in Unicode.
+  Ok({"webdomain", "add", "xn--bcher-kva.example", "--owner", "admin"});
+  Ok({"mail", "domain", "add", "b\u00fccher.example"});
+  EXPECT_EQ(Rows("SELECT name FROM email_domain WHERE name LIKE 'xn--%'"), "xn--bcher-kva.example");
+}
+
+// Names sendmail takes as the server's own would hand a customer's mail to
+// the system's users.
+TEST_F(ZelpnlBadInputTest, TheServersOwnNamesAreNoMailDomains) {
+  // This host's qualified name, as sendmail itself has it in class w.
+  std::string classw;
+  ASSERT_EQ(zeltest::RunShell("echo '$=w' | /usr/sbin/sendmail -C " + Path("sendmail.cf") + " -bt",
+                              &classw),
+            0);
+  std::string host;
+  for (std::string line : zeltest::Lines(classw)) {
+    while (line.rfind("> ", 0) == 0) line.erase(0, 2);
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    if (line.find('.') != std::string::npos && line[0] != '[' && line.find(' ') == std::string::npos &&
+        line.rfind("localhost", 0) != 0)
+      host = line;
+  }
+  ASSERT_NE(host, "") << "the set-up gives the host a qualified name: " << classw;
+  WriteFile("local-host-names", File("local-host-names") + "kept.example\n");
+  for (const std::string& name : {host, std::string("localhost.localdomain"),
+                                  std::string("kept.example")})
+    Ok({"webdomain", "add", name, "--owner", "admin"});
+  const std::string why_host =
+      "is a name of this server (sendmail's class w), whose mail goes to the system's own "
+      "users; it cannot be a mail domain of the panel";
+  ExpectRefused({
+      {{"mail", "domain", "add", host}, 1,
+       "error: mail domain \"" + host + "\": " + why_host + "\n"},
+      {{"mail", "domain", "add", "localhost.localdomain"}, 1,
+       "error: mail domain \"localhost.localdomain\": is a name of the local host itself "
+       "(\"localhost\"); it cannot be a mail domain of the panel\n"},
+      {{"mail", "domain", "add", "kept.example"}, 1,
+       "error: mail domain \"kept.example\": is listed in " + Path("local-host-names") +
+           " by a line the panel did not write, so sendmail takes it as one of the server's own "
+           "names; remove that line first; it cannot be a mail domain of the panel\n"},
+  });
+}
+
 TEST_F(ZelpnlBadInputTest, LocalPartsAndAddresses) {
   ExpectRefused({
       {{"mail", "box", "add", "#box@d.example"}, 2,
@@ -122,7 +189,33 @@ TEST_F(ZelpnlBadInputTest, LocalPartsAndAddresses) {
       {{"mail", "box", "set", "l@d.example", "--alias", "o'hara"}, 2,
        "error: alias \"o'hara\": contains \"%\", \"!\" or \"'\", which sendmail reads as "
        "routing or the responder's command line cannot carry\n"},
+      // A mailbox's local name is L+D: with a "+" in L, sendmail would read
+      // the rest as a detail and hand the mail to the system user before it.
+      {{"mail", "box", "add", "a+b@d.example"}, 2,
+       "error: address \"a+b@d.example\": contains \"+\", which sendmail reads as the start "
+       "of a detail (user+detail); the panel's local parts never hold one (local part "
+       "\"a+b\")\n"},
+      {{"mail", "box", "set", "l@d.example", "--alias", "x+y"}, 2,
+       "error: alias \"x+y\": contains \"+\", which sendmail reads as the start of a detail "
+       "(user+detail); the panel's local parts never hold one\n"},
+      // A leading "-" reads as an option on a command line.
+      {{"mail", "box", "add", "--", "-oQ@d.example"}, 2,
+       "error: address \"-oQ@d.example\": starts with \"-\", which reads as an option "
+       "(local part \"-oQ\")\n"},
+      {{"mail", "box", "set", "l@d.example", "--alias=-x"}, 2,
+       "error: alias \"-x\": starts with \"-\", which reads as an option\n"},
+      {{"mail", "box", "set", "l@d.example", "--forward=-f@x.example"}, 2,
+       "error: forward target \"-f@x.example\": starts with \"-\", which reads as an option "
+       "(local part \"-f\")\n"},
+      {{"mail", "whitelist", "add", "--", "-x@x.example"}, 2,
+       "error: sender \"-x@x.example\": starts with \"-\", which reads as an option (local "
+       "part \"-x\")\n"},
+      {{"mail", "check", "--", "-bd"}, 2, "error: address \"-bd\": starts with \"-\", which reads as "
+       "an option\n"},
   });
+  // Elsewhere a "+" is an ordinary character of an address.
+  Ok({"mail", "box", "set", "l@d.example", "--forward", "me+tag@x.example"});
+  Ok({"mail", "whitelist", "add", "list+bounces@x.example"});
 }
 
 TEST_F(ZelpnlBadInputTest, ForwardTargets) {

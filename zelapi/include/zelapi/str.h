@@ -62,4 +62,11 @@ bool IdnToAscii(const std::string& domain, std::string& out);
 // when it holds no A-label or cannot be decoded.
 std::string IdnToUnicode(const std::string& domain);
 
+// Whether every A-label ("xn--...") of the domain is the ASCII form of a
+// label that IdnToAscii takes from Unicode, and encodes back to itself: a
+// name given in its ASCII form passes the same checks (IDNA2008, the
+// bidirectional rule, no control characters) as its Unicode form. A name
+// without A-labels is valid here.
+bool IdnALabelsValid(const std::string& domain);
+
 }  // namespace str
