@@ -59,3 +59,14 @@ TEST_F(ZelpnlCheckTest, AnAddressThatIsNoAddressIsRefusedBeforeSendmailRuns) {
   EXPECT_EQ(run.err, "error: address \"a b@d.example\": contains a blank\n");
   EXPECT_EQ(run.out, "");
 }
+
+// sendmail is given the address after "--": nothing in it is read as an
+// option, and a local part with "+" (a detail) is asked about as it is.
+TEST_F(ZelpnlCheckTest, TheAddressFollowsTheEndOfSendmailsOptions) {
+  const zeltest::Result run = Zel({"mail", "check", "l+tag@d.example", "--json"});
+  const auto doc = nlohmann::ordered_json::parse(run.out);
+  const std::string command = doc["check"]["command"];
+  const std::string tail = " -bv -- l+tag@d.example";
+  ASSERT_GT(command.size(), tail.size());
+  EXPECT_EQ(command.substr(command.size() - tail.size()), tail);
+}

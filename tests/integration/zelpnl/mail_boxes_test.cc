@@ -265,3 +265,43 @@ TEST_F(ZelpnlMailboxTest, FailedSetReadsTheMailboxBackFromTheFiles) {
   EXPECT_EQ(Rows("SELECT name FROM email_alias"), "a");
   EXPECT_EQ(Rows("SELECT name FROM email_forward"), "f@x.example");
 }
+
+// Rows reach the files only through the checks of the command line: a row
+// put into the database by other means is refused by name, and nothing is
+// written.
+TEST_F(ZelpnlMailboxTest, ARowTheCommandLineWouldRefuseIsNeverWrittenIntoTheFiles) {
+  Ok({"mail", "box", "add", "l@d.example"});
+  Rows("INSERT INTO email_forward(email, name) SELECT id, '|/tmp/run' FROM email");
+  auto before = State();
+  zeltest::Result run = Zel({"mail", "box", "set", "l@d.example", "--alias", "b"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "error: forward target \"|/tmp/run\" of mailbox \"l@d.example\": is a pipe to a "
+            "program, which needs --allow-program-targets (a row of the panel database the "
+            "command would write into sendmail's files; correct or remove it first)\n");
+  EXPECT_EQ(File("aliases"), before["aliases"]);
+  EXPECT_EQ(File("virtusertable"), before["virtusertable"]);
+  // The rows were read back from the files: the stray row is gone with the
+  // command's own.
+  EXPECT_EQ(Rows("SELECT name FROM email_forward"), "");
+  EXPECT_EQ(Rows("SELECT name FROM email_alias"), "");
+
+  Rows("INSERT INTO email_alias(email, name) SELECT id, 'Two Words' FROM email");
+  run = Zel({"mail", "box", "resume", "l@d.example"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "error: alias \"Two Words\" of mailbox \"l@d.example\": contains a blank (a row of "
+            "the panel database the command would write into sendmail's files; correct or "
+            "remove it first)\n");
+  Rows("DELETE FROM email_alias");
+
+  // A program target in its written form passes when the command says so.
+  Rows("INSERT INTO email_forward(email, name) SELECT id, '\"|/usr/bin/filter\"' FROM email");
+  run = Zel({"mail", "box", "resume", "l@d.example"});
+  EXPECT_EQ(run.status, 1) << run.err;
+  Ok({"mail", "box", "resume", "l@d.example", "--allow-program-targets"});
+  EXPECT_EQ(File("aliases"), Aliases("l+d.example:\t\"|/usr/bin/filter\", l\\@d.example\n"));
+  run = Zel({"mail", "domain", "resume", "d.example"});
+  EXPECT_EQ(run.status, 1) << run.err;
+  Ok({"mail", "domain", "resume", "d.example", "--allow-program-targets"});
+}

@@ -213,3 +213,18 @@ TEST_F(ZelpnlMailDomainTest, FailedMapRebuildDeletesTheNewRowAndReportsMakemapsO
   EXPECT_EQ(Count("email_domain"), 0) << "no row the files do not back";
   EXPECT_EQ(File("virtusertable"), kCatchAll) << "the text took the line before the rebuild";
 }
+
+// A deleted domain's catch-all line stays until sendmail has read
+// local-host-names without the domain: the restart runs first, then the
+// line goes.
+TEST_F(ZelpnlMailDomainTest, ADeleteRestartsSendmailBeforeTheCatchAllGoes) {
+  Ok({"mail", "domain", "add", "d.example"});
+  Ok({"mail", "box", "add", "l@d.example"});
+  SetConfig("sendmail-restart", "cat " + Path("virtusertable") + " " + Path("local-host-names") +
+                                    " > " + Path("at-restart"));
+  Ok({"mail", "domain", "delete", "d.example"});
+  EXPECT_EQ(File("at-restart"), kCatchAll) << "the catch-all stood, the domain was no longer local";
+  EXPECT_EQ(File("virtusertable"), "");
+  EXPECT_EQ(File("local-host-names"), "");
+  EXPECT_EQ(File("aliases"), kDevnull);
+}

@@ -99,3 +99,20 @@ TEST_F(ZelpnlSyncTest, ProgressBarOnlyWhenStandardErrorIsATerminal) {
   EXPECT_NE(tty.err.find("\r\033[Kmail sync ["), std::string::npos) << tty.err;
   EXPECT_NE(tty.err.find("] 5/5 blacklist"), std::string::npos) << tty.err;
 }
+
+// Lines read back from hand-edited files reach the output; control
+// characters in them are shown escaped, never sent to the terminal as they
+// are.
+TEST_F(ZelpnlSyncTest, ControlCharactersFromTheFilesAreShownEscaped) {
+  WriteFile("aliases", File("aliases").replace(File("aliases").find("l\\@d.example"), 0,
+                                               "\"/var/mail/x\x1b[2J\xc2\x9b\xe2\x80\xae\", "));
+  Zel({"mail", "sync"});
+  const zeltest::Result show = Zel({"mail", "box", "show", "l@d.example"});
+  EXPECT_EQ(show.status, 0) << show.err;
+  EXPECT_NE(show.out.find("\"/var/mail/x\\x1b[2J\\u{009B}\\u{202E}\""), std::string::npos)
+      << show.out;
+  EXPECT_EQ(show.out.find('\x1b'), std::string::npos);
+  const zeltest::Result json = Zel({"mail", "box", "show", "l@d.example", "--json"});
+  EXPECT_NE(json.out.find("\\u001b[2J\\u009b\\u202e"), std::string::npos) << json.out;
+  for (unsigned char c : json.out) EXPECT_LT(c, 0x80) << "written in ASCII";
+}

@@ -690,6 +690,77 @@ TEST_F(EngineTest, DiscardedDeferredChangesAreForgotten) {
   EXPECT_EQ(Slurp(path), Sample("virt.txt"));
 }
 
+// Three files changed in one deferred save: saved in the order of their
+// tables' ranks, whatever their paths.
+class SaveOrderTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+    engine->SetSaveRank(ListTable::Table().Name(), 0);
+    engine->SetSaveRank(NamesTable::Table().Name(), 1);
+    engine->SetSaveRank(VirtTable::Table().Name(), 2);
+    virt_ = CopyAs("virt.txt", "a-virt.txt");
+    names_ = CopyAs("names.txt", "b-names.txt");
+    list_ = CopyAs("list.txt", "c-list.txt");
+  }
+  void TearDown() override {
+    ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+    for (const std::string& name :
+         {VirtTable::Table().Name(), NamesTable::Table().Name(), ListTable::Table().Name()})
+      engine->SetSaveRank(name, 0);
+    EngineTest::TearDown();
+  }
+  // A change to each of the three files, deferred; their paths sort the
+  // other way round from their ranks.
+  void ChangeAll() {
+    BaseCachedConfig<PnlConfCache>::Instance()->BeginDeferred();
+    auto mails = VirtTable::Get<MailView>(virt_, false);
+    ASSERT_TRUE(mails->Find("info@example.com"));
+    mails->Delete();
+    auto names = NamesTable::Get<NameView>(names_, false);
+    names->New();
+    names->name.Set("added.example");
+    names->Post("");
+    auto list = ListTable::Get<ListView>(list_, false);
+    list->New();
+    list->name.Set("added");
+    list->Post("");
+  }
+  std::string virt_, names_, list_;
+
+ private:
+  std::string CopyAs(const std::string& sample, const std::string& name) {
+    Spill(Path(name), Sample(sample));
+    return Path(name);
+  }
+};
+
+TEST_F(SaveOrderTest, ADeferredSaveWritesTheFilesInTheOrderOfTheirTablesRanks) {
+  ChangeAll();
+  BaseCachedConfig<PnlConfCache>::Instance()->FlushDeferred();
+  std::vector<std::string> order;
+  for (const auto& save : Journal::Get().saves()) order.push_back(save.table);
+  EXPECT_EQ(order, (std::vector<std::string>{"list", "names", "virt"}));
+}
+
+TEST_F(SaveOrderTest, ADeferredSaveStopsAtTheFirstFileThatFailsAndWritesNoneAfterIt) {
+  ChangeAll();
+  Journal::Get().ThrowOnSave(true);
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  EXPECT_THROW(engine->FlushDeferred(), pnl_err::Error);
+  ASSERT_EQ(Journal::Get().saves().size(), 1u);
+  EXPECT_EQ(Journal::Get().saves()[0].table, "list");
+  EXPECT_NE(Slurp(list_), Sample("list.txt")) << "the first file is in place (its step failed)";
+  EXPECT_EQ(Slurp(names_), Sample("names.txt"));
+  EXPECT_EQ(Slurp(virt_), Sample("virt.txt"));
+  // What was not saved is dropped; the files are read again as they are.
+  engine->DiscardDeferred();
+  Journal::Get().ThrowOnSave(false);
+  auto names = NamesTable::Get<NameView>(names_, false);
+  EXPECT_FALSE(names->Find("added.example"));
+}
+
 // ------------------------------------------------------------ faults
 
 namespace {
