@@ -137,17 +137,7 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
 
   // Every mailbox refuses mail with the domain; the rows keep each
   // mailbox's own state for the resume.
-  pnl_db::Cache* cache = zel_db::GetCache();
-  std::shared_ptr<zel_db::EmailTable> email = cache->Get<zel_db::EmailTable>();
-  Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
-  for (const std::string& id : MailboxIds(domain, false)) {
-    email->Assert(id);
-    if (lines->Find(email->name.Str() + "@" + name)) {
-      lines->target = disabled_target();
-      lines->Post("");
-    }
-    WriteAliasesEntry(email, domain, false);
-  }
+  WriteMailboxesOf(domain, false);
 }
 
 void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
@@ -171,16 +161,20 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
 
   // Each mailbox gets back the state its row names: one suspended on its
   // own stays suspended.
-  pnl_db::Cache* cache = zel_db::GetCache();
-  std::shared_ptr<zel_db::EmailTable> email = cache->Get<zel_db::EmailTable>();
+  WriteMailboxesOf(domain, true);
+}
+
+void SendmailLikeInterface::WriteMailboxesOf(DomainPtr domain, bool in_service) {
+  const std::string name = domain->name.Str();
+  std::shared_ptr<zel_db::EmailTable> email = zel_db::GetCache()->Get<zel_db::EmailTable>();
   Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
-  for (const std::string& id : MailboxIds(domain, true)) {
+  for (const std::string& id : MailboxIds(domain, in_service)) {
     email->Assert(id);
     if (lines->Find(email->name.Str() + "@" + name)) {
-      lines->target = GetVirtuserTarget(email, domain);
+      lines->target = in_service ? GetVirtuserTarget(email, domain) : disabled_target();
       lines->Post("");
     }
-    WriteAliasesEntry(email, domain, true);
+    WriteAliasesEntry(email, domain, in_service);
   }
 }
 

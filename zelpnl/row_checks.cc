@@ -50,27 +50,22 @@ void CheckMailboxes(pnl_db::Cache& db, const std::string& where, long long key,
               if (LocalPart(v) != v) throw Invalid("local part", v, "is not in lower case");
             });
   }
-  for (pnl_db::Query q = db.Query(
-           "SELECT a.name, e.name, d.name FROM email_alias a JOIN email e ON e.id = a.email "
-           "JOIN email_domain d ON d.id = e.domain " + where,
-           {key});
-       !q.Eof(); q.Next()) {
-    Checked("alias", q.Str(0), "mailbox " + Quote(q.Str(1) + "@" + q.Str(2)),
-            [](const std::string& v) {
-              if (LocalPart(v, "alias") != v) throw Invalid("alias", v, "is not in lower case");
-            });
-  }
-  for (pnl_db::Query q = db.Query(
-           "SELECT f.name, e.name, d.name FROM email_forward f JOIN email e ON e.id = f.email "
-           "JOIN email_domain d ON d.id = e.domain " + where,
-           {key});
-       !q.Eof(); q.Next()) {
-    Checked("forward target", q.Str(0), "mailbox " + Quote(q.Str(1) + "@" + q.Str(2)),
-            [&](const std::string& v) {
-              if (ForwardTarget(v, allow_programs) != v)
-                throw Invalid("forward target", v, "is not in its canonical form");
-            });
-  }
+  // The aliases and the forwards: each row's value, with its mailbox.
+  const auto each = [&](const char* table, const std::string& what, auto check) {
+    for (pnl_db::Query q = db.Query(std::string("SELECT r.name, e.name, d.name FROM ") + table +
+                                        " r JOIN email e ON e.id = r.email "
+                                        "JOIN email_domain d ON d.id = e.domain " + where,
+                                    {key});
+         !q.Eof(); q.Next())
+      Checked(what, q.Str(0), "mailbox " + Quote(q.Str(1) + "@" + q.Str(2)), check);
+  };
+  each("email_alias", "alias", [](const std::string& v) {
+    if (LocalPart(v, "alias") != v) throw Invalid("alias", v, "is not in lower case");
+  });
+  each("email_forward", "forward target", [&](const std::string& v) {
+    if (ForwardTarget(v, allow_programs) != v)
+      throw Invalid("forward target", v, "is not in its canonical form");
+  });
 }
 
 }  // namespace

@@ -125,6 +125,9 @@ class SendmailLikeInterface : public MtaInterface {
   const std::string disabled_target_;
 
   void RemoveNow(Held what, const std::string& key);
+  // The lines and entries of the domain's mailboxes: out of service, every
+  // mailbox's; in service, those whose own row is in service.
+  void WriteMailboxesOf(DomainPtr domain, bool in_service);
 
   struct HeldRemoval {
     Held what;
