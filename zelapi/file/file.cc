@@ -225,6 +225,12 @@ int Ops::RealPath(const std::string& path, std::string& resolved) {
   return 0;
 }
 
+int Ops::MakeDir(const std::string& path, unsigned mode) {
+  return ::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+}
+
+int Ops::RemoveDir(const std::string& path) { return ::rmdir(path.c_str()) == 0 ? 0 : errno; }
+
 std::shared_ptr<Ops> CurrentOps() {
   if (!Replaced().load(std::memory_order_acquire)) return DefaultOps();
   std::lock_guard<std::mutex> guard(OpsMutex());
@@ -273,6 +279,20 @@ bool ReadFile(const std::string& path, std::string& data, FileId& id) {
   data.resize(used);
   // The identity must describe what was read: take it again at the end.
   if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat", err);
+  return true;
+}
+
+bool CloseToOthers(const std::string& path, unsigned* old_mode) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  // O_NONBLOCK: a FIFO put in the file's place must not hold the caller.
+  if (ops->Open(path, O_RDONLY | O_NONBLOCK, 0, fd) != 0) return false;
+  FdGuard guard(*ops, fd);
+  FileId id;
+  if (ops->Fstat(fd, id) != 0) return false;
+  if (id.uid != ::geteuid() || (id.mode & 07) == 0) return false;
+  if (ops->Fchmod(fd, id.mode & ~07u) != 0) return false;
+  if (old_mode != nullptr) *old_mode = id.mode;
   return true;
 }
 

@@ -66,6 +66,9 @@ class Ops {
   virtual int MakeTemp(std::string& path, int& fd);
   // realpath(3): resolved receives path with every symbolic link resolved.
   virtual int RealPath(const std::string& path, std::string& resolved);
+  // mkdir(2) with mode (the umask applies) and rmdir(2).
+  virtual int MakeDir(const std::string& path, unsigned mode);
+  virtual int RemoveDir(const std::string& path);
 };
 
 // The Ops in use (never null).
@@ -94,6 +97,14 @@ FileId StatFile(const std::string& path);
 // the file does not exist; throws pnl_err::Error("file") naming the path
 // when it cannot be opened or read.
 bool ReadFile(const std::string& path, std::string& data, FileId& id);
+
+// When path is a file of the calling user that others (neither its owner nor
+// its group) may read, write or run, takes their access away (chmod o-rwx),
+// sets *old_mode to the mode it had and returns true. Returns false, changing
+// nothing, for a missing file, a file of another user, or one closed to
+// others already. A symbolic link is followed. Never throws; a file that
+// cannot be opened or changed counts as unchanged.
+bool CloseToOthers(const std::string& path, unsigned* old_mode = nullptr);
 
 // The folder part of path ("." for a bare name), and the last component.
 std::string FolderOf(const std::string& path);
