@@ -34,6 +34,11 @@ constexpr unsigned kFileMode = 0640;
 constexpr unsigned kFolderMode = 0750;
 constexpr char kHookName[] = "responder-settings";
 constexpr int64_t kMaxPeriodDays = 1000000;
+// From this many files written at once, each is saved without its own flush
+// to disk and the file system is flushed once at the end: a flush costs
+// milliseconds, so a sync or a batch that switches on thousands of
+// responders would otherwise spend most of its time waiting for the disk.
+constexpr size_t kBulkFiles = 32;
 
 // What the triggers note, kept per connection in its temporary schema (a
 // rolled-back request takes its notes along).
@@ -254,7 +259,8 @@ bool IsSettingsFile(const std::string& path) {
 // Writes settings unless the file holds them already; keeps the stamp of
 // the file of the same address (a new one when there is none). Returns
 // whether it wrote.
-bool WriteSettings(const std::string& folder, ResponderSettings settings, unsigned gid) {
+bool WriteSettings(const std::string& folder, ResponderSettings settings, unsigned gid,
+                   pnl_file::safe::Flush flush) {
   const std::string path = ResponderSettingsPath(folder, settings.address);
   std::optional<ResponderSettings> old;
   try {
@@ -275,7 +281,7 @@ bool WriteSettings(const std::string& folder, ResponderSettings settings, unsign
   owner.uid = ::geteuid();
   owner.gid = gid;
   pnl_file::safe::Folder open_folder;
-  pnl_file::safe::WriteFile(open_folder, path, FormatResponderSettings(settings), &owner);
+  pnl_file::safe::WriteFile(open_folder, path, FormatResponderSettings(settings), &owner, flush);
   return true;
 }
 
@@ -432,12 +438,20 @@ void ApplyChanges(pnl_db::Cache& db) {
       RemoveFile(path);
       RemoveFolderIfEmpty(pnl_file::FolderOf(path));
     });
+  const pnl_file::safe::Flush flush = answering.size() >= kBulkFiles
+                                          ? pnl_file::safe::Flush::kLater
+                                          : pnl_file::safe::Flush::kNow;
+  size_t written = 0;
   for (const Answering& a : answering)
     errors.Run([&] {
-      WriteSettings(
-          folder, Settings(a.local, a.domain, Aliases(db, a.id), a.subject, a.text, a.period_days),
-          group());
+      if (WriteSettings(
+              folder,
+              Settings(a.local, a.domain, Aliases(db, a.id), a.subject, a.text, a.period_days),
+              group(), flush))
+        ++written;
     });
+  if (flush == pnl_file::safe::Flush::kLater && written > 0)
+    errors.Run([&] { pnl_file::safe::FlushFileSystem(folder); });
   ForgetChanges(db);
   errors.Rethrow();
 }
@@ -595,14 +609,19 @@ ResponderSettingsCount SyncResponderSettings(pnl_db::Cache& db) {
     unsigned gid = 0;
     errors.Run([&] { gid = ResponderGid(); });
     errors.Rethrow();
+    const pnl_file::safe::Flush flush = wanted.size() >= kBulkFiles
+                                            ? pnl_file::safe::Flush::kLater
+                                            : pnl_file::safe::Flush::kNow;
     for (auto& [path, settings] : wanted)
       errors.Run([&] {
-        if (WriteSettings(folder, settings, gid)) {
+        if (WriteSettings(folder, settings, gid, flush)) {
           ++count.written;
         } else {
           ++count.kept;
         }
       });
+    if (flush == pnl_file::safe::Flush::kLater && count.written > 0)
+      errors.Run([&] { pnl_file::safe::FlushFileSystem(folder); });
   }
   ForgetChanges(db);
   errors.Rethrow();

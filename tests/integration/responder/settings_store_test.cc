@@ -13,6 +13,7 @@
 #include "responder_fixture.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
+#include "zelapi/file.h"
 #include "zelapi/mail/tables.h"
 
 using email::ResponderSettings;
@@ -337,4 +338,46 @@ TEST_F(SettingsStoreTest, ASettingsFolderWhoseParentIsMissingIsNotMade) {
   pnl_cf::SetPath(email::kResponderSettingsKey, box_.Path("no/such/folder"));
   EXPECT_THROW(Sql("UPDATE email_responder SET subject = 'new'"), pnl_err::Error);
   EXPECT_FALSE(std::filesystem::exists(box_.Path("no")));
+}
+
+namespace {
+
+class FlushCountingOps : public pnl_file::Ops {
+ public:
+  int fsyncs = 0;
+  int syncfs = 0;
+  int Fsync(int fd) override {
+    ++fsyncs;
+    return pnl_file::Ops::Fsync(fd);
+  }
+  int SyncFileSystem(int fd) override {
+    ++syncfs;
+    return pnl_file::Ops::SyncFileSystem(fd);
+  }
+};
+
+}  // namespace
+
+// A flush to disk costs milliseconds: a request that writes many files
+// flushes the file system once instead of each file and folder.
+TEST_F(SettingsStoreTest, ManyFilesAtOnceAreFlushedToDiskOnce) {
+  auto ops = std::make_shared<FlushCountingOps>();
+  pnl_file::ScopedOps scoped(ops);
+  Sql("UPDATE email_responder SET subject = 'one'");
+  EXPECT_EQ(ops->fsyncs, 2);  // the file and its folder
+  EXPECT_EQ(ops->syncfs, 0);
+  Change([&] {
+    for (int i = 0; i < 40; ++i) {
+      Db().Query("INSERT INTO email (id, name, domain) VALUES (?, ?, 1)",
+                 {100 + i, "m" + std::to_string(i)});
+      Db().Query("INSERT INTO email_responder (email, enabled, text) VALUES (?, 1, 'away')",
+                 {100 + i});
+    }
+  });
+  EXPECT_EQ(ops->fsyncs, 2);
+  EXPECT_EQ(ops->syncfs, 1);
+  EXPECT_TRUE(Settings("m39@d.example").has_value());
+  std::filesystem::remove_all(File("d.example"));
+  EXPECT_EQ(email::SyncResponderSettings(Db()).written, 41u);
+  EXPECT_EQ(ops->syncfs, 2);
 }

@@ -69,6 +69,8 @@ class Ops {
   // mkdir(2) with mode (the umask applies) and rmdir(2).
   virtual int MakeDir(const std::string& path, unsigned mode);
   virtual int RemoveDir(const std::string& path);
+  // syncfs(2): everything written to the file system of fd reaches the disk.
+  virtual int SyncFileSystem(int fd);
 };
 
 // The Ops in use (never null).
@@ -155,8 +157,15 @@ class Folder {
 // before its rename leaves its temporary file; a later save of the same file
 // removes such files once they are ten seconds old and no live save holds
 // them (each save keeps its temporary file locked with flock).
+// How a save reaches the disk: kNow flushes the new file and its folder
+// before WriteFile returns (as described above); kLater leaves both to a
+// later FlushFileSystem, for many small files saved at once, where one flush
+// of the file system costs what one file's would. The replacement is atomic
+// either way; only its durability waits.
+enum class Flush { kNow, kLater };
+
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
-                 const FileId* original);
+                 const FileId* original, Flush flush = Flush::kNow);
 
 // As above, with the file's bytes given as pieces written one after the
 // other (a file kept as stretches of several buffers is saved without being
@@ -165,7 +174,12 @@ FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
 // copied at most once on its way to the file. The pieces must stay valid
 // until the call returns.
 FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std::string_view>& pieces,
-                 const FileId* original);
+                 const FileId* original, Flush flush = Flush::kNow);
+
+// Flushes everything written to the file system that holds path (syncfs):
+// what saves with Flush::kLater left. Throws pnl_err::Error("file") naming
+// path when it cannot.
+void FlushFileSystem(const std::string& path);
 
 }  // namespace safe
 
