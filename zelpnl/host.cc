@@ -14,7 +14,9 @@
 #include "zelapi/cf.h"
 #include "zelapi/conf/cache.h"
 #include "zelapi/err.h"
+#include "zelapi/file.h"
 #include "zelapi/log.h"
+#include "zelapi/mail/responder_settings.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/mta_registry.h"
 #include "zelapi/proc.h"
@@ -163,6 +165,10 @@ void Host::Open(Needs needs) {
   pnl_log::Configure(pnl_cf::GetParam("log_file"),
                      pnl_log::ParseLevel(level.empty() ? "info" : level), pnl_log::Level::kOff);
   log_ready = true;
+  // The configuration is root's alone (or a panel group's): a file open to
+  // every user is closed to them.
+  if (pnl_file::CloseToOthers(config_file_))
+    HostLog().Warning(config_file_ + " was open to every user; they no longer have access to it");
   if (needs == Needs::kConfig) return;
 
   const std::string database = pnl_cf::GetParam("database");
@@ -446,6 +452,8 @@ int Execute(const GlobalOptions& options, const Command& command) {
     }
     pnl_db::Cache& db = host.Db();
     db.BeginRequest();
+    // The responder's settings files follow the rows the request changes.
+    email::WatchResponderSettings(db);
     if (command.needs == Needs::kMail) host.RebuildStaleMaps();
     try {
       command.run(host, out);

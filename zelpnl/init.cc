@@ -1,6 +1,9 @@
 // zelpnl init --sandbox DIR: a self-contained set-up in one folder, with
 // every file and command of the panel's mail pointing into it.
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,11 +25,53 @@ namespace {
 constexpr char kCfMacros[] = "/usr/share/sendmail/cf/m4/cf.m4";
 constexpr char kM4[] = "/usr/bin/m4";
 constexpr char kAdmin[] = "admin";
+// The user sendmail runs the programs of the root-owned aliases file as, its
+// DefaultUser, as on Debian (the sandbox's sendmail.mc says so).
+constexpr char kMailUser[] = "mail";
 
 // The files init makes; an existing one stops it.
-const char* const kFiles[] = {"zelpnl.conf",     "panel.db", "local-host-names", "virtusertable",
-                              "aliases",         "access",   "sendmail.mc",      "sendmail.cf",
-                              "service.switch",  "queue",    "zelpnl.log"};
+const char* const kFiles[] = {"zelpnl.conf",      "panel.db",  "local-host-names", "virtusertable",
+                              "aliases",          "access",    "sendmail.mc",      "sendmail.cf",
+                              "service.switch",   "queue",     "zelpnl.log",       "responder.conf",
+                              "responder",        "responder-memory", "responder.log", "answers"};
+
+// Who the responder runs as, and the group that reads its settings: the
+// mail user when init runs as root; else the caller (a sandbox of an
+// unprivileged user, where sendmail runs no programs anyway).
+struct ResponderUser {
+  bool change_owner = false;  // init runs as root: files are given to the mail user
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::string group;          // the name of gid
+};
+
+ResponderUser FindResponderUser() {
+  ResponderUser user;
+  if (::geteuid() == 0) {
+    const struct passwd* pw = ::getpwnam(kMailUser);
+    if (pw == nullptr)
+      throw pnl_err::Error("init", std::string("user ") + kMailUser,
+                           "does not exist; the sandbox's sendmail runs the responder as it");
+    user.change_owner = true;
+    user.uid = pw->pw_uid;
+    user.gid = pw->pw_gid;
+  } else {
+    user.uid = ::geteuid();
+    user.gid = ::getegid();
+  }
+  const struct group* gr = ::getgrgid(user.gid);
+  if (gr == nullptr)
+    throw pnl_err::Error("init", "group " + std::to_string(user.gid), "has no name");
+  user.group = gr->gr_name;
+  return user;
+}
+
+// Gives path the owner and group (when init runs as root) and the mode.
+void Own(const fs::path& path, uid_t uid, gid_t gid, unsigned mode, const ResponderUser& user) {
+  if (user.change_owner && ::chown(path.c_str(), uid, gid) != 0)
+    throw pnl_err::Error("init", path.string(), "cannot change its owner");
+  fs::permissions(path, fs::perms(mode));
+}
 
 // The folder as an absolute path of characters that every file and command
 // line of the set-up carries without quoting (the commands run through the
@@ -75,12 +120,12 @@ void MakeFolders(const fs::path& dir) {
   }
 }
 
-void WriteText(const fs::path& path, const std::string& text) {
+void WriteText(const fs::path& path, const std::string& text, unsigned mode = 0644) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << text;
   file.close();
   if (!file) throw pnl_err::Error("file", path.string(), "cannot be written");
-  fs::permissions(path, fs::perms(0644));
+  fs::permissions(path, fs::perms(mode));
 }
 
 void Run(const std::string& command, const std::string& object) {
@@ -111,6 +156,8 @@ std::string MailConfig(const std::string& d) {
          "FEATURE(`virtusertable', `hash -o " + d + "/virtusertable.db')dnl\n"
          "FEATURE(`access_db', `hash -T<TMPF> -o " + d + "/access.db')dnl\n"
          "FEATURE(`nocanonify')dnl\n"
+         "dnl Programs of the root-owned aliases file (the responder) run as this user.\n"
+         "define(`confDEF_USER_ID', `" + std::string(kMailUser) + ":" + kMailUser + "')dnl\n"
          "define(`confSERVICE_SWITCH_FILE', `" + d + "/service.switch')dnl\n"
          "define(`QUEUE_DIR', `" + d + "/queue')dnl\n"
          "define(`confDONT_PROBE_INTERFACES', `True')dnl\n"
@@ -127,7 +174,7 @@ std::string OurProgram(const std::string& name) {
   return "/usr/lib/zelpnl/" + name;
 }
 
-std::string PanelConfig(const std::string& d, bool with_cf) {
+std::string PanelConfig(const std::string& d, bool with_cf, const std::string& group) {
   std::string text =
       "# zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
       "[params]\n"
@@ -137,6 +184,7 @@ std::string PanelConfig(const std::string& d, bool with_cf) {
       "log_level = info\n"
       "module_dir = " + DefaultModuleDir() + "\n";
   if (with_cf) text += "sendmail_cf = " + d + "/sendmail.cf\n";
+  text += "responder_group = " + group + "\n";
   text +=
       "[paths]\n"
       "sendmail-virtusertable = " + d + "/virtusertable\n"
@@ -155,8 +203,26 @@ std::string PanelConfig(const std::string& d, bool with_cf) {
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = " + OurProgram("zelpnl-responder") + "\n";
+      "zelpnl-responder = " + OurProgram("zelpnl-responder") + "\n"
+      "responder-conf = " + d + "/responder.conf\n"
+      "responder-settings = " + d + "/responder\n";
   return text;
+}
+
+// The responder's own configuration: nothing of the panel's, since the
+// program runs as the mail user, who may read this file but not the
+// panel's.
+std::string ResponderConfig(const std::string& d, bool with_cf) {
+  return "# zelpnl-responder in the sandbox " + d + ", made by \"zelpnl init\".\n"
+         "[params]\n"
+         "log_file = " + d + "/responder.log\n"
+         "log_level = info\n"
+         "[paths]\n"
+         "responder-settings = " + d + "/responder\n"
+         "responder-memory = " + d + "/responder-memory/sent.db\n"
+         "# Answers are queued in " + d + "/answers and never sent on.\n"
+         "responder-sendmail = /usr/sbin/sendmail " + (with_cf ? "-C " + d + "/sendmail.cf " : "") +
+         "-odq -oi -OQueueDirectory=" + d + "/answers\n";
 }
 
 void Init(Host& host, const Output& out, const fs::path& dir) {
@@ -185,8 +251,22 @@ void Init(Host& host, const Output& out, const fs::path& dir) {
     }
     fs::permissions(cf, fs::perms(0644));
   }
+  // The panel's configuration is root's alone; the responder gets its own,
+  // its settings folder (written by the panel), and what it writes itself:
+  // its memory, its log and, in the sandbox, the queue of its answers.
+  const ResponderUser user = FindResponderUser();
   const std::string config = d + "/zelpnl.conf";
-  WriteText(config, PanelConfig(d, with_cf));
+  WriteText(config, PanelConfig(d, with_cf, user.group), 0600);
+  WriteText(dir / "responder.conf", ResponderConfig(d, with_cf), 0640);
+  Own(dir / "responder.conf", ::geteuid(), user.gid, 0640, user);
+  fs::create_directory(dir / "responder");
+  Own(dir / "responder", ::geteuid(), user.gid, 0750, user);
+  for (const char* folder : {"responder-memory", "answers"}) {
+    fs::create_directory(dir / folder);
+    Own(dir / folder, user.uid, user.gid, 0700, user);
+  }
+  WriteText(dir / "responder.log", "", 0640);
+  Own(dir / "responder.log", user.uid, user.gid, 0640, user);
   for (const char* map : {"virtusertable", "access"})
     Run("/usr/sbin/makemap hash " + d + "/" + map + " < " + d + "/" + map, d + "/" + map);
 
@@ -210,6 +290,7 @@ void Init(Host& host, const Output& out, const fs::path& dir) {
                           {"database", d + "/panel.db"},
                           {"log_file", d + "/zelpnl.log"},
                           {"sendmail_cf", with_cf ? nlohmann::ordered_json(d + "/sendmail.cf") : nullptr},
+                          {"responder_conf", d + "/responder.conf"},
                           {"admin", kAdmin}}}};
   std::string text = "sandbox ready in " + d + "\n" +
                      Fields({{"configuration", config},
@@ -217,7 +298,9 @@ void Init(Host& host, const Output& out, const fs::path& dir) {
                              {"sendmail files", d + "/{local-host-names,virtusertable,aliases,access}"},
                              {"sendmail.cf", with_cf ? d + "/sendmail.cf (for mail check)"
                                                      : std::string("none (sendmail-cf or m4 missing)")},
-                             {"restart command", "true (no mail daemon runs on these files)"}}) +
+                             {"restart command", "true (no mail daemon runs on these files)"},
+                             {"responder", d + "/responder.conf (answers queued in " + d +
+                                               "/answers)"}}) +
                      "use it with: export ZELPNL_CONF=" + config + "\n";
   out.Print(doc, text);
 }
@@ -235,8 +318,11 @@ void AddInitCommand(CLI::App& app, Command* out) {
       "are installed, DIR/sendmail.mc and DIR/sendmail.cf: a sendmail configuration that reads "
       "DIR's files, so that \"mail check\" asks sendmail itself. The aliases rebuild "
       "(sendmail-newaliases) is zelpnl-newaliases on DIR's aliases; the restart command is "
-      "\"true\", which is harmless: no mail daemon runs on these files. DIR must not lie below a folder anyone may "
-      "write to (such as /tmp): sendmail refuses files there.");
+      "\"true\", which is harmless: no mail daemon runs on these files. The autoresponder gets "
+      "its own configuration DIR/responder.conf, its settings folder DIR/responder, and, owned "
+      "by the mail user it runs as, DIR/responder-memory, DIR/responder.log and DIR/answers, "
+      "where its answers are queued. DIR must not lie below a folder anyone may write to (such "
+      "as /tmp): sendmail refuses files there.");
   init->add_option("--sandbox", *dir, "The folder (made when missing; must hold none of the files)")
       ->required()
       ->option_text("DIR");

@@ -8,6 +8,7 @@
 #include "email/mta_interface.h"
 #include "records.h"
 #include "zelapi/err.h"
+#include "zelapi/mail/responder_settings.h"
 
 namespace zelpnl {
 
@@ -165,6 +166,16 @@ void Sync(Host& host, const Output& out) {
   progress->Step("blacklist");
   mta.CacheBlacklist();
   progress->Done();
+  // The responder's settings files, made to agree with the rows as they are
+  // now (written when missing or different, removed when unknown).
+  try {
+    const email::ResponderSettingsCount n = email::SyncResponderSettings(db);
+    if (n.written + n.removed > 0)
+      MailLog().Info("mail sync: responder settings: " + std::to_string(n.written) +
+                     " written, " + std::to_string(n.removed) + " removed");
+  } catch (const pnl_err::Error& e) {
+    failures.emplace_back("responder settings", e.what());
+  }
 
   const Snapshot after = Take(db);
   nlohmann::ordered_json tables = nlohmann::ordered_json::object();

@@ -82,54 +82,82 @@ std::string Unquote(std::string_view text) {
   return out;
 }
 
-bool IsDotAtom(std::string_view text) {
-  if (text.empty() || text.front() == '.' || text.back() == '.') return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '.') {
-      if (text[i + 1] == '.') return false;
-    } else if (!IsAtext(text[i])) {
-      return false;
-    }
-  }
-  return true;
+bool No(std::string* why, const std::string& reason) {
+  if (why) *why = reason;
+  return false;
 }
 
-bool IsQuotedLocal(std::string_view text) {
-  if (text.size() < 2 || text.front() != '"' || text.back() != '"') return false;
-  for (size_t i = 1; i + 1 < text.size(); ++i) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c < 32 || c > 126) return false;
-    if (c == '"') return false;
-    if (c == '\\') {
-      if (i + 2 >= text.size()) return false;  // would escape the closing quote
-      ++i;
-      const unsigned char e = static_cast<unsigned char>(text[i]);
-      if (e < 32 || e > 126) return false;
-    }
-  }
-  return true;
+// The characters a local part may hold in an address answered: the atom
+// characters that neither sendmail (routing "%", "!", files "/", programs
+// "|", its operators "^") nor a shell or header reading them would take for
+// anything but themselves.
+bool IsLocalChar(char c) {
+  if (IsAlnum(c)) return true;
+  for (char s : std::string_view("._+-=&'"))
+    if (c == s) return true;
+  return false;
 }
 
-bool IsDomain(std::string_view text) {
-  if (text.size() >= 2 && text.front() == '[' && text.back() == ']') {
-    for (size_t i = 1; i + 1 < text.size(); ++i) {
-      const unsigned char c = static_cast<unsigned char>(text[i]);
-      if (c < 33 || c > 126 || c == '[' || c == ']' || c == '\\') return false;
-    }
-    return true;
-  }
-  if (!text.empty() && text.back() == '.') text.remove_suffix(1);
-  if (text.empty()) return false;
-  size_t label = 0;
+// A host name of two or more labels of letters, digits and "-" (1 to 63
+// each, "-" neither first nor last), the last not all digits.
+bool IsHostName(std::string_view text) {
+  if (text.empty() || text.size() > 253) return false;
+  size_t labels = 0;
+  size_t start = 0;
+  bool all_digits = true;
   for (size_t i = 0; i <= text.size(); ++i) {
     if (i == text.size() || text[i] == '.') {
-      if (label == 0 || label > 63) return false;
-      if (text[i - 1] == '-' || text[i - label] == '-') return false;
-      label = 0;
+      const size_t n = i - start;
+      if (n == 0 || n > 63 || text[start] == '-' || text[i - 1] == '-') return false;
+      ++labels;
+      if (i == text.size()) break;
+      start = i + 1;
+      all_digits = true;
     } else if (IsAlnum(text[i]) || text[i] == '-') {
-      ++label;
+      if (text[i] < '0' || text[i] > '9') all_digits = false;
     } else {
       return false;
+    }
+  }
+  return labels >= 2 && !all_digits;
+}
+
+std::string_view Trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return text;
+}
+
+bool HasControl(std::string_view text) {
+  for (char c : text) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if ((u < 32 && c != '\t') || u == 127) return true;
+  }
+  return false;
+}
+
+// A display name: words of atom characters, ".", 8-bit bytes (names written
+// without encoding) and quoted strings, separated by blanks. What matters is
+// that nothing in it can be read as an address or a separator.
+bool IsDisplayName(std::string_view text, std::string* why) {
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (quoted) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        quoted = false;
+      }
+      continue;
+    }
+    if (c == '"') {
+      quoted = true;
+    } else if (c == '@') {
+      return No(why, "it has an \"@\" outside the angle brackets");
+    } else if (!(IsAtext(c) || c == '.' || c == ' ' || c == '\t' || u >= 128)) {
+      return No(why, std::string("its display name holds \"") + c + "\" outside quotes");
     }
   }
   return true;
@@ -226,15 +254,117 @@ std::string LocalKey(std::string_view address) {
   return LowerText(Unquote(local));
 }
 
-bool IsReplyAddress(std::string_view address) {
-  if (address.empty() || address.size() > 254) return false;
-  std::string local, domain;
-  if (!SplitAddress(address, local, domain)) return false;
-  if (!IsDotAtom(local) && !IsQuotedLocal(local)) return false;
-  // Targets the aliases file would take as a program or a file.
-  const std::string bare = Unquote(local);
-  if (bare.empty() || bare.front() == '|' || bare.front() == '/') return false;
-  return IsDomain(domain);
+bool IsReplyAddress(std::string_view address, std::string* why) {
+  if (address.empty()) return No(why, "it is empty");
+  if (address.size() > 254) return No(why, "it is longer than 254 characters");
+  for (char c : address) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (u <= 32 || u >= 127)
+      return No(why, "it holds a blank, a control character or a non-ASCII byte");
+  }
+  const size_t at = address.find('@');
+  if (at == std::string_view::npos) return No(why, "it has no \"@\" and a domain");
+  if (address.find('@', at + 1) != std::string_view::npos)
+    return No(why, "it holds more than one \"@\"");
+  const std::string_view local = address.substr(0, at);
+  const std::string_view domain = address.substr(at + 1);
+  if (local.empty()) return No(why, "it has no local part");
+  if (local.size() > 64) return No(why, "its local part is longer than 64 characters");
+  if (local.front() == '-')
+    return No(why, "its local part starts with \"-\", which a command line takes as an option");
+  if (local.front() == '.' || local.back() == '.' || local.find("..") != std::string_view::npos)
+    return No(why, "its local part has a dot at its start or end, or two dots in a row");
+  for (char c : local)
+    if (!IsLocalChar(c))
+      return No(why, std::string("its local part holds \"") + c +
+                         "\" (answers go to letters, digits and ._+-=&' only)");
+  if (!IsHostName(domain))
+    return No(why,
+              "its domain is no host name (two or more labels of letters, digits and \"-\")");
+  return true;
+}
+
+bool OneMailbox(std::string_view value, std::string& address, std::string* why) {
+  value = Trim(value);
+  if (value.empty()) return No(why, "it is empty");
+  if (HasControl(value)) return No(why, "it holds a control character");
+  size_t lt = std::string_view::npos, gt = std::string_view::npos;
+  bool quoted = false;
+  for (size_t i = 0; i < value.size(); ++i) {
+    const char c = value[i];
+    if (quoted) {
+      if (c == '\\') {
+        if (++i == value.size()) break;
+      } else if (c == '"') {
+        quoted = false;
+      }
+      continue;
+    }
+    switch (c) {
+      case '"':
+        if (lt != std::string_view::npos && gt == std::string_view::npos)
+          return No(why, "its address in angle brackets holds a quote");
+        quoted = true;
+        break;
+      case '(':
+      case ')':
+        return No(why, "it holds a comment");
+      case ',':
+        return No(why, "it holds several addresses");
+      case ';':
+      case ':':
+        return No(why, "it is a group or holds a source route");
+      case '\\':
+        return No(why, "it holds a backslash outside quotes");
+      case '[':
+      case ']':
+        return No(why, "it holds a square bracket");
+      case '<':
+        if (lt != std::string_view::npos) return No(why, "it holds more than one \"<\"");
+        lt = i;
+        break;
+      case '>':
+        if (gt != std::string_view::npos || lt == std::string_view::npos)
+          return No(why, "its angle brackets do not pair");
+        gt = i;
+        break;
+      default:
+        break;
+    }
+  }
+  if (quoted) return No(why, "it has an unterminated quoted string");
+  if (lt == std::string_view::npos) {
+    if (gt != std::string_view::npos) return No(why, "its angle brackets do not pair");
+    for (char c : value)
+      if (c == ' ' || c == '\t' || c == '"')
+        return No(why, "it holds words or quotes besides one address");
+    address.assign(value);
+    return true;
+  }
+  if (gt == std::string_view::npos) return No(why, "its angle brackets do not pair");
+  if (!Trim(value.substr(gt + 1)).empty())
+    return No(why, "it has text after the address in angle brackets");
+  if (!IsDisplayName(value.substr(0, lt), why)) return false;
+  const std::string_view inner = value.substr(lt + 1, gt - lt - 1);
+  for (char c : inner)
+    if (c == ' ' || c == '\t') return No(why, "its address in angle brackets holds a blank");
+  if (!inner.empty() && inner.front() == '@') return No(why, "it holds a source route");
+  address.assign(inner);
+  return true;
+}
+
+bool OnePath(std::string_view value, std::string& address, std::string* why) {
+  value = Trim(value);
+  if (HasControl(value)) return No(why, "it holds a control character");
+  if (value.size() >= 2 && value.front() == '<' && value.back() == '>')
+    value = value.substr(1, value.size() - 2);
+  for (char c : value)
+    if (c == '<' || c == '>' || c == ' ' || c == '\t' || c == ',' || c == '(' || c == ')' ||
+        c == '"' || c == ':' || c == ';')
+      return No(why, std::string("it is not one address in angle brackets (it holds \"") + c +
+                         "\")");
+  address.assign(value);
+  return true;
 }
 
 }  // namespace zelresponder

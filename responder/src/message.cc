@@ -1,8 +1,6 @@
 // Reading the envelope line and the header of an incoming message.
 #include "zelresponder/message.h"
 
-#include "zelresponder/address.h"
-
 namespace zelresponder {
 
 namespace {
@@ -31,7 +29,7 @@ std::string_view TrimBlanks(std::string_view text) {
 
 // The sender of sendmail's envelope line "From SENDER DATE": the first word,
 // where a quoted string (a quoted local part may hold blanks) counts as part
-// of the word.
+// of the word, without the angle brackets around it.
 std::string EnvelopeSender(std::string_view rest) {
   size_t i = 0;
   while (i < rest.size() && IsBlank(rest[i])) ++i;
@@ -46,7 +44,13 @@ std::string EnvelopeSender(std::string_view rest) {
     if (c == '"') quoted = !quoted;
     if (!quoted && IsBlank(c)) break;
   }
-  return PathAddress(rest.substr(begin, i - begin));
+  std::string_view word = rest.substr(begin, i - begin);
+  // "<address>" and "<>" as a path writes them; anything else as it stands,
+  // to be judged whole (a lenient reading could pick one address out of
+  // several).
+  if (word.size() >= 2 && word.front() == '<' && word.back() == '>')
+    word = word.substr(1, word.size() - 2);
+  return std::string(word);
 }
 
 }  // namespace

@@ -1,18 +1,18 @@
-// One run of the autoresponder: the mailbox, its responder, the rules, the
+// One run of the autoresponder: the mailbox's settings, the rules, the
 // memory of senders answered, and the answer.
 #include "zelresponder/responder.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <optional>
 
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
-#include "zelapi/mail/email.h"
-#include "zelapi/mail/tables.h"
 #include "zelresponder/address.h"
 #include "zelresponder/reply.h"
 #include "zelresponder/rules.h"
@@ -22,35 +22,14 @@ namespace zelresponder {
 
 namespace {
 
-constexpr std::time_t kDay = 24 * 60 * 60;
-// Periods beyond this many days (about 27 centuries) are taken as this one,
-// so that the period in seconds cannot overflow.
-constexpr int64_t kMaxPeriodDays = 1000000;
+// A sender text longer than this is cut in the log.
+constexpr size_t kMaxLoggedSender = 200;
 
 Outcome NoAnswer(const std::string& reason, const std::string& recipient = std::string()) {
   Outcome outcome;
   outcome.recipient = recipient;
   outcome.reason = reason;
   return outcome;
-}
-
-// The mailbox's own address and every address that names it.
-Identity MailboxIdentity(pnl_db::Cache& db, zel_db::EmailTable& mailbox,
-                         zel_db::EmailDomainTable& domain) {
-  Identity self;
-  const std::string ascii = domain.name.Str();
-  const std::string unicode = domain.name.Unicode();
-  self.address = mailbox.name.Str() + "@" + ascii;
-  std::vector<std::string> locals = {mailbox.name.Str()};
-  std::shared_ptr<zel_db::EmailAliasTable> aliases = db.Get<zel_db::EmailAliasTable>();
-  for (bool found = aliases->DbFind("email = " + mailbox.id.Str()); found && !aliases->Eof();
-       aliases->Next())
-    locals.push_back(aliases->name.Str());
-  for (const std::string& local : locals) {
-    self.names.push_back(local + "@" + ascii);
-    if (unicode != ascii) self.names.push_back(local + "@" + unicode);
-  }
-  return self;
 }
 
 std::string OneLine(const std::string& text) {
@@ -60,6 +39,11 @@ std::string OneLine(const std::string& text) {
   return line;
 }
 
+std::string Logged(const std::string& sender) {
+  if (sender.size() <= kMaxLoggedSender) return sender;
+  return sender.substr(0, kMaxLoggedSender) + "... (" + std::to_string(sender.size()) + " bytes)";
+}
+
 }  // namespace
 
 const pnl_log::Module& ResponderLog() {
@@ -67,67 +51,46 @@ const pnl_log::Module& ResponderLog() {
   return log;
 }
 
-Outcome Respond(pnl_db::Cache& db, const std::string& address, const Message& message,
+std::vector<std::string> SendArguments(const std::string& recipient) {
+  // "--": sendmail takes every later word as an address, never an option.
+  return {"-f", "<>", "--", recipient};
+}
+
+Outcome Respond(const email::ResponderSettings& settings, Memory& memory, const Message& message,
                 std::time_t now) {
   Identity self;
-  std::string domain_name, subject, text, key;
-  int64_t responder_id = 0;
-  bool had_record = false;
-  int64_t old_sent_at = 0;
-  std::string recipient;
-  {
-    pnl_db::Request request(db);
-    std::shared_ptr<zel_db::EmailTable> mailbox = db.Get<zel_db::EmailTable>();
-    std::shared_ptr<zel_db::EmailDomainTable> domain = db.Get<zel_db::EmailDomainTable>();
-    if (!email::FindByEmailName(address, mailbox, domain))
-      return NoAnswer("there is no mailbox " + address);
-    std::shared_ptr<zel_db::EmailResponderTable> responder =
-        db.Get<zel_db::EmailResponderTable>();
-    if (!responder->email.Lookup(mailbox->id.Str())) return NoAnswer("the mailbox has no responder");
-    if (!responder->enabled.Value()) return NoAnswer("the responder is off");
-    if (responder->text.Value().empty()) return NoAnswer("the responder has no text");
-    if (!mailbox->enabled.Value()) return NoAnswer("the mailbox is suspended");
-    if (!domain->enabled.Value()) return NoAnswer("the mail domain is suspended");
+  self.address = settings.address;
+  self.names = settings.names;
+  const Decision decision = Decide(message, self);
+  if (!decision.reply) return NoAnswer(decision.reason, decision.recipient);
+  const std::string recipient = decision.recipient;
 
-    self = MailboxIdentity(db, *mailbox, *domain);
-    const Decision decision = Decide(message, self);
-    if (!decision.reply) return NoAnswer(decision.reason, decision.recipient);
-    recipient = decision.recipient;
+  const std::string command = pnl_cf::GetPath(kSendPathKey);
+  const std::string problem = SendCommandProblem(command);
+  if (!problem.empty()) {
+    Outcome outcome = NoAnswer(problem, recipient);
+    outcome.failed = true;
+    return outcome;
+  }
 
-    responder_id = responder->id.Value();
-    key = AddressKey(recipient);
-    const int64_t period = std::min(responder->period_days.Value(), kMaxPeriodDays);
-    std::shared_ptr<zel_db::EmailResponderSentTable> sent =
-        db.Get<zel_db::EmailResponderSentTable>();
-    had_record = sent->Lookup({{sent->responder, std::to_string(responder_id)}, {sent->sender, key}});
-    if (had_record) {
-      old_sent_at = sent->sent_at.Value();
-      if (period > 0 && old_sent_at > static_cast<int64_t>(now) - period * kDay)
-        return NoAnswer("the sender was answered on " + FormatDate(old_sent_at) +
-                            ", less than " + std::to_string(period) + " days ago",
-                        recipient);
-    } else {
-      sent->New();
-      sent->responder = responder_id;
-      sent->sender = key;
-    }
-    sent->sent_at = static_cast<int64_t>(now);
-    sent->Post();
-    domain_name = domain->name.Str();
-    subject = responder->subject.Value();
-    text = responder->text.Value();
-    request.End();
+  const std::string key = AddressKey(recipient);
+  Memory::Record previous;
+  if (!memory.Claim(settings.address, settings.stamp, key, settings.period_days, now, &previous)) {
+    const int64_t period = std::min<int64_t>(settings.period_days, 1000000);
+    return NoAnswer("the sender was answered on " + FormatDate(previous.sent_at) + ", less than " +
+                        std::to_string(period) + " days ago",
+                    recipient);
   }
 
   ReplyParts parts;
-  parts.from = self.address;
+  parts.from = settings.address;
   parts.to = recipient;
-  parts.subject = subject;
-  parts.text = text;
+  parts.subject = settings.subject;
+  parts.text = settings.text;
   parts.date = FormatDate(now);
-  parts.message_id = NewMessageId(now, domain_name);
-  const std::string command = pnl_cf::GetPath(kSendPathKey) + kNullSenderOption;
-  const SendResult sent = SendThroughCommand(command, BuildReply(message, parts));
+  parts.message_id = NewMessageId(now, settings.address.substr(settings.address.rfind('@') + 1));
+  const std::vector<std::string> args = SendArguments(recipient);
+  const SendResult sent = SendThroughCommand(command, BuildReply(message, parts), args);
   if (sent.status == 0 && sent.took_all) {
     Outcome outcome;
     outcome.replied = true;
@@ -136,22 +99,9 @@ Outcome Respond(pnl_db::Cache& db, const std::string& address, const Message& me
   }
 
   // Not sent: the sender is to be answered next time.
-  {
-    pnl_db::Request request(db);
-    std::shared_ptr<zel_db::EmailResponderSentTable> record =
-        db.Get<zel_db::EmailResponderSentTable>();
-    if (record->Lookup({{record->responder, std::to_string(responder_id)}, {record->sender, key}})) {
-      if (had_record) {
-        record->sent_at = old_sent_at;
-        record->Post();
-      } else {
-        record->Delete();
-      }
-    }
-    request.End();
-  }
+  memory.Release(settings.address, settings.stamp, key, previous);
   Outcome outcome = NoAnswer(
-      "the send command \"" + command + "\" " +
+      "the send command \"" + CommandLine(command, args) + "\" " +
           (sent.status != 0 ? "failed with status " + std::to_string(sent.status)
                             : std::string("did not take the whole answer")) +
           (sent.output.empty() ? "" : ": " + OneLine(sent.output)),
@@ -177,6 +127,16 @@ int Main(int argc, char** argv, int input) {
   // The message is taken whole first: sendmail is done writing before
   // anything here can fail.
   const std::string raw = ReadInput(input, kMaxMessageBytes);
+  if (::geteuid() == 0) {
+    // Nothing is opened as root: the log file and the memory belong to the
+    // default user, who could have put a link to any file in their place.
+    std::fputs("zelpnl-responder: error: refusing to run as root (set sendmail's DefaultUser to "
+               "an unprivileged user, such as mail); no answer sent\n",
+               stderr);
+    return 0;
+  }
+  // What the program makes (its memory, its log) is for its own user.
+  ::umask(027);
   std::string config;
   std::string address;
   int i = 1;
@@ -193,11 +153,13 @@ int Main(int argc, char** argv, int input) {
   address = argv[i];
   try {
     if (config.empty()) {
-      const char* env = std::getenv("ZELPNL_CONF");
+      const char* env = std::getenv("ZELPNL_RESPONDER_CONF");
       config = (env && *env) ? env : kDefaultConfig;
     }
     pnl_cf::Load(config);
     pnl_cf::SetPathDefault(kSendPathKey, kDefaultSendCommand);
+    pnl_cf::SetPathDefault(email::kResponderSettingsKey, email::kDefaultResponderSettings);
+    pnl_cf::SetPathDefault(kMemoryPathKey, kDefaultMemory);
     const std::string level = pnl_cf::GetParam("log_level");
     try {
       pnl_log::Configure(pnl_cf::GetParam("log_file"),
@@ -206,30 +168,29 @@ int Main(int argc, char** argv, int input) {
     } catch (const std::exception& e) {
       ResponderLog().Warning(std::string("log file not used: ") + e.what());
     }
-    const std::string database = pnl_cf::GetParam("database");
-    if (database.empty())
-      throw pnl_err::Error("conf", config, "sets no \"database\" parameter");
-    zel_db::OpenCache(database);
-    const Outcome outcome =
-        Respond(*zel_db::GetCache(), address, Message::Parse(raw), std::time(nullptr));
+    const std::optional<email::ResponderSettings> settings =
+        email::ReadResponderSettings(pnl_cf::GetPath(email::kResponderSettingsKey), address);
+    Outcome outcome;
+    if (!settings) {
+      outcome = NoAnswer("the mailbox does not answer (no responder settings: its responder is "
+                         "off, or it or its domain is suspended or gone)");
+    } else {
+      Memory memory(pnl_cf::GetPath(kMemoryPathKey));
+      outcome = Respond(*settings, memory, Message::Parse(raw), std::time(nullptr));
+    }
+    const std::string to = outcome.recipient.empty() ? "" : " to " + Logged(outcome.recipient);
     if (outcome.replied) {
       ResponderLog().Info("answered " + outcome.recipient + " for " + address);
+    } else if (outcome.failed) {
+      ResponderLog().Error("no answer for " + address + to + ": " + outcome.reason);
     } else {
-      const std::string line = "no answer for " + address +
-                               (outcome.recipient.empty() ? "" : " to " + outcome.recipient) +
-                               ": " + outcome.reason;
-      if (outcome.failed) {
-        ResponderLog().Error(line);
-      } else {
-        ResponderLog().Info(line);
-      }
+      ResponderLog().Info("no answer for " + address + to + ": " + outcome.reason);
     }
   } catch (const std::exception& e) {
     ResponderLog().Error("no answer for " + address + ": " + e.what());
   } catch (...) {
     ResponderLog().Error("no answer for " + address + ": unknown failure");
   }
-  zel_db::CloseCache();
   return 0;
 }
 

@@ -67,23 +67,24 @@ Decision No(Decision d, const std::string& reason) {
   return d;
 }
 
-// The sender of the message and where it was found.
-void FindSender(const Message& message, Decision& d) {
+// The sender of the message and where it was found. A field that is not
+// exactly one address gives no sender: *why says what is wrong with it (and
+// the recipient holds the field's text, for the log).
+void FindSender(const Message& message, Decision& d, std::string& why) {
   if (message.Envelope()) {
     d.recipient = *message.Envelope();
     d.source = "envelope";
     return;
   }
   if (const HeaderField* path = message.Find("Return-Path")) {
-    d.recipient = PathAddress(path->value);
     d.source = "Return-Path";
+    if (!OnePath(path->value, d.recipient, &why)) d.recipient = path->value;
     return;
   }
   for (const char* name : {"Sender", "From"}) {
     if (const HeaderField* field = message.Find(name)) {
-      const std::vector<std::string> list = AddressList(field->value);
-      d.recipient = list.empty() ? std::string() : list.front();
       d.source = name;
+      if (!OneMailbox(field->value, d.recipient, &why)) d.recipient = field->value;
       return;
     }
   }
@@ -100,15 +101,19 @@ bool NamesSelf(const std::string& address, const Identity& self) {
 
 Decision Decide(const Message& message, const Identity& self) {
   Decision d;
-  FindSender(message, d);
+  std::string why;
+  FindSender(message, d, why);
   if (d.source.empty()) return No(d, "the message names no sender");
+  if (!why.empty())
+    return No(d, "the sender's " + d.source + " field is not one address: " + why);
   if (d.recipient.empty())
     return No(d, "the sender is empty (" + d.source + " <>): a bounce is never answered");
 
   const std::string local = LocalKey(d.recipient);
   const std::string system = MailSystem(local.empty() ? Lower(d.recipient) : local);
   if (!system.empty()) return No(d, "the sender " + system);
-  if (!IsReplyAddress(d.recipient)) return No(d, "the sender is no valid mail address");
+  if (!IsReplyAddress(d.recipient, &why))
+    return No(d, "the sender is no address an answer may go to: " + why);
   if (NamesSelf(d.recipient, self)) return No(d, "the sender is the mailbox itself");
 
   for (const HeaderField* field : message.FindAll("Auto-Submitted")) {

@@ -12,8 +12,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "zelapi/err.h"
+#include "zelapi/str.h"
 #include "zelresponder/responder.h"
 
 extern char** environ;
@@ -101,7 +103,8 @@ std::string Escaped(const std::string& command) {
 
 }  // namespace
 
-SendResult SendThroughCommand(const std::string& command, const std::string& text) {
+SendResult SendThroughCommand(const std::string& command, const std::string& text,
+                              const std::vector<std::string>& args) {
   SendResult result;
   Fd in_read, in_write, out_read, out_write;
   MakePipe(command, in_read, in_write);
@@ -112,10 +115,15 @@ SendResult SendThroughCommand(const std::string& command, const std::string& tex
   posix_spawn_file_actions_adddup2(&actions, in_read.get(), 0);
   posix_spawn_file_actions_adddup2(&actions, out_write.get(), 1);
   posix_spawn_file_actions_adddup2(&actions, out_write.get(), 2);
-  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  // "$@" gives the shell's positional parameters, each as one word, with no
+  // splitting or expansion: the arguments never pass through its parser.
+  const std::string script = command + " \"$@\"";
+  std::vector<const char*> argv = {"/bin/sh", "-c", script.c_str(), "zelpnl-responder"};
+  for (const std::string& arg : args) argv.push_back(arg.c_str());
+  argv.push_back(nullptr);
   pid_t pid = -1;
   const int spawned = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr,
-                                    const_cast<char* const*>(argv), environ);
+                                    const_cast<char* const*>(argv.data()), environ);
   posix_spawn_file_actions_destroy(&actions);
   in_read.Close();
   out_write.Close();
@@ -195,8 +203,37 @@ SendResult SendThroughCommand(const std::string& command, const std::string& tex
     result.status = 128 + WTERMSIG(status);
   }
   result.took_all = !broken && written == text.size();
-  ResponderLog().Debug("ran \"" + Escaped(command) + "\" status=" + std::to_string(result.status));
+  ResponderLog().Debug("ran \"" + Escaped(CommandLine(command, args)) +
+                       "\" status=" + std::to_string(result.status));
   return result;
+}
+
+std::string CommandLine(const std::string& command, const std::vector<std::string>& args) {
+  std::string line = command;
+  for (const std::string& arg : args) line += " " + str::ShellWord(arg);
+  return line;
+}
+
+std::string SendCommandProblem(const std::string& command) {
+  // sendmail's flags that take no value: a cluster of them may end in one
+  // that does, whose value is the rest of the word.
+  static const std::string kBareFlags = "cGIimnsTtUv";
+  size_t i = 0;
+  while (i < command.size()) {
+    while (i < command.size() && (command[i] == ' ' || command[i] == '\t')) ++i;
+    size_t end = i;
+    while (end < command.size() && command[end] != ' ' && command[end] != '\t') ++end;
+    const std::string word = command.substr(i, end - i);
+    i = end;
+    if (word == "--") break;
+    if (word.size() < 2 || word[0] != '-' || word[1] == '-') continue;
+    for (size_t k = 1; k < word.size() && kBareFlags.find(word[k]) != std::string::npos; ++k)
+      if (word[k] == 't')
+        return "the send command \"" + command + "\" reads recipients from the header (\"" +
+               word +
+               "\"); remove -t: the answer goes to the one recipient on its command line";
+  }
+  return std::string();
 }
 
 }  // namespace zelresponder

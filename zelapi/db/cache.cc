@@ -1,13 +1,17 @@
 // pnl_db::Cache: the connection, its schema, its requests, its pool of table
 // cursors, and the results of Query.
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 #include <utility>
 
 #include "internal.h"
 #include "zelapi/err.h"
+#include "zelapi/file.h"
 #include "zelapi/log.h"
 
 namespace pnl_db {
@@ -38,6 +42,34 @@ std::string SetWalJournal(Cache::Impl& impl) {
     }
     std::this_thread::sleep_for(pause);
     pause = std::min(pause * 2, std::chrono::milliseconds(50));
+  }
+}
+
+// A database holds the panel's secrets, so it is made readable by its owner
+// alone: a missing file is created empty (a valid empty database) with mode
+// 0600 before SQLite opens it, since SQLite would create it with 0644 less
+// the umask; SQLite gives the -wal and -shm files it creates later the
+// database file's mode. A file that others may read is closed to them (its
+// group keeps what it has), and so are its -wal and -shm files.
+void KeepPrivate(const std::string& file) {
+  if (file.empty() || file == ":memory:" || file.rfind("file:", 0) == 0) return;
+  std::shared_ptr<pnl_file::Ops> ops = pnl_file::CurrentOps();
+  int fd = -1;
+  const int err = ops->Open(file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600, fd);
+  if (err == 0) {
+    ops->Close(fd);
+    return;
+  }
+  // EEXIST: there is one (possibly made meanwhile by another process); any
+  // other failure is SQLite's to report when it opens the file.
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const std::string path = file + suffix;
+    unsigned old_mode = 0;
+    if (pnl_file::CloseToOthers(path, &old_mode)) {
+      char modes[32];
+      std::snprintf(modes, sizeof modes, "%04o to %04o", old_mode, old_mode & ~07u);
+      pnl_log::Platform().Warning(path + " was open to every user; its mode went from " + modes);
+    }
   }
 }
 
@@ -256,6 +288,7 @@ std::unique_ptr<Cache> Cache::Open(const std::string& file, const Schema& schema
       Throw(file, "schema steps must be numbered 1, 2, 3, ... (step " + std::to_string(i + 1) +
                       " says " + std::to_string(schema[i].version) + ")");
 
+  KeepPrivate(file);
   std::unique_ptr<Cache> cache(new Cache(file));
   Impl& impl = *cache->impl_;
   const int rc = sqlite3_open_v2(file.c_str(), &impl.db,

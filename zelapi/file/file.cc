@@ -225,6 +225,14 @@ int Ops::RealPath(const std::string& path, std::string& resolved) {
   return 0;
 }
 
+int Ops::MakeDir(const std::string& path, unsigned mode) {
+  return ::mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : errno;
+}
+
+int Ops::RemoveDir(const std::string& path) { return ::rmdir(path.c_str()) == 0 ? 0 : errno; }
+
+int Ops::SyncFileSystem(int fd) { return ::syncfs(fd) == 0 ? 0 : errno; }
+
 std::shared_ptr<Ops> CurrentOps() {
   if (!Replaced().load(std::memory_order_acquire)) return DefaultOps();
   std::lock_guard<std::mutex> guard(OpsMutex());
@@ -273,6 +281,20 @@ bool ReadFile(const std::string& path, std::string& data, FileId& id) {
   data.resize(used);
   // The identity must describe what was read: take it again at the end.
   if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat", err);
+  return true;
+}
+
+bool CloseToOthers(const std::string& path, unsigned* old_mode) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  // O_NONBLOCK: a FIFO put in the file's place must not hold the caller.
+  if (ops->Open(path, O_RDONLY | O_NONBLOCK, 0, fd) != 0) return false;
+  FdGuard guard(*ops, fd);
+  FileId id;
+  if (ops->Fstat(fd, id) != 0) return false;
+  if (id.uid != ::geteuid() || (id.mode & 07) == 0) return false;
+  if (ops->Fchmod(fd, id.mode & ~07u) != 0) return false;
+  if (old_mode != nullptr) *old_mode = id.mode;
   return true;
 }
 
@@ -333,12 +355,12 @@ void Folder::Close() noexcept {
 }
 
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
-                 const FileId* original) {
-  return WriteFile(folder, path, std::vector<std::string_view>{data}, original);
+                 const FileId* original, Flush flush) {
+  return WriteFile(folder, path, std::vector<std::string_view>{data}, original, flush);
 }
 
 FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std::string_view>& pieces,
-                 const FileId* original) {
+                 const FileId* original, Flush flush) {
   std::shared_ptr<Ops> ops = CurrentOps();
   // Through a symbolic link the file it points to is replaced, so the link
   // stays a link. A file that does not exist yet is made where path says.
@@ -405,19 +427,30 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
     if ((err = ops->Fchown(fd, original->uid, original->gid)) != 0)
       Fail(path, "cannot give temporary file the owner of the original", err);
   }
-  if ((err = ops->Fsync(fd)) != 0) Fail(path, "cannot flush temporary file", err);
+  if (flush == Flush::kNow && (err = ops->Fsync(fd)) != 0)
+    Fail(path, "cannot flush temporary file", err);
   FileId id;
   if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat temporary file", err);
   if ((err = temp.Close()) != 0) Fail(path, "cannot close temporary file", err);
   if ((err = ops->Rename(temp.path(), target)) != 0)
     Fail(path, "cannot rename " + temp.path() + " over " + target, err);
   temp.Commit();
+  if (flush == Flush::kLater) return id;
   try {
     folder.Sync();
   } catch (const pnl_err::Error& e) {
     throw pnl_err::Error("file", path, std::string("saved, but ") + e.detail());
   }
   return id;
+}
+
+void FlushFileSystem(const std::string& path) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  int err = ops->Open(path, O_RDONLY | O_NONBLOCK, 0, fd);
+  if (err != 0) Fail(path, "cannot open to flush its file system", err);
+  FdGuard guard(*ops, fd);
+  if ((err = ops->SyncFileSystem(fd)) != 0) Fail(path, "cannot flush its file system", err);
 }
 
 }  // namespace safe

@@ -14,6 +14,7 @@ namespace email {
 namespace {
 
 constexpr char kResponderPathKey[] = "zelpnl-responder";
+constexpr char kResponderConfKey[] = "responder-conf";
 
 // Characters that an aliases-file target in double quotes cannot carry as
 // they are: the list separator, the quote itself, the escape character and
@@ -80,7 +81,10 @@ std::string GetResponderAction(std::shared_ptr<zel_db::EmailTable>& email) {
   if (program.empty()) Refuse(address, "responder program", program);
   std::string action = "\"|";
   action += program;
-  const std::string config = pnl_cf::LoadedFile();
+  // The responder's own configuration, never the panel's: the program runs
+  // as sendmail's default user, who may not read the panel's.
+  const std::string config =
+      pnl_cf::HasPath(kResponderConfKey) ? pnl_cf::GetPath(kResponderConfKey) : std::string();
   if (!config.empty()) {
     action += " --config ";
     action += ShellWord(address, "configuration file", config);

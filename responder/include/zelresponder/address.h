@@ -35,11 +35,31 @@ std::string AddressKey(std::string_view address);
 // case ("" when the address does not split).
 std::string LocalKey(std::string_view address);
 
-// Whether address may be the recipient of a reply: local@domain with a
-// dot-atom or quoted-string local part and a domain of letters, digits, "-"
-// and "." (or an address literal in brackets), printable ASCII only, at most
-// 254 bytes. What it refuses could carry a second recipient or a header
-// line into the reply, whose recipients sendmail reads from its To field.
-bool IsReplyAddress(std::string_view address);
+// Whether address may be the recipient of an answer: exactly one address
+// local@domain, where the local part is a dot-atom of letters, digits and
+// "._+-=&'" (at most 64 bytes, not starting with "-") and the domain a host
+// name of two or more labels of letters, digits and "-" (no final dot, no
+// address literal); at most 254 bytes. Everything else is refused, however
+// valid in mail: a quoted local part, a comment, an angle bracket, a comma or
+// a blank (sendmail splits a recipient argument at commas and blanks, and
+// reads quotes), "%", "!", "/" and "|" (routing, files and programs to
+// sendmail), a leading "-" (an option to a command line), control characters
+// and 8-bit bytes (a header line). When refused, *why (if given) says why.
+bool IsReplyAddress(std::string_view address, std::string* why = nullptr);
+
+// The address of a From or Sender field value that is exactly one mailbox:
+// an address alone, or a display name (words and quoted strings) and one
+// address in angle brackets, with nothing after it. Returns false, with the
+// reason in *why, for anything else: several addresses or a group (",", ";",
+// ":" outside quotes), a comment, more than one angle bracket, an "@" or a
+// backslash outside quotes and brackets, a source route, an unterminated
+// quoted string, control characters. The address found is not checked
+// further (see IsReplyAddress).
+bool OneMailbox(std::string_view value, std::string& address, std::string* why);
+
+// The address of a Return-Path field value that is exactly one path: "<>"
+// (address ""), "<address>" or an address alone, blanks around it allowed.
+// Returns false, with the reason in *why, for anything else.
+bool OnePath(std::string_view value, std::string& address, std::string* why);
 
 }  // namespace zelresponder

@@ -39,14 +39,17 @@ struct Decision {
 // Applies the rules, in this order; the first that refuses gives the reason:
 //  1. The sender: sendmail's envelope sender, else the Return-Path field;
 //     only when the message carries neither, the Sender field, else From.
-//     An empty sender ("<>") is a bounce and never answered.
+//     A field that is not exactly one address (OnePath, OneMailbox) is not
+//     answered: no address is picked out of several. An empty sender ("<>")
+//     is a bounce and never answered.
 //  2. Senders that are mail systems: MAILER-DAEMON, postmaster, mailer, the
 //     list addresses owner-*, *-owner, *-request, *-bounces (also with a
 //     tag after "+", as in users-bounces+tag), and addresses
 //     that take no replies (noreply, no-reply, donotreply, do-not-reply),
 //     local parts compared without regard to case.
-//  3. A sender that is no valid reply address (IsReplyAddress), or that is
-//     the mailbox itself (one of self.names).
+//  3. A sender that is no address an answer may go to (IsReplyAddress: one
+//     plain address, nothing a command line or header could misread), or
+//     that is the mailbox itself (one of self.names).
 //  4. Auto-Submitted with any value but "no"; X-Auto-Response-Suppress
 //     holding All, OOF or AutoReply; X-Autoreply or X-Autorespond present.
 //  5. Precedence bulk, junk, list or auto_reply.

@@ -1,12 +1,10 @@
 // A message delivered by a sandbox's real sendmail to a mailbox whose
 // responder is on: sendmail pipes it to zelpnl-responder through the
-// mailbox's aliases entry, and the answer lands in the sandbox's queue.
-//
-// sendmail runs a program of a root-owned aliases file as its DefaultUser
-// (daemon), which may not write the sandbox's root-owned database and log;
-// the delivery here is made with DefaultUser=0:0 so that the program runs
-// as root, the owner of the sandbox. The answer is sent with "-odq": queued
-// only, never sent on.
+// mailbox's aliases entry, as its default user (the mail user, from the
+// sandbox's sendmail.mc), and the answer lands in the sandbox's answer
+// queue, owned by that user ("-odq": queued only, never sent on).
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -15,6 +13,7 @@
 
 #include "responder_fixture.h"
 #include "zelapi/mail/tables.h"
+#include "zelresponder/memory.h"
 
 namespace {
 
@@ -41,13 +40,14 @@ class EndToEndTest : public ::testing::Test {
   }
 
   // Delivers message from sender to recipient with the sandbox's sendmail,
-  // at once (-odi).
+  // at once (-odi), as root: sendmail runs the responder as its default
+  // user.
   void Deliver(const std::string& sender, const std::string& recipient,
                const std::string& message) {
     box_.Write("in.eml", message);
     std::string output;
-    zeltest::RunShell("/usr/sbin/sendmail -C " + Dir() + "/sendmail.cf -ODefaultUser=0:0 -f " +
-                          sender + " -oi -odi " + recipient + " < " + box_.Path("in.eml"),
+    zeltest::RunShell("/usr/sbin/sendmail -C " + Dir() + "/sendmail.cf -f " + sender +
+                          " -oi -odi " + recipient + " < " + box_.Path("in.eml"),
                       &output);
     last_delivery_ = output;
   }
@@ -56,7 +56,7 @@ class EndToEndTest : public ::testing::Test {
   // answer.
   std::vector<std::string> QueuedAnswers() const {
     std::vector<std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(Dir() + "/queue")) {
+    for (const auto& entry : std::filesystem::directory_iterator(Dir() + "/answers")) {
       if (entry.path().filename().string().rfind("qf", 0) != 0) continue;
       const std::string text = zeltest::ReadFile(entry.path());
       if (text.find("Auto-Submitted: auto-replied\n") != std::string::npos) found.push_back(text);
@@ -82,6 +82,20 @@ bool HasLine(const std::vector<std::string>& lines, const std::string& line) {
   return false;
 }
 
+// The recipient lines of a queue file: "R" lines are the recipients sendmail
+// delivers to.
+std::vector<std::string> Recipients(const std::vector<std::string>& qf) {
+  std::vector<std::string> out;
+  for (const std::string& line : qf)
+    if (!line.empty() && line[0] == 'R') out.push_back(line);
+  return out;
+}
+
+unsigned Owner(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_uid : ~0u;
+}
+
 }  // namespace
 
 TEST_F(EndToEndTest, SendmailPipesTheMessageToTheResponderAndTheAnswerIsQueued) {
@@ -91,27 +105,26 @@ TEST_F(EndToEndTest, SendmailPipesTheMessageToTheResponderAndTheAnswerIsQueued) 
             0)
       << output;
   ASSERT_TRUE(std::filesystem::exists(Dir() + "/sendmail.cf"));
-  // The responder action names the built program; answers are queued only.
-  std::string conf = zeltest::ReadFile(Conf());
-  const size_t key = conf.find("zelpnl-responder = ");
-  ASSERT_NE(key, std::string::npos);
-  conf.replace(key, conf.find('\n', key) - key,
-               std::string("zelpnl-responder = ") + ZEL_BIN_DIR + "/zelpnl-responder");
-  conf += "responder-sendmail = /usr/sbin/sendmail -C " + Dir() + "/sendmail.cf -odq -t -oi\n";
-  zeltest::WriteFile(Conf(), conf);
+  const struct passwd* mail = ::getpwnam("mail");
+  ASSERT_NE(mail, nullptr);
 
   Zel("webdomain add d.example --owner admin");
   Zel("mail domain add d.example");
   Zel("mail box add l@d.example --alias contact");
   Zel("mail responder l@d.example on --subject Away --text 'Back on Monday.'");
+  // The action names the responder's own configuration, not the panel's.
   ASSERT_NE(zeltest::ReadFile(Dir() + "/aliases")
-                .find("\"|" + std::string(ZEL_BIN_DIR) + "/zelpnl-responder --config " + Conf() +
-                      " l@d.example\""),
+                .find("\"|" + std::string(ZEL_BIN_DIR) + "/zelpnl-responder --config " + Dir() +
+                      "/responder.conf l@d.example\""),
             std::string::npos);
 
+  // Many recipients in the header: the answer still has one.
   const std::string message =
       "From: Ann <ann@x.example>\n"
-      "To: Contact <contact@d.example>\n"
+      "To: Contact <contact@d.example>, Zoe <zoe@z.example>\n"
+      "Cc: cc@c.example\n"
+      "Bcc: bcc@b.example\n"
+      "Reply-To: other@o.example\n"
       "Subject: Hello\n"
       "Message-ID: <e2e-1@x.example>\n"
       "\n"
@@ -120,46 +133,70 @@ TEST_F(EndToEndTest, SendmailPipesTheMessageToTheResponderAndTheAnswerIsQueued) 
 
   const std::vector<std::string> answers = QueuedAnswers();
   ASSERT_EQ(answers.size(), 1u) << "sendmail said: " << last_delivery_ << "\nlog:\n"
-                                << zeltest::ReadFile(Dir() + "/zelpnl.log");
+                                << zeltest::ReadFile(Dir() + "/responder.log");
   const std::vector<std::string> qf = Lines(answers[0]);
-  // The null envelope sender, the sender of the message as recipient.
+  // The null envelope sender, and exactly one recipient: the sender of the
+  // message.
   EXPECT_TRUE(HasLine(qf, "S<>")) << answers[0];
-  bool to_sender = false;
-  for (const std::string& line : qf)
-    if (line.rfind("R", 0) == 0 && line.size() > 14 &&
-        line.compare(line.size() - 14, 14, ":ann@x.example") == 0)
-      to_sender = true;
-  EXPECT_TRUE(to_sender) << answers[0];
+  const std::vector<std::string> recipients = Recipients(qf);
+  ASSERT_EQ(recipients.size(), 1u) << answers[0];
+  EXPECT_EQ(recipients[0].substr(recipients[0].rfind(':')), ":ann@x.example") << answers[0];
   EXPECT_TRUE(HasLine(qf, "H??From: l@d.example")) << answers[0];
   EXPECT_TRUE(HasLine(qf, "H??To: ann@x.example")) << answers[0];
   EXPECT_TRUE(HasLine(qf, "H??Subject: Away")) << answers[0];
   EXPECT_TRUE(HasLine(qf, "H??In-Reply-To: <e2e-1@x.example>")) << answers[0];
   EXPECT_TRUE(HasLine(qf, "H??Auto-Submitted: auto-replied")) << answers[0];
+  for (const std::string& line : qf) {
+    EXPECT_EQ(line.rfind("H??Cc:", 0), std::string::npos) << line;
+    EXPECT_EQ(line.rfind("H??Bcc:", 0), std::string::npos) << line;
+  }
+  // Queued by the responder's user, in its own queue.
+  EXPECT_NE(answers[0].find("Received: (from mail@localhost)"), std::string::npos) << answers[0];
   // The body file of the same queue entry holds the text.
   const std::string id = [&] {
-    for (const auto& entry : std::filesystem::directory_iterator(Dir() + "/queue")) {
+    for (const auto& entry : std::filesystem::directory_iterator(Dir() + "/answers")) {
       const std::string name = entry.path().filename().string();
       if (name.rfind("qf", 0) == 0 && zeltest::ReadFile(entry.path()) == answers[0])
         return name.substr(2);
     }
     return std::string();
   }();
-  EXPECT_EQ(zeltest::ReadFile(Dir() + "/queue/df" + id), "Back on Monday.\n");
+  EXPECT_EQ(zeltest::ReadFile(Dir() + "/answers/df" + id), "Back on Monday.\n");
+  EXPECT_EQ(Owner(Dir() + "/answers/qf" + id), mail->pw_uid);
 
-  const std::string log = zeltest::ReadFile(Dir() + "/zelpnl.log");
+  const std::string log = zeltest::ReadFile(Dir() + "/responder.log");
   EXPECT_NE(log.find("info zelpnl/responder: answered ann@x.example for l@d.example"),
             std::string::npos)
       << log;
+
+  // It remembered the sender in its own memory, a file of the mail user's;
+  // the panel database has no trace of it.
+  const std::string memory = Dir() + "/responder-memory/sent.db";
+  EXPECT_EQ(Owner(memory), mail->pw_uid);
+  std::unique_ptr<pnl_db::Cache> db =
+      pnl_db::Cache::Open(Dir() + "/panel.db", zel_db::PanelSchema());
+  EXPECT_EQ(db->Query("SELECT count(*) FROM email_responder_sent").Int(), 0);
+  {
+    zelresponder::Memory remembered(memory);
+    EXPECT_EQ(remembered.Db().Query("SELECT mailbox || ' ' || sender FROM sent").Str(),
+              "l@d.example ann@x.example");
+  }
 
   // The same sender again: no second answer.
   Deliver("ann@x.example", "l@d.example",
           "From: Ann <ann@x.example>\nTo: l@d.example\nSubject: Again\n\nStill there?\n");
   EXPECT_EQ(QueuedAnswers().size(), 1u);
 
-  // Switched off, the responder forgets whom it answered.
-  std::unique_ptr<pnl_db::Cache> db =
-      pnl_db::Cache::Open(Dir() + "/panel.db", zel_db::PanelSchema());
-  EXPECT_EQ(db->Query("SELECT sender FROM email_responder_sent").Str(), "ann@x.example");
+  // Switched off and on, the responder answers each sender anew.
   Zel("mail responder l@d.example off");
-  EXPECT_TRUE(db->Query("SELECT sender FROM email_responder_sent").Eof());
+  EXPECT_FALSE(std::filesystem::exists(Dir() + "/responder/d.example/l"));
+  Zel("mail responder l@d.example on");
+  Deliver("ann@x.example", "l@d.example",
+          "From: Ann <ann@x.example>\nTo: l@d.example\nSubject: Back?\n\nAnd now?\n");
+  EXPECT_EQ(QueuedAnswers().size(), 2u) << zeltest::ReadFile(Dir() + "/responder.log");
+
+  // A suspended mailbox does not answer, whatever its aliases entry says:
+  // its settings are gone.
+  Zel("mail box suspend l@d.example");
+  EXPECT_FALSE(std::filesystem::exists(Dir() + "/responder/d.example/l"));
 }

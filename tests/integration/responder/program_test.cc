@@ -1,5 +1,7 @@
-// The built zelpnl-responder, fed real messages on its standard input, with
-// a send command that keeps what it would send.
+// The built zelpnl-responder, fed real messages on its standard input, run
+// as the mail user (as sendmail runs it) when the tests run as root, with a
+// send command that keeps what it would send.
+#include <filesystem>
 #include <regex>
 
 #include "responder_fixture.h"
@@ -61,11 +63,14 @@ TEST_F(ProgramTest, APlainMessageIsAnsweredOnceFromTheMailboxToTheEnvelopeSender
                                      "In-Reply-To: <20250303101500.plain@x.example>\n"
                                      "References: <20250303101500.plain@x.example>\n") +
                              kAnswerBody);
-  // sendmail reads the recipients from the answer; the answer's envelope
-  // sender is null.
-  EXPECT_EQ(SentArgs()[0], "-t\n-oi\n-f\n<>\n");
+  // The one recipient is an argument of its own after "--"; the answer's
+  // envelope sender is null.
+  EXPECT_EQ(SentArgs()[0], "-oi\n-f\n<>\n--\nann@x.example\n");
   EXPECT_EQ(LastLog(), "info zelpnl/responder: answered ann@x.example for l@d.example");
-  EXPECT_EQ(Rows("SELECT sender FROM email_responder_sent"), "ann@x.example");
+  // Remembered in the program's own memory, not in the panel database.
+  EXPECT_TRUE(std::regex_match(MemoryRows(), std::regex("l@d\\.example:ann@x\\.example:[0-9]+")))
+      << MemoryRows();
+  EXPECT_EQ(Rows("SELECT count(*) FROM email_responder_sent"), "0");
 }
 
 TEST_F(ProgramTest, AMultipartMessageIsAnsweredInItsThread) {
@@ -128,7 +133,7 @@ TEST_F(ProgramTest, BouncesAreNotAnswered) {
   ExpectNoAnswer(": the sender is empty (envelope <>): a bounce is never answered");
   Feed(PlainWith("").replace(5, 13, "postmaster@x.example"));
   ExpectNoAnswer(" to postmaster@x.example: the sender is a mail system (postmaster)");
-  EXPECT_EQ(Rows("SELECT count(*) FROM email_responder_sent"), "0");
+  EXPECT_EQ(MemoryRows(), "");
 }
 
 TEST_F(ProgramTest, AutomaticAnswersAreNotAnswered) {
@@ -156,7 +161,7 @@ TEST_F(ProgramTest, RepeatedSendersAreAnsweredOncePerPeriod) {
       << log[1];
   EXPECT_EQ(log[3], log[1]);
   // Eight days later (the record made older), the sender is answered again.
-  Db().Query("UPDATE email_responder_sent SET sent_at = sent_at - 8 * 86400");
+  OnMemory("UPDATE sent SET sent_at = sent_at - 8 * 86400");
   Feed(Sample("plain.eml"));
   EXPECT_EQ(Sent().size(), 3u);
 }
@@ -211,7 +216,7 @@ TEST_F(ProgramTest, HugeHeadersAreReadUpToTheLimitWithoutHarm) {
   EXPECT_NE(Sent()[0].find("\nTo: ann@x.example\n"), std::string::npos);
 
   // A 300 KB subject of words: cut after a whole word within 200 bytes.
-  Db().Query("DELETE FROM email_responder_sent");
+  OnMemory("DELETE FROM sent");
   std::string subject;
   while (subject.size() < 300000) subject += "very long ";
   Feed(PlainWith("").replace(PlainWith("").find("Subject: ") + 9, 18, subject));
@@ -227,7 +232,7 @@ TEST_F(ProgramTest, HugeHeadersAreReadUpToTheLimitWithoutHarm) {
   EXPECT_EQ(unfolded, expected);
 
   // 10,000 other recipients before the mailbox in To.
-  Db().Query("DELETE FROM email_responder_sent");
+  OnMemory("DELETE FROM sent");
   std::string to = "To: ";
   for (int i = 0; i < 10000; ++i) to += "user" + std::to_string(i) + "@x.example,\n ";
   to += "l@d.example\n";
@@ -247,7 +252,7 @@ TEST_F(ProgramTest, TheWholeInputIsReadSoTheDelivererNeverSeesABrokenPipe) {
   std::string output;
   const int status = zeltest::RunShell(
       "(cat " + box_.Path("big.eml") + "; echo $? > " + box_.Path("cat-status") + ") | TZ=UTC " +
-          ZEL_BIN_DIR + "/zelpnl-responder --config " + Config() + " l@d.example",
+          AsMailUser() + ZEL_BIN_DIR + "/zelpnl-responder --config " + Config() + " l@d.example",
       &output);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(output, "");
@@ -256,29 +261,59 @@ TEST_F(ProgramTest, TheWholeInputIsReadSoTheDelivererNeverSeesABrokenPipe) {
 }
 
 TEST_F(ProgramTest, AFailingSendCommandIsLoggedAsAnErrorAndTheExitStatusIsStillZero) {
-  std::string config = box_.Read("zelpnl.conf");
+  std::string config = box_.Read("responder.conf");
   config.replace(config.find("responder-sendmail = "), std::string::npos,
                  "responder-sendmail = exit 75\n");
-  box_.Write("zelpnl.conf", config);
+  box_.Write("responder.conf", config);
   std::string output;
   EXPECT_EQ(Run(Sample("plain.eml"), "l@d.example", &output), 0);
   const std::string line =
       "error zelpnl/responder: no answer for l@d.example to ann@x.example: the send command "
-      "\"exit 75 -f '<>'\" failed with status 75";
+      "\"exit 75 -f '<>' -- ann@x.example\" failed with status 75";
   EXPECT_EQ(LastLog(), line);
   // Errors are shown on standard error too.
   EXPECT_NE(output.find(line.substr(6)), std::string::npos) << output;
-  EXPECT_EQ(Rows("SELECT count(*) FROM email_responder_sent"), "0");
+  EXPECT_EQ(MemoryRows(), "");
 }
 
-TEST_F(ProgramTest, AnUnknownMailboxOrAResponderSwitchedOffGivesNoAnswer) {
+TEST_F(ProgramTest, ASendCommandWithMinusTIsRefused) {
+  std::string config = box_.Read("responder.conf");
+  config.replace(config.find("responder-sendmail = "), std::string::npos,
+                 "responder-sendmail = " + CaptureCommand() + " -t\n");
+  box_.Write("responder.conf", config);
+  std::string output;
+  EXPECT_EQ(Run(Sample("plain.eml"), "l@d.example", &output), 0);
+  EXPECT_TRUE(Sent().empty());
+  EXPECT_NE(LastLog().find("error zelpnl/responder: no answer for l@d.example to ann@x.example: "
+                           "the send command \"" + CaptureCommand() +
+                           " -t\" reads recipients from the header (\"-t\")"),
+            std::string::npos)
+      << LastLog();
+}
+
+TEST_F(ProgramTest, AMailboxWithoutSettingsOrAResponderSwitchedOffGivesNoAnswer) {
+  const std::string reason =
+      ": the mailbox does not answer (no responder settings: its responder is off, or it or "
+      "its domain is suspended or gone)";
   std::string output;
   EXPECT_EQ(Run(Sample("plain.eml"), "zz@d.example", &output), 0);
-  EXPECT_EQ(LastLog(), "info zelpnl/responder: no answer for zz@d.example: there is no mailbox "
-                       "zz@d.example");
+  EXPECT_EQ(LastLog(), "info zelpnl/responder: no answer for zz@d.example" + reason);
   SetResponderEnabled(false);
   Feed(Sample("plain.eml"));
-  ExpectNoAnswer(": the responder is off");
+  ExpectNoAnswer(reason);
+  EXPECT_EQ(MemoryRows(), "");
+}
+
+TEST_F(ProgramTest, AnAddressThatCannotNameASettingsFileIsRefused) {
+  for (const char* address : {"l@../../etc", "l@d.example/../x", "nobody"}) {
+    std::string output;
+    EXPECT_EQ(Run(Sample("plain.eml"), address, &output), 0);
+    EXPECT_NE(LastLog().find(std::string("error zelpnl/responder: no answer for ") + address +
+                             ": " + address + ": cannot name a responder settings file"),
+              std::string::npos)
+        << LastLog();
+  }
+  EXPECT_TRUE(Sent().empty());
 }
 
 TEST_F(ProgramTest, BadUsageAndAMissingConfigurationExitZeroAndSayWhy) {
@@ -301,8 +336,9 @@ TEST_F(ProgramTest, BadUsageAndAMissingConfigurationExitZeroAndSayWhy) {
 TEST_F(ProgramTest, WithoutConfigOptionTheEnvironmentNamesTheConfiguration) {
   box_.Write("in.eml", Sample("plain.eml"));
   std::string output;
-  EXPECT_EQ(zeltest::RunShell("TZ=UTC ZELPNL_CONF=" + Config() + " " + ZEL_BIN_DIR +
-                                  "/zelpnl-responder l@d.example < " + box_.Path("in.eml"),
+  EXPECT_EQ(zeltest::RunShell("TZ=UTC ZELPNL_RESPONDER_CONF=" + Config() + " " + AsMailUser() +
+                                  ZEL_BIN_DIR + "/zelpnl-responder l@d.example < " +
+                                  box_.Path("in.eml"),
                               &output),
             0);
   EXPECT_EQ(output, "");
@@ -310,13 +346,87 @@ TEST_F(ProgramTest, WithoutConfigOptionTheEnvironmentNamesTheConfiguration) {
 }
 
 TEST_F(ProgramTest, AnUnwritableLogFileLeavesTheLogOnStandardError) {
-  std::string config = box_.Read("zelpnl.conf");
+  std::string config = box_.Read("responder.conf");
   config.replace(config.find("log_file = "), config.find('\n', config.find("log_file = ")) -
                                                  config.find("log_file = "),
                  "log_file = " + box_.Path("no-such-folder/responder.log"));
-  box_.Write("zelpnl.conf", config);
+  box_.Write("responder.conf", config);
   std::string output;
   EXPECT_EQ(Run(Sample("plain.eml"), "l@d.example", &output), 0);
   EXPECT_NE(output.find("warning zelpnl/responder: log file not used"), std::string::npos) << output;
   EXPECT_EQ(Sent().size(), 1u);
+}
+
+// What sendmail runs as root could write the panel's files: the program
+// opens nothing then, not even its log or its memory (which their owner
+// could have replaced by links to root's files).
+TEST_F(ProgramTest, TheProgramRefusesToRunAsRoot) {
+  if (!zeltest::AsRoot()) GTEST_SKIP() << "needs root";
+  box_.Write("in.eml", Sample("plain.eml"));
+  std::string output;
+  EXPECT_EQ(zeltest::RunShell(std::string(ZEL_BIN_DIR) + "/zelpnl-responder --config " + Config() +
+                                  " l@d.example < " + box_.Path("in.eml"),
+                              &output),
+            0);
+  EXPECT_EQ(output,
+            "zelpnl-responder: error: refusing to run as root (set sendmail's DefaultUser to an "
+            "unprivileged user, such as mail); no answer sent\n");
+  EXPECT_TRUE(Sent().empty());
+  EXPECT_TRUE(Log().empty());
+  EXPECT_FALSE(std::filesystem::exists(MemoryFile()));
+}
+
+// Senders that are several addresses, or one address with tricks, through
+// sendmail's envelope line and through the header fields read without it:
+// no answer, and the log says why.
+TEST_F(ProgramTest, HostileSendersAreNotAnswered) {
+  const std::string plain = Sample("plain.eml");
+  const std::string body = plain.substr(plain.find('\n') + 1);
+  const std::vector<std::pair<std::string, std::string>> envelopes = {
+      {"a@x.example,b@y.example", "it holds more than one \"@\""},
+      {"-oQ/tmp/x@x.example", "its local part starts with \"-\""},
+      {"\"a,b\"@x.example", "its local part holds \"\"\""},
+      {"a%b@x.example", "its local part holds \"%\""},
+      {"|sh@x.example", "its local part holds \"|\""},
+      {std::string(300, 'a') + "@x.example", "it is longer than 254 characters"},
+      {"a@[192.0.2.1]", "its domain is no host name"},
+      {"a@localhost", "its domain is no host name"},
+  };
+  for (const auto& [sender, why] : envelopes) {
+    Feed("From " + sender + " Mon Mar  3 09:15:02 2025\n" + body);
+    EXPECT_NE(LastLog().find(": the sender is no address an answer may go to: " + why),
+              std::string::npos)
+        << sender << ": " << LastLog();
+  }
+  const std::vector<std::pair<std::string, std::string>> froms = {
+      {"a@x.example, b@y.example", "it holds several addresses"},
+      {"<a@x.example> b@y.example", "it has text after the address in angle brackets"},
+      {"team: a@x.example, b@y.example;", "it is a group or holds a source route"},
+      {"team:;", "it is a group or holds a source route"},
+      {"a@x.example (b@y.example)", "it holds a comment"},
+      {"\"a@x.example\"@y.example", "it holds words or quotes besides one address"},
+      {"a@x.example <b@y.example>", "it has an \"@\" outside the angle brackets"},
+      {"<a@x.example><b@y.example>", "it holds more than one \"<\""},
+      {"A <a@x.example", "its angle brackets do not pair"},
+      {"<@r.example:a@x.example>", "it is a group or holds a source route"},
+      {"\"open <a@x.example>", "it has an unterminated quoted string"},
+  };
+  for (const auto& [from, why] : froms) {
+    Feed("From: " + from + "\nTo: l@d.example\nSubject: s\n\nbody\n");
+    EXPECT_NE(LastLog().find(": the sender's From field is not one address: " + why),
+              std::string::npos)
+        << from << ": " << LastLog();
+  }
+  Feed("Return-Path: <a@x.example>, <b@y.example>\nFrom: c@z.example\nTo: l@d.example\n\n");
+  EXPECT_NE(LastLog().find(": the sender's Return-Path field is not one address"),
+            std::string::npos)
+      << LastLog();
+  // A carriage return inside a field (a line end to a later reader).
+  Feed("From: a@x.example\rBcc: b@y.example\nTo: l@d.example\n\n");
+  EXPECT_NE(LastLog().find(": the sender's From field is not one address: it holds a control "
+                           "character"),
+            std::string::npos)
+      << LastLog();
+  EXPECT_TRUE(Sent().empty());
+  EXPECT_EQ(MemoryRows(), "");
 }

@@ -1,6 +1,9 @@
 #include "responder_fixture.h"
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,9 +11,11 @@
 #include <filesystem>
 #include <regex>
 #include <sstream>
+#include <stdexcept>
 
 #include "zelapi/cf.h"
 #include "zelapi/mail/tables.h"
+#include "zelresponder/memory.h"
 #include "zelresponder/responder.h"
 
 namespace zeltest {
@@ -38,7 +43,32 @@ std::vector<std::string> Numbered(const std::string& dir, const std::string& suf
   return out;
 }
 
+// The mail user's ids (sendmail's default user on Debian).
+bool MailIds(uid_t& uid, gid_t& gid) {
+  const struct passwd* pw = ::getpwnam("mail");
+  if (pw == nullptr) return false;
+  uid = pw->pw_uid;
+  gid = pw->pw_gid;
+  return true;
+}
+
+// Gives path to the mail user when the tests run as root.
+void GiveToMailUser(const std::string& path) {
+  uid_t uid;
+  gid_t gid;
+  if (!AsRoot() || !MailIds(uid, gid)) return;
+  if (::chown(path.c_str(), uid, gid) != 0) throw std::runtime_error("cannot chown " + path);
+}
+
 }  // namespace
+
+bool AsRoot() { return ::geteuid() == 0; }
+
+std::string SettingsGroup() {
+  if (AsRoot()) return "mail";
+  const struct group* gr = ::getgrgid(::getegid());
+  return gr ? gr->gr_name : std::to_string(::getegid());
+}
 
 std::string Sample(const std::string& name) {
   return ReadFile(std::string(ZEL_TEST_DATA) + "/responder/" + name);
@@ -58,7 +88,12 @@ std::string Normal(const std::string& reply) {
 void ResponderTest::SetUp() {
   ::setenv("TZ", "UTC", 1);
   ::tzset();
-  std::filesystem::create_directory(box_.Path("out"));
+  for (const char* folder : {"out", "memory"}) {
+    std::filesystem::create_directory(box_.Path(folder));
+    GiveToMailUser(box_.Path(folder));
+  }
+  box_.Write("responder.log", "");
+  GiveToMailUser(LogFile());
   box_.Write("capture.sh", kCapture);
   db_ = pnl_db::Cache::Open(box_.Path("panel.db"), zel_db::PanelSchema());
   auto domain = db_->Get<zel_db::EmailDomainTable>();
@@ -84,15 +119,20 @@ void ResponderTest::SetUp() {
   responder->Post();
   responder_id_ = responder->id.Value();
 
-  box_.Write("zelpnl.conf", "[params]\n"
-                            "database = " + box_.Path("panel.db") + "\n"
-                            "log_file = " + LogFile() + "\n"
-                            "log_level = info\n"
-                            "[paths]\n"
-                            "responder-sendmail = " + CaptureCommand() + "\n");
-  // For the tests that call the library in this process.
+  box_.Write("responder.conf", "[params]\n"
+                               "log_file = " + LogFile() + "\n"
+                               "log_level = info\n"
+                               "[paths]\n"
+                               "responder-settings = " + SettingsDir() + "\n"
+                               "responder-memory = " + MemoryFile() + "\n"
+                               "responder-sendmail = " + CaptureCommand() + "\n");
+  // For the panel's code and the tests that call the library in this
+  // process.
   pnl_cf::Clear();
+  pnl_cf::SetPath(email::kResponderSettingsKey, SettingsDir());
+  pnl_cf::SetParam(email::kResponderGroupParam, SettingsGroup());
   pnl_cf::SetPath(zelresponder::kSendPathKey, CaptureCommand());
+  Publish();
 }
 
 void ResponderTest::TearDown() {
@@ -101,7 +141,17 @@ void ResponderTest::TearDown() {
 }
 
 std::string ResponderTest::CaptureCommand() const {
-  return "/bin/sh " + box_.Path("capture.sh") + " " + box_.Path("out") + " -t -oi";
+  return "/bin/sh " + box_.Path("capture.sh") + " " + box_.Path("out") + " -oi";
+}
+
+void ResponderTest::Publish() { email::SyncResponderSettings(*db_); }
+
+std::optional<email::ResponderSettings> ResponderTest::Settings(const std::string& address) {
+  return email::ReadResponderSettings(SettingsDir(), address);
+}
+
+std::string ResponderTest::AsMailUser() {
+  return AsRoot() ? "setpriv --reuid=mail --regid=mail --clear-groups -- " : "";
 }
 
 int ResponderTest::Run(const std::string& message, const std::string& address,
@@ -112,8 +162,8 @@ int ResponderTest::Run(const std::string& message, const std::string& address,
 int ResponderTest::RunArgs(const std::string& message, const std::string& args,
                            std::string* output) {
   box_.Write("in.eml", message);
-  return RunShell("TZ=UTC " + std::string(ZEL_BIN_DIR) + "/zelpnl-responder " + args + " < " +
-                      box_.Path("in.eml"),
+  return RunShell("TZ=UTC " + AsMailUser() + std::string(ZEL_BIN_DIR) + "/zelpnl-responder " +
+                      args + " < " + box_.Path("in.eml"),
                   output);
 }
 
@@ -153,11 +203,31 @@ std::string ResponderTest::Rows(const std::string& sql) {
   return out;
 }
 
+std::string ResponderTest::MemoryRows() {
+  if (!std::filesystem::exists(MemoryFile())) return "";
+  zelresponder::Memory memory(MemoryFile());
+  std::string out;
+  for (pnl_db::Query q =
+           memory.Db().Query("SELECT mailbox, sender, sent_at FROM sent ORDER BY mailbox, sender");
+       !q.Eof(); q.Next()) {
+    if (!out.empty()) out += "|";
+    out += q.Str(0) + ":" + q.Str(1) + ":" + q.Str(2);
+  }
+  return out;
+}
+
+void ResponderTest::OnMemory(const std::string& sql) {
+  if (!std::filesystem::exists(MemoryFile())) return;
+  zelresponder::Memory memory(MemoryFile());
+  memory.Db().Query(sql);
+}
+
 void ResponderTest::SetResponderEnabled(bool enabled) {
   auto responder = db_->Get<zel_db::EmailResponderTable>();
   responder->Assert(std::to_string(responder_id_));
   responder->enabled = enabled;
   responder->Post();
+  Publish();
 }
 
 void ResponderTest::SetPeriodDays(int64_t days) {
@@ -165,15 +235,7 @@ void ResponderTest::SetPeriodDays(int64_t days) {
   responder->Assert(std::to_string(responder_id_));
   responder->period_days = days;
   responder->Post();
-}
-
-void ResponderTest::Remember(const std::string& sender, int64_t sent_at) {
-  auto sent = db_->Get<zel_db::EmailResponderSentTable>();
-  sent->New();
-  sent->responder = responder_id_;
-  sent->sender = sender;
-  sent->sent_at = sent_at;
-  sent->Post();
+  Publish();
 }
 
 }  // namespace zeltest

@@ -104,11 +104,39 @@ TEST(RulesTest, MailSystemsAndListAddressesAreNotAnswered) {
 }
 
 TEST(RulesTest, MalformedAndUnqualifiedSendersAreNotAnswered) {
-  for (const char* sender : {"root", "a,b@x.example", "a@x_y.example"}) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"root", "it has no \"@\" and a domain"},
+      {"a,b@x.example",
+       "its local part holds \",\" (answers go to letters, digits and ._+-=&' only)"},
+      {"a@x_y.example",
+       "its domain is no host name (two or more labels of letters, digits and \"-\")"},
+  };
+  for (const auto& [sender, why] : cases) {
     const Decision d = D(Mail("", sender));
     EXPECT_FALSE(d.reply) << sender;
-    EXPECT_EQ(d.reason, "the sender is no valid mail address") << sender;
+    EXPECT_EQ(d.reason, "the sender is no address an answer may go to: " + why) << sender;
   }
+}
+
+// The answer goes to exactly one address: a header field that is not one
+// address gives no sender at all, never the first of several.
+TEST(RulesTest, ASenderFieldOfSeveralAddressesIsNotAnswered) {
+  Decision d = D("From: a@x.example, b@y.example\nTo: l@d.example\n\n");
+  EXPECT_FALSE(d.reply);
+  EXPECT_EQ(d.source, "From");
+  EXPECT_EQ(d.recipient, "a@x.example, b@y.example");
+  EXPECT_EQ(d.reason, "the sender's From field is not one address: it holds several addresses");
+  d = D("Sender: g: a@x.example;\nFrom: f@x.example\nTo: l@d.example\n\n");
+  EXPECT_EQ(d.reason,
+            "the sender's Sender field is not one address: it is a group or holds a source route");
+  d = D("Return-Path: <a@x.example> <b@y.example>\nTo: l@d.example\n\n");
+  EXPECT_EQ(d.reason,
+            "the sender's Return-Path field is not one address: it is not one address in angle "
+            "brackets (it holds \">\")");
+  // The envelope is taken whole, not read as a list.
+  d = D(Mail("", "<a@x.example>,b@y.example"));
+  EXPECT_FALSE(d.reply);
+  EXPECT_EQ(d.recipient, "<a@x.example>,b@y.example");
 }
 
 TEST(RulesTest, TheMailboxNeverAnswersItselfOrItsAliases) {

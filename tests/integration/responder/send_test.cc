@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <set>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "sandbox.h"
 #include "zelapi/err.h"
@@ -107,4 +109,44 @@ TEST_F(SendTest, ThePipesEndsOfTheCallerAreClosedInTheCommand) {
   std::istringstream lines(r.output);
   for (std::string line; std::getline(lines, line);) got.insert(std::stoi(line));
   EXPECT_EQ(got, expected) << r.output;
+}
+
+// Each argument reaches the command as one word, exactly: the shell that
+// runs the configured command line never reads them.
+TEST_F(SendTest, ArgumentsReachTheCommandAsWordsOfTheirOwnUnread) {
+  const std::vector<std::string> args = {"-f",          "<>",         "--",       "a b@x.example",
+                                         "$(touch x)",  "`touch y`",  "a;touch z", "'\"\\",
+                                         "*",           "",           "-t"};
+  const SendResult r = SendThroughCommand(
+      "cd " + box_.dir() + " && cat >/dev/null && printf '[%s]\\n'", "text\n", args);
+  EXPECT_EQ(r.status, 0);
+  std::string expected;
+  for (const std::string& arg : args) expected += "[" + arg + "]\n";
+  EXPECT_EQ(r.output, expected);
+  for (const char* file : {"x", "y", "z"}) EXPECT_FALSE(box_.Exists(file)) << file;
+}
+
+TEST_F(SendTest, TheCommandLineIsShownAsAShellWouldReadIt) {
+  EXPECT_EQ(zelresponder::CommandLine("/usr/sbin/sendmail -oi",
+                                      {"-f", "<>", "--", "ann@x.example"}),
+            "/usr/sbin/sendmail -oi -f '<>' -- ann@x.example");
+  EXPECT_EQ(zelresponder::CommandLine("x", {"o'brien@x.example"}), "x 'o'\\''brien@x.example'");
+}
+
+// sendmail -t reads recipients from the header (and, in sendmail 8.17,
+// adds those of the command line): an answer must go to the one recipient
+// on the command line, so a command that says -t is refused.
+TEST_F(SendTest, ASendCommandThatReadsRecipientsFromTheHeaderIsNamed) {
+  for (const char* command :
+       {"/usr/sbin/sendmail -t", "/usr/sbin/sendmail -oi -t", "/usr/sbin/sendmail -ti",
+        "/usr/sbin/sendmail -it", "/usr/sbin/sendmail\t-vt -oi"})
+    EXPECT_NE(zelresponder::SendCommandProblem(command), "") << command;
+  for (const char* command :
+       {"/usr/sbin/sendmail -oi", "/usr/sbin/sendmail -odq -oi", "/usr/sbin/sendmail -oi -C /etc/t",
+        "/usr/sbin/sendmail -OQueueDirectory=/var/spool/test -oi", "/usr/sbin/sendmail -Ftest",
+        "/usr/sbin/sendmail -oi -- -t", "/usr/sbin/sendmail --t", "/bin/sh /opt/capture.sh"})
+    EXPECT_EQ(zelresponder::SendCommandProblem(command), "") << command;
+  EXPECT_EQ(zelresponder::SendCommandProblem("/usr/sbin/sendmail -oi -t"),
+            "the send command \"/usr/sbin/sendmail -oi -t\" reads recipients from the header "
+            "(\"-t\"); remove -t: the answer goes to the one recipient on its command line");
 }

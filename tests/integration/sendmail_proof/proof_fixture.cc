@@ -178,7 +178,8 @@ std::string SendmailProofTest::ResponderCommand(const std::string& address) cons
   if (at == std::string::npos) throw std::runtime_error("zelpnl.conf names no zelpnl-responder");
   const size_t from = at + key.size();
   const std::string program = conf.substr(from, conf.find('\n', from) - from);
-  return "|" + program + " --config " + Path("zelpnl.conf") + " " + address;
+  // The action names the responder's own configuration, never the panel's.
+  return "|" + program + " --config " + Path("responder.conf") + " " + address;
 }
 
 ProgramRun SendmailProofTest::Zel(const std::vector<std::string>& args) {

@@ -82,7 +82,8 @@ class SendmailProofTest : public ::testing::Test {
   std::string File(const std::string& name) const;
 
   // The aliases-file target of the responder of address: "|PROGRAM --config
-  // CONF address", with the program the sandbox's configuration names.
+  // CONF address", with the program the sandbox's configuration names and
+  // CONF its responder.conf.
   std::string ResponderCommand(const std::string& address) const;
 
   // zelpnl --config <sandbox> args...: the run as it came.

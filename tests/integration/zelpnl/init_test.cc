@@ -1,6 +1,8 @@
 // zelpnl init: the sandbox's files, its configuration, its database, and the
 // folders it refuses; finding the configuration file.
+#include <grp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -14,6 +16,14 @@ namespace {
 const char kZelpnl[] = ZEL_BIN_DIR "/zelpnl";
 const bool kHaveCf = std::filesystem::exists("/usr/share/sendmail/cf/m4/cf.m4") &&
                      std::filesystem::exists("/usr/bin/m4");
+
+// The group that reads the responder's settings: the mail user's when init
+// runs as root, else the caller's own.
+std::string ResponderGroup() {
+  if (::geteuid() == 0) return "mail";
+  const struct group* gr = ::getgrgid(::getegid());
+  return gr ? gr->gr_name : "";
+}
 
 }  // namespace
 
@@ -29,6 +39,7 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "module_dir = " + std::filesystem::path(ZEL_LIB_DIR "/modules").lexically_normal().string() +
       "\n";
   if (kHaveCf) expected += "sendmail_cf = " + d + "/sendmail.cf\n";
+  expected += "responder_group = " + ResponderGroup() + "\n";
   expected +=
       "[paths]\n"
       "sendmail-virtusertable = " + d + "/virtusertable\n"
@@ -43,8 +54,41 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
       "# \"true\" does nothing and succeeds.\n"
       "sendmail-restart = true\n"
-      "zelpnl-responder = " + zeltest::OurProgram("zelpnl-responder") + "\n";
+      "zelpnl-responder = " + zeltest::OurProgram("zelpnl-responder") + "\n"
+      "responder-conf = " + d + "/responder.conf\n"
+      "responder-settings = " + d + "/responder\n";
   EXPECT_EQ(File("zelpnl.conf"), expected);
+}
+
+// The responder runs as sendmail's default user and reads nothing of the
+// panel's: its own configuration names its settings, its memory, its log
+// and its send command (answers queued in the sandbox, never sent on).
+TEST_F(ZelpnlTest, InitWritesTheRespondersOwnConfiguration) {
+  const std::string d = Dir();
+  EXPECT_EQ(File("responder.conf"),
+            "# zelpnl-responder in the sandbox " + d + ", made by \"zelpnl init\".\n"
+            "[params]\n"
+            "log_file = " + d + "/responder.log\n"
+            "log_level = info\n"
+            "[paths]\n"
+            "responder-settings = " + d + "/responder\n"
+            "responder-memory = " + d + "/responder-memory/sent.db\n"
+            "# Answers are queued in " + d + "/answers and never sent on.\n"
+            "responder-sendmail = /usr/sbin/sendmail " +
+                (kHaveCf ? "-C " + d + "/sendmail.cf " : std::string()) +
+                "-odq -oi -OQueueDirectory=" + d + "/answers\n");
+  EXPECT_EQ(File("responder.log"), "");
+  EXPECT_TRUE(std::filesystem::is_directory(Path("responder")));
+  EXPECT_TRUE(std::filesystem::is_directory(Path("responder-memory")));
+  EXPECT_TRUE(std::filesystem::is_directory(Path("answers")));
+}
+
+TEST_F(ZelpnlTest, InitKeepsTheConfigurationAndTheDatabaseToTheirOwner) {
+  for (const char* file : {"zelpnl.conf", "panel.db"}) {
+    struct stat st {};
+    ASSERT_EQ(::stat(Path(file).c_str(), &st), 0) << file;
+    EXPECT_EQ(st.st_mode & 07777, 0600u) << file;
+  }
 }
 
 TEST_F(ZelpnlTest, InitMakesEmptyMailFilesTheirMapsTheDevnullAliasAndTheAdministrator) {
@@ -91,6 +135,7 @@ TEST_F(ZelpnlTest, InitJsonNamesTheSetUp) {
   EXPECT_EQ(doc["sandbox"]["config"], other + "/zelpnl.conf");
   EXPECT_EQ(doc["sandbox"]["database"], other + "/panel.db");
   EXPECT_EQ(doc["sandbox"]["admin"], "admin");
+  EXPECT_EQ(doc["sandbox"]["responder_conf"], other + "/responder.conf");
   if (kHaveCf) {
     EXPECT_EQ(doc["sandbox"]["sendmail_cf"], other + "/sendmail.cf");
   }

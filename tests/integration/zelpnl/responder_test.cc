@@ -13,7 +13,8 @@ class ZelpnlResponderTest : public ZelpnlTest {
     MakeDomainWithMailbox();
   }
   std::string Action() const {
-    return "\"|" + zeltest::OurProgram("zelpnl-responder") + " --config " + Config() + " l@d.example\"";
+    return "\"|" + zeltest::OurProgram("zelpnl-responder") + " --config " + Path("responder.conf") +
+           " l@d.example\"";
   }
 };
 

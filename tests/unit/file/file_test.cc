@@ -336,3 +336,50 @@ TEST_F(FileTest, FailedWriteOfPiecesLeavesTheOriginalAndNoTemporaryFile) {
   EXPECT_EQ(Read("a"), "old\n");
   EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
 }
+
+namespace {
+
+// Counts the flushes to disk.
+class FlushCountingOps : public pnl_file::Ops {
+ public:
+  int fsyncs = 0;
+  int syncfs = 0;
+  int Fsync(int fd) override {
+    ++fsyncs;
+    return pnl_file::Ops::Fsync(fd);
+  }
+  int SyncFileSystem(int fd) override {
+    ++syncfs;
+    return pnl_file::Ops::SyncFileSystem(fd);
+  }
+};
+
+}  // namespace
+
+TEST_F(FileTest, ASaveFlushedLaterReplacesTheFileWithoutWaitingForTheDisk) {
+  Write("a", "old\n");
+  auto ops = std::make_shared<FlushCountingOps>();
+  pnl_file::ScopedOps scoped(ops);
+  pnl_file::safe::Folder folder;
+  pnl_file::safe::WriteFile(folder, Path("a"), "new\n", nullptr);
+  EXPECT_EQ(ops->fsyncs, 2);  // the file, then its folder
+  for (int i = 0; i < 10; ++i)
+    pnl_file::safe::WriteFile(folder, Path("b" + std::to_string(i)), "x\n", nullptr,
+                              pnl_file::safe::Flush::kLater);
+  EXPECT_EQ(ops->fsyncs, 2);
+  EXPECT_EQ(Read("b9"), "x\n");
+  pnl_file::safe::FlushFileSystem(Path("b9"));
+  EXPECT_EQ(ops->syncfs, 1);
+  EXPECT_THROW(pnl_file::safe::FlushFileSystem(Path("missing/x")), pnl_err::Error);
+}
+
+TEST_F(FileTest, CloseToOthersTakesAwayOnlyTheAccessOfOthers) {
+  Write("open", "x\n");
+  ::chmod(Path("open").c_str(), 0664);
+  unsigned old_mode = 0;
+  EXPECT_TRUE(pnl_file::CloseToOthers(Path("open"), &old_mode));
+  EXPECT_EQ(old_mode, 0664u);
+  EXPECT_EQ(pnl_file::StatFile(Path("open")).mode, 0660u);
+  EXPECT_FALSE(pnl_file::CloseToOthers(Path("open")));
+  EXPECT_FALSE(pnl_file::CloseToOthers(Path("missing")));
+}

@@ -141,6 +141,10 @@ class Cache {
   // the other in one transaction. Throws pnl_err::Error (type "db", object the
   // file) when the file cannot be opened, a step fails (nothing of the
   // migration stays), or the file is at a newer version than the schema knows.
+  // A new file gets mode 0600, and SQLite gives its -wal and -shm files the
+  // same; an existing one of the caller's that every user may read is closed
+  // to them (chmod o-rwx, its -wal and -shm files too), with a warning in the
+  // log.
   static std::unique_ptr<Cache> Open(const std::string& file);
   static std::unique_ptr<Cache> Open(const std::string& file, const Schema& schema);
 

@@ -66,6 +66,11 @@ class Ops {
   virtual int MakeTemp(std::string& path, int& fd);
   // realpath(3): resolved receives path with every symbolic link resolved.
   virtual int RealPath(const std::string& path, std::string& resolved);
+  // mkdir(2) with mode (the umask applies) and rmdir(2).
+  virtual int MakeDir(const std::string& path, unsigned mode);
+  virtual int RemoveDir(const std::string& path);
+  // syncfs(2): everything written to the file system of fd reaches the disk.
+  virtual int SyncFileSystem(int fd);
 };
 
 // The Ops in use (never null).
@@ -94,6 +99,14 @@ FileId StatFile(const std::string& path);
 // the file does not exist; throws pnl_err::Error("file") naming the path
 // when it cannot be opened or read.
 bool ReadFile(const std::string& path, std::string& data, FileId& id);
+
+// When path is a file of the calling user that others (neither its owner nor
+// its group) may read, write or run, takes their access away (chmod o-rwx),
+// sets *old_mode to the mode it had and returns true. Returns false, changing
+// nothing, for a missing file, a file of another user, or one closed to
+// others already. A symbolic link is followed. Never throws; a file that
+// cannot be opened or changed counts as unchanged.
+bool CloseToOthers(const std::string& path, unsigned* old_mode = nullptr);
 
 // The folder part of path ("." for a bare name), and the last component.
 std::string FolderOf(const std::string& path);
@@ -144,8 +157,15 @@ class Folder {
 // before its rename leaves its temporary file; a later save of the same file
 // removes such files once they are ten seconds old and no live save holds
 // them (each save keeps its temporary file locked with flock).
+// How a save reaches the disk: kNow flushes the new file and its folder
+// before WriteFile returns (as described above); kLater leaves both to a
+// later FlushFileSystem, for many small files saved at once, where one flush
+// of the file system costs what one file's would. The replacement is atomic
+// either way; only its durability waits.
+enum class Flush { kNow, kLater };
+
 FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
-                 const FileId* original);
+                 const FileId* original, Flush flush = Flush::kNow);
 
 // As above, with the file's bytes given as pieces written one after the
 // other (a file kept as stretches of several buffers is saved without being
@@ -154,7 +174,12 @@ FileId WriteFile(Folder& folder, const std::string& path, std::string_view data,
 // copied at most once on its way to the file. The pieces must stay valid
 // until the call returns.
 FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std::string_view>& pieces,
-                 const FileId* original);
+                 const FileId* original, Flush flush = Flush::kNow);
+
+// Flushes everything written to the file system that holds path (syncfs):
+// what saves with Flush::kLater left. Throws pnl_err::Error("file") naming
+// path when it cannot.
+void FlushFileSystem(const std::string& path);
 
 }  // namespace safe
 

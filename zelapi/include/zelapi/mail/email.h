@@ -28,9 +28,12 @@ bool FindByEmailName(const std::string& name, std::shared_ptr<zel_db::EmailTable
 // The aliases-file target that pipes a message for the mailbox to the panel's
 // responder program: "|PROGRAM [--config FILE] L@D" in double quotes, where
 // PROGRAM is the path setting "zelpnl-responder" when configured, else
-// "/usr/lib/zelpnl/zelpnl-responder", and FILE the configuration file loaded
-// (pnl_cf::LoadedFile), if any. The same text on every call while the mailbox,
-// its domain and the configuration are unchanged. The config file and the
+// "/usr/lib/zelpnl/zelpnl-responder", and FILE the responder's own
+// configuration, the path setting "responder-conf", when configured (else the
+// program reads its default, /etc/zelpnl/responder.conf); never the panel's
+// configuration, which the program may not read. The same text on every call
+// while the mailbox, its domain and the configuration are unchanged. The
+// config file and the
 // address are put in single quotes when they hold characters a shell would
 // read (anything but letters, digits and "@._+=:/-"). Throws pnl_err::Error
 // (type "email", object the address) when a part holds a character the target
