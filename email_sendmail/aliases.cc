@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "email/records.h"
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/db.h"
@@ -52,9 +53,34 @@ LinesByTarget& AliasLines() {
   return index;
 }
 
+// Refuses the entry SetAliases would write for the mailbox (its forwards,
+// its local delivery, its responder's action) when sendmail would not read
+// it, before anything is posted: such an entry would fail every later
+// rebuild of the aliases file.
+void CheckEntry(pnl_db::Cache* cache, std::shared_ptr<zel_db::EmailTable>& email,
+                const std::string& entry_key, const std::string& local_delivery) {
+  const std::string id = email->id.Str();
+  std::vector<std::string> targets;
+  for (pnl_db::Query forward = cache->Query("SELECT name FROM email_forward WHERE email = " + id);
+       !forward.Eof(); forward.Next())
+    targets.push_back(forward.Str());
+  const std::size_t forwards = targets.size();
+  if (!email->forward_only.Value()) targets.push_back(local_delivery);
+  pnl_db::Query responder = cache->Query("SELECT enabled FROM email_responder WHERE email = " + id);
+  if (!responder.Eof() && responder.Int() != 0) targets.push_back(email::GetResponderAction(email));
+  email::CheckAliasesEntry(entry_key, targets, forwards);
+}
+
 }  // namespace
 
 void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>& removed) {
+  {
+    pnl_db::Cache* cache = zel_db::GetCache();
+    std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
+    domains->Assert(email->domain.Str());
+    CheckEntry(cache, email, GetVirtuserTarget(email, domains),
+               email->name.Str() + "\\@" + domains->name.Str());
+  }
   Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
   pnl_db::Cache* cache = zel_db::GetCache();
   std::shared_ptr<zel_db::EmailDomainTable> domains = cache->Get<zel_db::EmailDomainTable>();
