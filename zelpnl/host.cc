@@ -17,6 +17,7 @@
 #include "zelapi/log.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/mta_registry.h"
+#include "zelapi/warn.h"
 
 namespace fs = std::filesystem;
 
@@ -70,6 +71,25 @@ int Report(bool json, const std::string& type, const std::string& object,
   }
   return status;
 }
+
+// Tells the request's warnings (pnl_warn) when it goes out of scope, after
+// the command's output and error: each as "warning: TEXT" on standard
+// error, and in the log.
+class WarningsAtEnd {
+ public:
+  WarningsAtEnd() = default;
+  WarningsAtEnd(const WarningsAtEnd&) = delete;
+  WarningsAtEnd& operator=(const WarningsAtEnd&) = delete;
+  ~WarningsAtEnd() {
+    try {
+      for (const std::string& warning : pnl_warn::Take()) {
+        std::cerr << "warning: " << warning << "\n";
+        if (log_ready) HostLog().Warning(command_line + ": " + warning);
+      }
+    } catch (...) {
+    }
+  }
+};
 
 // Logs the process's peak memory at debug level when it goes out of scope
 // (the commands it ran are not counted): "peak memory N KiB".
@@ -380,6 +400,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
   const PeakMemoryNote peak;
   // The host outlives the report: an error may come from a module's code.
   Host host(options);
+  const WarningsAtEnd warnings;
   try {
     host.Open(command.needs);
     if (command.needs < Needs::kDatabase) {

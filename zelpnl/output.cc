@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <iostream>
 
+#include "zelapi/warn.h"
+
 namespace zelpnl {
 
 namespace {
@@ -37,7 +39,15 @@ void Output::Print(const nlohmann::ordered_json& data, const std::string& text) 
     return;
   }
   if (json_) {
-    std::cout << data.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    // The request's warnings so far go with the document (and to stderr).
+    const std::vector<std::string> warnings = pnl_warn::Pending();
+    if (!warnings.empty() && data.is_object()) {
+      nlohmann::ordered_json with = data;
+      with["warnings"] = warnings;
+      std::cout << with.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    } else {
+      std::cout << data.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+    }
   } else {
     std::cout << text;
   }

@@ -27,8 +27,9 @@ class Output {
   bool json() const { return json_; }
 
   // JSON mode: writes data, pretty-printed, with a final line end (bytes that
-  // are not UTF-8 are replaced), or captures it. Text mode: writes text as it
-  // is.
+  // are not UTF-8 are replaced), or captures it; a written object also gets
+  // the request's warnings so far (pnl_warn) as "warnings" when there are
+  // any. Text mode: writes text as it is.
   void Print(const nlohmann::ordered_json& data, const std::string& text) const;
 
   // For a command that printed its result and still failed (a sync that
