@@ -185,6 +185,19 @@ Report ReadMakemapReport(const std::string& file, const std::string& output) {
   return report;
 }
 
+// Whether path names a file other than the one whose identity is saved:
+// an absolute path to a file that exists and is not that one. (A name that
+// cannot be told apart is not taken for another file.)
+bool OtherFile(std::string_view path, const pnl_file::FileId& saved) {
+  if (path.empty() || path[0] != '/' || !saved.exists) return false;
+  try {
+    const pnl_file::FileId id = pnl_file::StatFile(std::string(path));
+    return id.exists && (id.dev != saved.dev || id.ino != saved.ino);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 // The aliases rebuild's report (sendmail -bi, or zelpnl-newaliases, which
 // prints the same): "FILE: line N: MESSAGE" with N as sendmail counts lines,
 // FILE shortened when long, and the summary "FILE: N aliases, longest ...".
@@ -196,6 +209,7 @@ Report ReadAliasesReport(const std::string& file, const std::string& output) {
   Report report;
   std::string text;
   if (!SavedText(file, text)) return report;
+  const pnl_file::FileId saved = pnl_file::StatFile(file);
   // Each logical line of the file by the range of line numbers sendmail gives it.
   struct Entry {
     std::size_t first, last;
@@ -226,7 +240,8 @@ Report ReadAliasesReport(const std::string& file, const std::string& output) {
       ours = ours || (out.substr(0, name.size()) == name && LineMessage(out.substr(name.size()), number, rest));
     if (!ours) {
       const std::size_t at = out.find(": line ");
-      if (at != std::string_view::npos && LineMessage(out.substr(at + 2), number, rest)) {
+      if (at != std::string_view::npos && LineMessage(out.substr(at + 2), number, rest) &&
+          OtherFile(out.substr(0, at), saved)) {
         any = true;
         collector.Add((static_cast<std::size_t>(1) << 41) + other++, "", "",
                       std::string(out.substr(0, at)) + ": line " + std::to_string(number) + ": " + Cut(rest));

@@ -359,3 +359,32 @@ TEST_F(AfterSaveTest, FilesWrittenByTheTablesAreAcceptedByMakemapAndNewaliasesAn
   EXPECT_EQ(aliases->alias[0], "x\\@a.example");
   EXPECT_EQ(aliases->alias[1], "fwd@b.example");
 }
+
+// A rebuild of every aliases file of a configuration reports on the others
+// too. (sendmail shortens a long name, which then cannot be told apart from
+// the saved file: the other file's folder has a short name.)
+TEST_F(AfterSaveTest, ErrorsOfAnotherAliasesFileAreNotThisSavesAndMakeAWarning) {
+  Sandbox other("oa");
+  other.Write("aliases", "no colon\n");
+  pnl_cf::SetPath("sendmail-newaliases",
+                  "/usr/sbin/sendmail -bi -oA" + other.Path("aliases") + " -oA" + box_.Path("aliases"));
+  auto aliases = email::AliasTable::Get<email::Aliases>(box_.Path("aliases"), true);
+  aliases->New();
+  aliases->name.Set("info");
+  aliases->alias = "root";
+  aliases->Post("");
+  EXPECT_NE(DumpMap(box_.Path("aliases")).find("info\troot\n"), std::string::npos);
+  EXPECT_EQ(pnl_warn::Take(),
+            Warnings({box_.Path("aliases") + ": newaliases refused entries this command did not write (the rest "
+                      "is built): " + other.Path("aliases") + ": line 1: missing colon"}));
+}
+
+TEST_F(AfterSaveTest, AFileNameThatCannotBeToldApartFromTheSavedFileFailsThePost) {
+  pnl_cf::SetPath("sendmail-newaliases", "sh -c 'echo \"aliases: line 1: missing colon\"; exit 70'");
+  auto aliases = email::AliasTable::Get<email::Aliases>(box_.Path("aliases"), true);
+  aliases->New();
+  aliases->name.Set("info");
+  aliases->alias = "root";
+  EXPECT_THROW(aliases->Post(""), email::Fail);
+  EXPECT_TRUE(pnl_warn::Take().empty());
+}

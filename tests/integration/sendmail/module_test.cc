@@ -8,6 +8,7 @@
 #include "sandbox.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
+#include "zelapi/warn.h"
 #include "zelapi/mta_registry.h"
 
 using zeltest::CountingRunner;
@@ -168,12 +169,26 @@ TEST_F(ModuleTest, SecondConstructionFindsDevnullAndPostsNothing) {
 }
 
 TEST_F(ModuleTest, FailingNewaliasesKeepsTheBackEndUnregistered) {
-  box_.Write("aliases", "line without a colon\n");
+  // "devnull" in other letters without a value: the rebuild refuses the key
+  // the start-up writes.
+  box_.Write("aliases", "DevNull:\n");
   pnl_cf::SetParam("MTA", "sendmail");
   loader_.Load(kModule);
   EXPECT_THROW(loader_.ConstructAll(), pnl_err::Error);
   EXPECT_EQ(email::GetMta(), nullptr);
+  EXPECT_EQ(box_.Read("aliases"), "DevNull:\ndevnull:\t\"/dev/null\"\n");
+}
+
+TEST_F(ModuleTest, ABadLineSomeoneElseWroteLeavesTheBackEndRegisteredWithAWarning) {
+  box_.Write("aliases", "line without a colon\n");
+  pnl_warn::Take();
+  pnl_cf::SetParam("MTA", "sendmail");
+  Construct();
+  EXPECT_NE(email::GetMta(), nullptr);
   EXPECT_EQ(box_.Read("aliases"), "line without a colon\ndevnull:\t\"/dev/null\"\n");
+  const std::vector<std::string> warnings = pnl_warn::Take();
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_NE(warnings[0].find("line 1: missing colon"), std::string::npos) << warnings[0];
 }
 
 TEST_F(ModuleTest, DnsblSlotsHaveTheirDefaults) {
