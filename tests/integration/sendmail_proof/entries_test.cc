@@ -194,3 +194,20 @@ TEST_F(ProofEntryTest, AnEntryOfExactlySendmailsLimitIsWrittenAndDeliversToEvery
   EXPECT_EQ(verdict.status, 0);
   EXPECT_THAT(verdict.lines, UnorderedElementsAreArray(expected));
 }
+
+TEST_F(ProofEntryTest, TurningTheResponderOnIsRefusedWhenItsActionWouldMakeTheEntryTooLong) {
+  Ok({"mail", "box", "add", "l@d.example"});
+  // 13 + 200 forwards + 200 separators of 2 + 12 = 8170 bytes: forwards of 38
+  // and 145 of 39 bytes (7745 in all).
+  std::vector<std::string> forwards = LongForwards(55, 38);
+  for (const std::string& f : LongForwards(145, 39)) forwards.push_back("z" + f.substr(1));
+  Ok(SetWithForwards(forwards));
+  const std::vector<std::string> before = Everything();
+  const std::size_t action = ResponderCommand("l@d.example").size() + 2;  // in double quotes
+  const proof::ProgramRun run = Zel({"mail", "responder", "l@d.example", "on", "--text", "Away."});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "error: aliases entry \"l+d.example\": " + std::to_string(8170 + 2 + action) +
+                         " bytes, over sendmail's limit of 8190 bytes\n");
+  EXPECT_EQ(Everything(), before);
+  EXPECT_EQ(Verify("l@d.example").lines.size(), 201u);
+}
