@@ -51,12 +51,13 @@ std::size_t Cf::PhysicalLineEnd(std::size_t from) const {
 }
 
 pnl_token::Token Cf::Next(std::size_t& pos, bool with_separators) const {
-  for (;;) {
-    const pnl_token::Token t = tokenizer_.Next(pos, with_separators);
-    // A line end inside the logical line only separates words.
-    if (t.type != pnl_token::Token::LineEnd || t.start >= content_end_) return t;
+  pnl_token::Token t = tokenizer_.Next(pos, with_separators);
+  // A line end inside the logical line only separates words.
+  while (joined_ && t.type == pnl_token::Token::LineEnd && t.start < content_end_) {
     if (with_separators) return pnl_token::Token{pnl_token::Token::Separator, t.start, t.end};
+    t = tokenizer_.Next(pos, with_separators);
   }
+  return t;
 }
 
 std::string Cf::Joined(std::size_t start, std::size_t end) const {
@@ -80,10 +81,12 @@ bool Cf::NextLine() {
   done_ = false;
   if (line_start_ >= text_.size()) {
     line_start_ = line_end_ = content_end_ = text_.size();
+    joined_ = false;
     Load(pnl_token::Token{pnl_token::Token::End, line_start_, line_start_});
     return false;
   }
   line_end_ = PhysicalLineEnd(line_start_);
+  joined_ = false;
   const pnl_token::Params& rules = tokenizer_.rules();
   if (rules.HasContinuation()) {
     // The lines that continue this one join it: a line ending in a
@@ -94,6 +97,7 @@ bool Cf::NextLine() {
                              text_[line_end_ - 2] == '\\';
       if (!backslash && !rules.Continues(static_cast<unsigned char>(text_[line_end_]))) break;
       line_end_ = PhysicalLineEnd(line_end_);
+      joined_ = true;
     }
   }
   content_end_ = line_end_;
@@ -291,7 +295,7 @@ void Cf::CacheField(const dd::Field& field) {
     c.has_span = true;
     c.start = start_;
     c.size = end_ - start_;
-    c.own = start_ < end_ && std::memchr(text_.data() + start_, '\n', end_ - start_) != nullptr;
+    c.own = joined_ && start_ < end_ && std::memchr(text_.data() + start_, '\n', end_ - start_) != nullptr;
     if (c.own)
       c.value = Joined(start_, end_);
     else

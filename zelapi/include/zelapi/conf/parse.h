@@ -165,6 +165,7 @@ class Cf {
   std::size_t line_start_ = 0;
   std::size_t line_end_ = 0;
   std::size_t content_end_ = 0;  // line_end_ less the line's last "\n"
+  bool joined_ = false;          // the line is several lines of the text
   bool started_ = false;
   pnl_token::Token first_;       // first token of the line
   std::size_t first_next_ = 0;   // tokenizer position after it
