@@ -5,7 +5,7 @@
 // itself wrote that does not build still fails it.
 #include <gmock/gmock.h>
 
-#include <sys/stat.h>
+#include <ostream>
 
 #include "proof_fixture.h"
 
@@ -30,6 +30,9 @@ struct Foreign {
   std::string text;
   std::string item;  // what the warning says of it
 };
+
+// GoogleTest names a case by its name, not its bytes.
+void PrintTo(const Foreign& foreign, std::ostream* out) { *out << foreign.name; }
 
 // The item with its line numbers, shift lines further down.
 std::string Numbered(std::string item, int first, int shift) {
