@@ -2,6 +2,8 @@
 
 #include <initializer_list>
 
+#include "zelapi/err.h"
+
 namespace email {
 
 namespace {
@@ -84,8 +86,25 @@ bool Aliases::Parse(Cf& cf) {
   return true;
 }
 
-std::string Aliases::NewRecordTemplate() {
-  return Line({name.Str(), ":\t", alias.Str()});
+std::string Aliases::NewRecordTemplate() { return Line({Text(name.Str(), alias.Elements())}); }
+
+std::string Aliases::Text(const std::string& name, const std::vector<std::string>& targets) {
+  std::string text = name;
+  text += ":\t";
+  text += dd::ArrayField::Join(targets, ',');
+  return text;
+}
+
+void CheckAliasesEntry(const std::string& name, const std::vector<std::string>& targets,
+                       std::size_t forwards) {
+  const std::size_t bytes = Aliases::Text(name, targets).size();
+  if (bytes <= kLongestAliasesEntry) return;
+  std::string detail = std::to_string(bytes) + " bytes";
+  if (forwards > 0)
+    detail += " with its " + std::to_string(forwards) + (forwards == 1 ? " forward" : " forwards");
+  detail += ", over sendmail's limit of " + std::to_string(kLongestAliasesEntry) + " bytes";
+  if (forwards > 0) detail += "; remove forwards";
+  throw pnl_err::Error("limit", "aliases entry \"" + name + "\"", detail);
 }
 
 SourceTarget::SourceTarget() = default;

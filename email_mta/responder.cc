@@ -42,9 +42,13 @@ void SendmailLikeInterface::SetResponder(ResponderPtr responder) {
   }
   const std::string action = email::GetResponderAction(mailbox.email);
   const bool on = responder->enabled.Value();
-  if (on && !entry->alias.Has(action))
+  if (on && !entry->alias.Has(action)) {
+    // Refused before the post when sendmail would not read the longer entry.
+    std::vector<std::string> targets = entry->alias.Elements();
+    targets.push_back(action);
+    CheckAliasesEntry(mailbox.entry_key, targets, 0);
     entry->alias.Append(action);
-  else if (!on && entry->alias.Has(action))
+  } else if (!on && entry->alias.Has(action))
     entry->alias.Delete(action);
   entry->Post("");
 }

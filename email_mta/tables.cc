@@ -92,6 +92,11 @@ AliasTable::AliasTable() {
   rules->Add(pnl_token::CharToken(":\t ", 1));
   rules->Add(pnl_token::CharToken("\n", 6));
   rules->Add(pnl_token::Comment("#", "\n", false));
+  // sendmail's reader: an entry goes on over the lines that start with a
+  // blank or a tab and over a backslash before a line end, and it takes no
+  // entry longer than its buffer.
+  rules->Add(pnl_token::Continuation(" \t", true));
+  rules->Add(pnl_token::LongestLine(kLongestAliasesEntry));
   AddView<Aliases>(RegisterTable(this, rules, kAliasesFirst), Name());
 }
 

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "email/records.h"
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/db.h"
@@ -52,6 +53,34 @@ LinesByTarget& AliasLines() {
   return index;
 }
 
+// The targets of the mailbox's aliases entry (see WriteAliasesEntry), and in
+// forwards how many of them are forwards.
+std::vector<std::string> EntryTargets(pnl_db::Cache* cache,
+                                      std::shared_ptr<zel_db::EmailTable>& email,
+                                      const std::string& domain, bool in_service,
+                                      std::size_t* forwards) {
+  const std::string mailbox = email->name.Str();
+  std::vector<std::string> targets;
+  *forwards = 0;
+  if (!in_service) {
+    // The mailbox's address, which its suspended line refuses: mail that
+    // reaches the local name directly (at the server's own names) is
+    // refused the same way, and neither the forwards nor the responder see
+    // it.
+    targets.push_back(mailbox + "@" + domain);
+    return targets;
+  }
+  const std::string id = email->id.Str();
+  for (pnl_db::Query forward = cache->Query("SELECT name FROM email_forward WHERE email = " + id);
+       !forward.Eof(); forward.Next())
+    targets.push_back(forward.Str());
+  *forwards = targets.size();
+  if (!email->forward_only.Value()) targets.push_back(mailbox + "\\@" + domain);
+  pnl_db::Query responder = cache->Query("SELECT enabled FROM email_responder WHERE email = " + id);
+  if (!responder.Eof() && responder.Int() != 0) targets.push_back(email::GetResponderAction(email));
+  return targets;
+}
+
 }  // namespace
 
 void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>& removed) {
@@ -61,6 +90,15 @@ void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>&
   const std::string domain = domains->name.Str();
   const std::string mailbox = email->name.Str();
   const std::string address = mailbox + "@" + domain;
+  const bool in_service = InService(email, domains);
+  // An entry sendmail would not read fails every later rebuild of the
+  // aliases file: refused before anything is posted, the alias lines too.
+  {
+    std::size_t forwards = 0;
+    const std::vector<std::string> targets =
+        EntryTargets(cache, email, domain, in_service, &forwards);
+    email::CheckAliasesEntry(GetVirtuserTarget(email, domains), targets, forwards);
+  }
   const std::string alias_query = "SELECT name FROM email_alias WHERE email = " + email->id.Str();
 
   Cursor<email::VirtualEmails> lines =
@@ -78,14 +116,16 @@ void SendmailInterface::SetAliases(EmailPtr email, const std::list<std::string>&
     if (lines->Find(gone + "@" + domain)) lines->_Delete(true);
   }
 
-  WriteAliasesEntry(email, domains, InService(email, domains));
+  WriteAliasesEntry(email, domains, in_service);
 }
 
 void SendmailInterface::WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool in_service) {
   pnl_db::Cache* cache = zel_db::GetCache();
-  const std::string name = domain->name.Str();
-  const std::string mailbox = email->name.Str();
   const std::string key = GetVirtuserTarget(email, domain);
+  std::size_t forwards = 0;
+  const std::vector<std::string> targets =
+      EntryTargets(cache, email, domain->name.Str(), in_service, &forwards);
+  email::CheckAliasesEntry(key, targets, forwards);
   Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
   // An entry this save was to remove (the mailbox deleted and made again)
   // is written anew in its place: one entry per name.
@@ -95,25 +135,7 @@ void SendmailInterface::WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool
     entry->name.Set(key);
   }
   entry->alias.Erase();
-  if (!in_service) {
-    // The mailbox's address, which its suspended line refuses: mail that
-    // reaches the local name directly (at the server's own names) is
-    // refused the same way, and neither the forwards nor the responder see
-    // it.
-    entry->alias.Append(mailbox + "@" + name);
-    entry->Post("");
-    return;
-  }
-  for (pnl_db::Query forward =
-           cache->Query("SELECT name FROM email_forward WHERE email = " + email->id.Str());
-       !forward.Eof(); forward.Next()) {
-    entry->alias.Append(forward.Str());
-  }
-  if (!email->forward_only.Value()) entry->alias.Append(mailbox + "\\@" + name);
-  std::shared_ptr<zel_db::EmailResponderTable> responder =
-      cache->Get<zel_db::EmailResponderTable>();
-  if (responder->DbFind("email = " + email->id.Str()) && responder->enabled.Value())
-    entry->alias.Append(email::GetResponderAction(email));
+  for (const std::string& target : targets) entry->alias.Append(target);
   entry->Post("");
 }
 

@@ -30,21 +30,7 @@ void SendmailInterface::CreateEmail(EmailPtr email) {
 
   // The aliases entry before the line that points at it: when the entry
   // cannot be built, the address never leads to a local name without one.
-  {
-    const std::string key = GetVirtuserTarget(email, domains);
-    KeepHeld(Held::kAliasesEntry, key);
-    Cursor<email::Aliases> entry = email::AliasTable::Get<email::Aliases>(aliases_path(), true);
-    if (!entry->Find(key)) {
-      entry->New();
-      entry->name.Set(key);
-    }
-    entry->alias.Erase();
-    if (!InService(email, domains))
-      entry->alias.Append(email->name.Str() + "@" + domains->name.Str());
-    else if (!email->forward_only.Value())
-      entry->alias.Append(email->name.Str() + "\\@" + domains->name.Str());
-    entry->Post("");
-  }
+  WriteAliasesEntry(email, domains, InService(email, domains));
   email::SendmailLikeInterface::CreateEmail(email);
 }
 

@@ -20,6 +20,7 @@
 #include "zelapi/mail/tables.h"
 #include "zelapi/mta_registry.h"
 #include "zelapi/proc.h"
+#include "zelapi/warn.h"
 
 namespace fs = std::filesystem;
 
@@ -73,6 +74,25 @@ int Report(bool json, const std::string& type, const std::string& object,
   }
   return status;
 }
+
+// Tells the request's warnings (pnl_warn) when it goes out of scope, after
+// the command's output and error: each as "warning: TEXT" on standard
+// error, and in the log.
+class WarningsAtEnd {
+ public:
+  WarningsAtEnd() = default;
+  WarningsAtEnd(const WarningsAtEnd&) = delete;
+  WarningsAtEnd& operator=(const WarningsAtEnd&) = delete;
+  ~WarningsAtEnd() {
+    try {
+      for (const std::string& warning : pnl_warn::Take()) {
+        PrintWarning(warning);
+        if (log_ready) HostLog().Warning(command_line + ": " + warning);
+      }
+    } catch (...) {
+    }
+  }
+};
 
 // Logs the process's peak memory at debug level when it goes out of scope
 // (the commands it ran are not counted): "peak memory N KiB".
@@ -233,7 +253,7 @@ void Host::SaveDeferred() {
       held = mta_->PostHeldRemovals();
     } catch (const std::exception& e) {
       Engine().DiscardDeferred();
-      Warn(std::string("removing what deleted objects left in the files: ") + e.what());
+      pnl_warn::Add(std::string("removing what deleted objects left in the files: ") + e.what());
     }
   }
   // A domain that local-host-names no longer lists keeps its catch-all line
@@ -249,7 +269,7 @@ void Host::SaveDeferred() {
       Engine().FlushDeferred();
     } catch (const std::exception& e) {
       Engine().DiscardDeferred();
-      Warn(std::string("removing what deleted objects left in the files: ") + e.what());
+      pnl_warn::Add(std::string("removing what deleted objects left in the files: ") + e.what());
     }
   }
 }
@@ -274,22 +294,13 @@ void Host::RestartNow() {
     const std::string command = pnl_cf::GetPath("sendmail-restart");
     pnl_proc::Execute run(command, 2);
     if (run.Result() != 0)
-      Warn("the restart \"" + command + "\" failed with status " + std::to_string(run.Result()) +
+      pnl_warn::Add("the restart \"" + command + "\" failed with status " + std::to_string(run.Result()) +
            ": " + run.Str());
   } catch (const std::exception& e) {
-    Warn(std::string("the restart could not run: ") + e.what());
+    pnl_warn::Add(std::string("the restart could not run: ") + e.what());
   }
 }
 
-void Warn(const std::string& message) noexcept {
-  try {
-    std::string text = message;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    if (log_ready) HostLog().Warning(text);
-    PrintWarning(text);
-  } catch (...) {
-  }
-}
 
 void Host::ChangeFiles(const std::function<void()>& change, const std::function<void()>& undo) {
   if (deferring_) {
@@ -363,8 +374,7 @@ void Host::RebuildStaleMaps() noexcept {
           std::string("the ") + what + " map is older than its file and could not be rebuilt: " +
           e.what();
       while (!message.empty() && message.back() == '\n') message.pop_back();
-      if (log_ready) HostLog().Error(message);
-      PrintWarning(message);
+      pnl_warn::Add(message);
     }
   };
   attempt("virtual user table", &RebuildIfStale<email::VirtualUserTable>, "sendmail-virtusertable");
@@ -443,6 +453,7 @@ int Execute(const GlobalOptions& options, const Command& command) {
   const PeakMemoryNote peak;
   // The host outlives the report: an error may come from a module's code.
   Host host(options);
+  const WarningsAtEnd warnings;
   try {
     host.Open(command.needs);
     if (command.needs < Needs::kDatabase) {

@@ -194,10 +194,6 @@ class Host {
   pnl_file::FileId host_names_before_;
 };
 
-// Tells the administrator of something that did not fail the command: one
-// line "warning: MESSAGE" on stderr, and the log. Never throws.
-void Warn(const std::string& message) noexcept;
-
 // Runs the command as one request (see above) and returns the exit status;
 // writes the error message on stderr (and, with --json, an error document on
 // stdout). Never throws.

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <iostream>
 
+#include "zelapi/warn.h"
+
 namespace zelpnl {
 
 namespace {
@@ -91,11 +93,20 @@ void Output::Print(const nlohmann::ordered_json& data, const std::string& text) 
     return;
   }
   if (json_) {
+    // The request's warnings so far go with the document (and to stderr).
+    const std::vector<std::string> warnings = pnl_warn::Pending();
+    const bool with_warnings = !warnings.empty() && data.is_object();
+    nlohmann::ordered_json with;
+    if (with_warnings) {
+      with = data;
+      with["warnings"] = warnings;
+    }
+    const nlohmann::ordered_json& doc_data = with_warnings ? with : data;
     constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
-    std::string doc = data.dump(2, ' ', false, kReplace);
+    std::string doc = doc_data.dump(2, ' ', false, kReplace);
     // JSON escapes C0 controls itself; a document that holds other controls
     // is written in ASCII, every other character as \uNNNN.
-    if (HasHiddenControl(doc)) doc = data.dump(2, ' ', true, kReplace);
+    if (HasHiddenControl(doc)) doc = doc_data.dump(2, ' ', true, kReplace);
     std::cout << doc << "\n";
   } else {
     std::cout << Printable(text);

@@ -29,7 +29,9 @@ class Output {
   // JSON mode: writes data, pretty-printed, with a final line end (bytes that
   // are not UTF-8 are replaced; control characters escaped, all non-ASCII
   // ones too when the document holds a C1 or bidirectional control), or
-  // captures it. Text mode: writes Printable(text).
+  // captures it; a written object also gets the request's warnings so far
+  // (pnl_warn) as "warnings" when there are any. Text mode: writes
+  // Printable(text).
   void Print(const nlohmann::ordered_json& data, const std::string& text) const;
 
   // For a command that printed its result and still failed (a sync that

@@ -1,5 +1,6 @@
 #include "zelaliasdb/aliases_file.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -30,6 +31,17 @@ bool IsSpace(char c) {
 }  // namespace
 
 bool IsPlainNameByte(unsigned char c) { return kPlain.plain[c]; }
+
+std::string KeyOf(std::string_view name) {
+  std::size_t b = 0;
+  std::size_t e = name.size();
+  while (b < e && IsBlank(name[b])) ++b;
+  while (e > b && IsBlank(name[e - 1])) --e;
+  std::string key(name.substr(b, e - b));
+  for (char& c : key)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return key;
+}
 
 std::string ShortFileName(const std::string& path) {
   if (path.size() <= 82) return path;
@@ -87,31 +99,76 @@ void AliasesFile::Cut(const std::function<void(const Line&)>& on_line) {
       if (!is_joined) joined.assign(logical);
       is_joined = true;
     };
+    // sendmail reads the logical line into its buffer: what did not fit of
+    // the physical line read last, when it did not.
+    std::size_t held = 0;
+    bool over = false;
+    std::string_view rest;
+    auto fits = [&](std::string_view seg) {
+      const std::size_t need = seg.size() + (ended ? 1 : 0);
+      if (held + need <= kLineBuffer) {
+        held += seg.size();
+        return true;
+      }
+      rest = seg.substr(std::min(seg.size(), kLineBuffer - held));
+      over = true;
+      return false;
+    };
     // A backslash before the line end takes in the next physical line; a
     // following line that starts with a blank or a tab continues this one.
-    for (;;) {
-      // The line so far, not only the physical line just read: a backslash
-      // left over before an empty line joins again.
-      const std::string_view so_far = is_joined ? std::string_view(joined) : segment;
-      if (ended && !so_far.empty() && so_far.back() == '\\') {
-        start_joining();
-        joined.pop_back();
-        if (pos < size) {
-          segment = read_physical();
-        } else {
-          segment = std::string_view();
-          ended = false;
+    if (fits(segment)) {
+      for (;;) {
+        // The line so far, not only the physical line just read: a backslash
+        // left over before an empty line joins again.
+        const std::string_view so_far = is_joined ? std::string_view(joined) : segment;
+        if (ended && !so_far.empty() && so_far.back() == '\\') {
+          start_joining();
+          joined.pop_back();
+          --held;
+          if (pos < size) {
+            segment = read_physical();
+          } else {
+            segment = std::string_view();
+            ended = false;
+          }
+          if (!fits(segment)) break;
+          joined.append(segment);
+          continue;
         }
-        joined.append(segment);
-        continue;
+        if (pos < size && IsBlank(base[pos])) {
+          start_joining();
+          segment = read_physical();
+          if (!fits(segment)) break;
+          joined.append(segment);
+          continue;
+        }
+        break;
       }
-      if (pos < size && IsBlank(base[pos])) {
-        start_joining();
-        segment = read_physical();
-        joined.append(segment);
-        continue;
+    }
+    if (over) {
+      // Reported at the physical line that did not fit; sendmail then skips
+      // the rest of the logical line without counting its lines. A skipped
+      // line that ends in a backslash takes in the next one, and so does an
+      // empty line after such a line.
+      Line out;
+      out.kind = Line::Kind::kError;
+      out.first_line = first;
+      out.line = line_no;
+      out.text = "alias line too long";
+      const std::string_view start = is_joined ? std::string_view(joined) : segment.substr(0, kLineBuffer);
+      const std::size_t colon = start.find(':');
+      if (colon != std::string_view::npos) {
+        made_.push_back(KeyOf(start.substr(0, colon)));
+        out.key = made_.back();
       }
-      break;
+      on_line(out);
+      bool joins = ended && !rest.empty() && rest.back() == '\\';
+      while (pos < size && (joins || IsBlank(base[pos]))) {
+        const std::string_view skipped = read_physical();
+        --line_no;
+        joins = ended && ((!skipped.empty() && skipped.back() == '\\') || (joins && skipped.empty()));
+      }
+      continue;
     }
     if (is_joined) logical = joined;
     if (logical.empty() || logical.front() == '#') {
@@ -174,6 +231,8 @@ void AliasesFile::Cut(const std::function<void(const Line&)>& on_line) {
       out.kind = Line::Kind::kError;
       made_.push_back(std::string(logical.substr(0, 40)) + "... missing value for alias");
       out.text = made_.back();
+      made_.push_back(KeyOf(name));
+      out.key = made_.back();
       on_line(out);
       continue;
     }

@@ -50,6 +50,18 @@ const char kPath[] = "/fuzz/file";
   abort();
 }
 
+// Whether line continues the line before it: it starts with a blank, or,
+// in the aliases file, the line before ends in a backslash.
+bool Continues(const std::string& before, const std::string& line) {
+  if (!line.empty() && (line[0] == ' ' || line[0] == '\t')) return true;
+#if ZEL_FUZZ_VIEW == 3
+  return before.size() >= 2 && before.compare(before.size() - 2, 2, "\\\n") == 0;
+#else
+  (void)before;
+  return false;
+#endif
+}
+
 // Only one stretch of lines differs, and it is one line of the old text
 // (with the continuation lines after it) against lines of the new text
 // that hold the new value.
@@ -60,8 +72,7 @@ void CheckOneRecordChanged(const std::string& before, const std::string& after) 
   const size_t old_lines = a.size() - head - tail, new_lines = b.size() - head - tail;
   if (new_lines == 0) Broken("a change removed lines and wrote none");
   for (size_t i = 1; i < old_lines; ++i)
-    if (a[head + i].empty() || (a[head + i][0] != ' ' && a[head + i][0] != '\t'))
-      Broken("a change touched more than one record's lines");
+    if (!Continues(a[head + i - 1], a[head + i])) Broken("a change touched more than one record's lines");
   std::string written;
   for (size_t i = 0; i < new_lines; ++i) written += b[head + i];
   if (written.find(kValue) == std::string::npos) Broken("the changed lines lack the new value");

@@ -70,6 +70,11 @@ const std::vector<std::string>& ConfRef::Notes() const {
   return notes_ ? *notes_ : none;
 }
 
+const std::vector<std::string>& ConfRef::ChangedKeys() const {
+  static const std::vector<std::string> none;
+  return changed_keys_ ? *changed_keys_ : none;
+}
+
 // ------------------------------------------------------------ ConfCache
 
 ConfCache::ConfCache(int capacity) : impl_(std::make_unique<Impl>(capacity)) {}

@@ -31,6 +31,26 @@ std::size_t CountLines(std::string_view text) {
   return lines;
 }
 
+// The bytes of a logical line as its lines joined: without its line ends
+// and, where a backslash joins lines, the backslash before a joined one.
+std::size_t JoinedSize(std::string_view text, bool backslash) {
+  std::size_t size = text.size();
+  for (std::size_t p = 0; p < text.size(); ++p) {
+    if (text[p] != '\n') continue;
+    --size;
+    if (backslash && p > 0 && p + 1 < text.size() && text[p - 1] == '\\') --size;
+  }
+  return size;
+}
+
+// Whether a logical line takes in the line after it: it ends in a backslash
+// (before its line end, or before the end of the file).
+bool JoinsNext(std::string_view text, const pnl_token::Params& rules) {
+  if (!rules.BackslashJoins()) return false;
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  return !text.empty() && text.back() == '\\';
+}
+
 std::string Shown(std::string text) {
   if (!text.empty() && text.back() == '\n') text.pop_back();
   return text;
@@ -194,7 +214,7 @@ void CachedFile::Open(pnl_file::safe::Folder& folder, bool create) {
   std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
   const pnl_file::FileId id = pnl_file::safe::WriteFile(folder, path_, "", nullptr);
   Install(std::string(), id, std::move(def));
-  RunHook(ConfCache::kSaveCreated, {});
+  RunHook(ConfCache::kSaveCreated, {}, {});
 }
 
 // ------------------------------------------------------------ cursors
@@ -365,7 +385,7 @@ bool CachedFile::Delete(ConfDataSet& c, bool must_exist, bool checked) {
   edit.kind = Store::Edit::kRemove;
   edit.line = line;
   edit.count = store_.BlockSize(line);
-  Commit(edit, std::string(), [&] {
+  Commit(edit, std::string(), {std::string(store_.Key(c.record_))}, [&] {
     const std::int32_t next = store_.RemoveLines(edit.line, edit.count);
     for (ConfDataSet* x : cursors_) {
       if (x->state_ == ConfDataSet::kOnRecord && !store_.record(x->record_).alive) {
@@ -418,10 +438,26 @@ std::string CachedFile::Template(ConfDataSet& c, bool keep_missing_line_end) con
 
 bool CachedFile::ReadBack(int view, const std::string& text, const std::vector<std::string>& want,
                           ParsedRecord& parsed, std::string& why) const {
-  Cf cf(text, *def_->rules);
+  const pnl_token::Params& rules = *def_->rules;
+  // Where lines continue each other, a line that continues nothing is put
+  // after the text: a text ending in a backslash would take it in, as it
+  // would take in the line that follows it in the file.
+  std::string probe = text;
+  const bool followed = rules.HasContinuation() && !text.empty() && text.back() == '\n';
+  if (followed) probe += "-\n";
+  Cf cf(probe, rules);
   if (!cf.NextLine() || cf.line_end() != text.size()) {
-    why = "the record would not be one line";
+    why = followed && cf.line_end() > text.size() ? "the record would take in the line after it"
+                                                   : "the record would not be one line";
     return false;
+  }
+  if (rules.LongestLineBytes() > 0) {
+    const std::size_t bytes = JoinedSize(text, rules.BackslashJoins());
+    if (bytes > rules.LongestLineBytes()) {
+      why = "the line would be " + std::to_string(bytes) + " bytes, over the longest the file takes (" +
+            std::to_string(rules.LongestLineBytes()) + " bytes)";
+      return false;
+    }
   }
   const int claimed = Claim(cf, parsers_);
   if (claimed != view || !cf.stored()) {
@@ -461,7 +497,7 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
     edit.kind = Store::Edit::kUpdate;
     edit.line = store_.record(c.record_).line;
     edit.text = std::string(store_.LineText(edit.line));
-    Commit(edit, note, [] {});
+    Commit(edit, note, {std::string(store_.Key(c.record_))}, [] {});
     return;
   }
   // What the cursor did not change is taken from the copy, which may be
@@ -474,10 +510,13 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
   const std::int32_t line = store_.record(c.record_).line;
   const std::string_view old_text = store_.LineText(line);
   const bool no_line_end = old_text.empty() || old_text.back() != '\n';
+  // A record over several lines is written anew as one line: what a span
+  // edit kept of its continuation lines would join the new text.
+  const bool one_line = old_text.find('\n') >= old_text.size() - (no_line_end ? 0 : 1);
   std::string text;
   ParsedRecord parsed;
   std::string why;
-  bool ok = SpanEdit(c, changed, text) && ReadBack(c.view_, text, want, parsed, why);
+  bool ok = one_line && SpanEdit(c, changed, text) && ReadBack(c.view_, text, want, parsed, why);
   if (!ok) {
     text = Template(c, no_line_end);
     ok = ReadBack(c.view_, text, want, parsed, why);
@@ -489,7 +528,9 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
   edit.line = line;
   edit.text = text;
   const std::int32_t record = c.record_;
-  Commit(edit, note, [&] { store_.UpdateRecord(record, edit.text, parsed); });
+  std::vector<std::string> keys{std::string(store_.Key(record))};
+  if (keys[0] != want[0]) keys.push_back(want[0]);
+  Commit(edit, note, keys, [&] { store_.UpdateRecord(record, edit.text, parsed); });
   c.loaded_ = std::move(want);
   c.loaded_raw_ = false;
 }
@@ -498,6 +539,14 @@ void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t af
   const std::size_t n = c.FieldCount();
   std::vector<std::string> want(n);
   for (std::size_t i = 0; i < n; ++i) want[i] = c.FieldAt(i).Str();
+  // A line that ends in a backslash would take the new line in: the new
+  // line goes before it instead (the line before that one cannot end in a
+  // backslash, or the two would be one line).
+  const std::int32_t before = after < 0 ? store_.tail() : after;
+  if (before >= 0 && JoinsNext(store_.LineText(before), *def_->rules)) {
+    const std::int32_t prev = store_.line(before).prev;
+    after = prev >= 0 ? prev : Store::kAtStart;
+  }
   Store::Edit edit;
   edit.kind = Store::Edit::kInsert;
   edit.line = after;
@@ -506,7 +555,7 @@ void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t af
   std::string why;
   if (!ReadBack(c.view_, edit.text, want, parsed, why))
     Refuse("new record '" + want[0] + "': " + why);
-  Commit(edit, note, [&] {
+  Commit(edit, note, {want[0]}, [&] {
     // The cursor moves onto the new record as part of the change, so that a
     // rebuilt copy carries it along.
     c.record_ = store_.InsertRecord(edit.line, edit.text, parsed);
@@ -517,13 +566,20 @@ void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t af
   c.loaded_raw_ = false;
 }
 
+void CachedFile::NoteKeys(const std::vector<std::string>& keys) {
+  for (const std::string& key : keys)
+    if (changed_seen_.insert(key).second) changed_.push_back(key);
+}
+
 template <class Apply>
-void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&& apply) {
+void CachedFile::Commit(const Store::Edit& edit, const std::string& note,
+                        const std::vector<std::string>& keys, Apply&& apply) {
   if (engine_.impl_->deferred) {
     apply();
     version_ = NextVersion();
     dirty_ = true;
     if (!note.empty()) notes_.push_back(note);
+    NoteKeys(keys);
     if (NeedsCompact()) Compact(store_.Text());
     return;
   }
@@ -542,8 +598,17 @@ void CachedFile::Commit(const Store::Edit& edit, const std::string& note, Apply&
   std::vector<std::string> notes = std::move(notes_);
   notes_.clear();
   if (!note.empty()) notes.push_back(note);
+  NoteKeys(keys);
+  std::vector<std::string> changed = TakeChangedKeys();
   dirty_ = false;
-  RunHook(ConfCache::kSavePosted, notes);
+  RunHook(ConfCache::kSavePosted, notes, changed);
+}
+
+std::vector<std::string> CachedFile::TakeChangedKeys() {
+  std::vector<std::string> changed = std::move(changed_);
+  changed_.clear();
+  changed_seen_.clear();
+  return changed;
 }
 
 void CachedFile::Flush() {
@@ -558,8 +623,9 @@ void CachedFile::Flush() {
   id_ = id;
   std::vector<std::string> notes = std::move(notes_);
   notes_.clear();
+  std::vector<std::string> changed = TakeChangedKeys();
   dirty_ = false;
-  RunHook(ConfCache::kSaveDeferred, notes);
+  RunHook(ConfCache::kSaveDeferred, notes, changed);
 }
 
 void CachedFile::Compact(std::string text) {
@@ -571,14 +637,18 @@ void CachedFile::Compact(std::string text) {
 void CachedFile::Discard() noexcept {
   dirty_ = false;
   notes_.clear();
+  changed_.clear();
+  changed_seen_.clear();
   stale_ = true;
 }
 
-void CachedFile::RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes) {
+void CachedFile::RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes,
+                         const std::vector<std::string>& changed) {
   const HookSlot hook = engine_.impl_->Hook(table_);
   if (hook.object == nullptr || hook.member == nullptr) return;
   ConfRef ref(shared_from_this());
   ref.notes_ = &notes;
+  ref.changed_keys_ = &changed;
   ConfCache::SaveReason r = reason;
   (hook.object->*hook.member)(ref, r);
 }

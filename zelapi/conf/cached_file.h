@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "zelapi/conf/cache.h"
@@ -107,9 +108,15 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
                 ParsedRecord& parsed, std::string& why) const;
   // Saves now (or only marks dirty in deferred mode) the copy with edit
   // applied; apply() makes the edit in the copy once it is safe to.
+  // keys: the keys of the records the edit writes or removes, handed to
+  // the after-save step of the save that writes it (ConfRef::ChangedKeys).
   template <class Apply>
-  void Commit(const Store::Edit& edit, const std::string& note, Apply&& apply);
-  void RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes);
+  void Commit(const Store::Edit& edit, const std::string& note, const std::vector<std::string>& keys,
+              Apply&& apply);
+  void NoteKeys(const std::vector<std::string>& keys);
+  std::vector<std::string> TakeChangedKeys();
+  void RunHook(ConfCache::SaveReason reason, const std::vector<std::string>& notes,
+               const std::vector<std::string>& changed);
   // Edits pile up texts in the copy; past a limit the copy is rebuilt from
   // text (the file as it is now, saved or not).
   void Compact(std::string text);
@@ -132,6 +139,10 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   std::uint64_t version_ = 0;        // changes with every content the copy holds
   std::atomic<bool> dirty_{false};
   std::vector<std::string> notes_;
+  // Keys of the records changed since the last save, in the order first
+  // changed, each once.
+  std::vector<std::string> changed_;
+  std::unordered_set<std::string> changed_seen_;
   std::vector<ConfDataSet*> cursors_;
 };
 

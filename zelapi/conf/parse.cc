@@ -45,21 +45,65 @@ bool Cf::MayHoldComment(std::size_t from, std::size_t to) {
   return tokenizer_.rules().MayHoldComment(Text(from, to));
 }
 
+std::size_t Cf::PhysicalLineEnd(std::size_t from) const {
+  const void* nl = std::memchr(text_.data() + from, '\n', text_.size() - from);
+  return nl ? static_cast<std::size_t>(static_cast<const char*>(nl) - text_.data()) + 1 : text_.size();
+}
+
+pnl_token::Token Cf::Next(std::size_t& pos, bool with_separators) const {
+  pnl_token::Token t = tokenizer_.Next(pos, with_separators);
+  // A line end inside the logical line only separates words.
+  while (joined_ && t.type == pnl_token::Token::LineEnd && t.start < content_end_) {
+    if (with_separators) return pnl_token::Token{pnl_token::Token::Separator, t.start, t.end};
+    t = tokenizer_.Next(pos, with_separators);
+  }
+  return t;
+}
+
+std::string Cf::Joined(std::size_t start, std::size_t end) const {
+  const bool backslash = tokenizer_.rules().BackslashJoins();
+  std::string out;
+  out.reserve(end - start);
+  for (std::size_t p = start; p < end; ++p) {
+    if (text_[p] != '\n') {
+      out += text_[p];
+      continue;
+    }
+    if (backslash && p > start && text_[p - 1] == '\\' && !out.empty()) out.pop_back();
+  }
+  return out;
+}
+
 bool Cf::NextLine() {
   line_start_ = started_ ? line_end_ : 0;
   started_ = true;
   open_ = false;
   done_ = false;
   if (line_start_ >= text_.size()) {
-    line_start_ = line_end_ = text_.size();
+    line_start_ = line_end_ = content_end_ = text_.size();
+    joined_ = false;
     Load(pnl_token::Token{pnl_token::Token::End, line_start_, line_start_});
     return false;
   }
-  const void* nl = std::memchr(text_.data() + line_start_, '\n', text_.size() - line_start_);
-  line_end_ = nl ? static_cast<std::size_t>(static_cast<const char*>(nl) - text_.data()) + 1
-                 : text_.size();
+  line_end_ = PhysicalLineEnd(line_start_);
+  joined_ = false;
+  const pnl_token::Params& rules = tokenizer_.rules();
+  if (rules.HasContinuation()) {
+    // The lines that continue this one join it: a line ending in a
+    // backslash takes in the next one, a line starting with a blank
+    // continues the one above.
+    while (line_end_ < text_.size()) {
+      const bool backslash = rules.BackslashJoins() && line_end_ - line_start_ >= 2 &&
+                             text_[line_end_ - 2] == '\\';
+      if (!backslash && !rules.Continues(static_cast<unsigned char>(text_[line_end_]))) break;
+      line_end_ = PhysicalLineEnd(line_end_);
+      joined_ = true;
+    }
+  }
+  content_end_ = line_end_;
+  if (content_end_ > line_start_ && text_[content_end_ - 1] == '\n') --content_end_;
   next_ = line_start_;
-  first_ = tokenizer_.Next(next_, false);
+  first_ = Next(next_, false);
   first_next_ = next_;
   Load(first_);
   return true;
@@ -90,13 +134,13 @@ const std::string& Cf::token() const {
 
 void Cf::GetToken(bool with_separators) {
   if (AtLineEnd(type_)) return;
-  Load(tokenizer_.Next(next_, with_separators));
+  Load(Next(next_, with_separators));
 }
 
 void Cf::AddToken() {
   if (AtLineEnd(type_)) return;
   std::size_t p = next_;
-  pnl_token::Token t = tokenizer_.Next(p, false);
+  pnl_token::Token t = Next(p, false);
   if (AtLineEnd(t.type)) return;
   if (contiguous_ && t.start == end_) {
     end_ = t.end;
@@ -121,9 +165,11 @@ void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blank
     const pnl_token::Params& rules = tokenizer_.rules();
     if (scan <= stop && !MayHoldComment(scan, stop)) {
       std::size_t value_start = scan;
+      // Before stop a line end can only be one inside the logical line.
       if (skip_blanks)
         while (value_start < stop &&
-               rules.Class(static_cast<unsigned char>(text_[value_start])) == pnl_token::Token::Separator)
+               (text_[value_start] == '\n' ||
+                rules.Class(static_cast<unsigned char>(text_[value_start])) == pnl_token::Token::Separator))
           ++value_start;
       type_ = pnl_token::Token::Word;
       start_ = value_start;
@@ -139,7 +185,7 @@ void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blank
   bool first = true;
   for (;;) {
     const std::size_t before = scan;
-    pnl_token::Token t = tokenizer_.Next(scan, false);
+    pnl_token::Token t = Next(scan, false);
     if (first && skip_blanks) value_start = last_end = t.start;
     first = false;
     const bool is_end = t.type != pnl_token::Token::End && Text(t.start, t.end) == end;
@@ -165,10 +211,12 @@ void Cf::GetUntilToken(const std::string& end, bool include_end, bool skip_blank
 }
 
 bool Cf::HasComment(std::size_t from, std::size_t to) const {
-  // Between two tokens there are only separators and comments.
+  // Between two tokens there are only separators, comments and the line
+  // ends inside a logical line.
   const pnl_token::Params& rules = tokenizer_.rules();
   for (std::size_t p = from; p < to; ++p)
-    if (rules.Class(static_cast<unsigned char>(text_[p])) != pnl_token::Token::Separator) return true;
+    if (text_[p] != '\n' && rules.Class(static_cast<unsigned char>(text_[p])) != pnl_token::Token::Separator)
+      return true;
   return false;
 }
 
@@ -198,7 +246,10 @@ void Cf::CacheField(int index, const std::string& raw, const std::string& value,
   if (reserved1 != 0 || reserved2 != 0) Refuse("CacheField: the last two arguments must be 0");
   if (index < 0 || static_cast<std::size_t>(index) >= fields_.size())
     Refuse("CacheField: no field " + std::to_string(index));
-  if (HasLineEnd(raw) || (&value != &raw && HasLineEnd(value)))
+  // raw may run over the line ends inside a logical line (its span tells);
+  // the value never holds one.
+  const bool raw_lines = HasLineEnd(raw);
+  if (HasLineEnd(value) || std::memchr(raw.data(), '\r', raw.size()) != nullptr)
     Refuse("CacheField: a value cannot hold a line end");
   Cached& c = fields_[static_cast<std::size_t>(index)];
   c.set = true;
@@ -217,6 +268,8 @@ void Cf::CacheField(int index, const std::string& raw, const std::string& value,
     c.start = p;
     c.size = raw.size();
   }
+  if (raw_lines && (!c.has_span || c.start + c.size > content_end_))
+    Refuse("CacheField: a value cannot hold a line end");
   c.own = !c.has_span || (&value != &raw && value != raw);
   if (c.own)
     c.value.assign(value);
@@ -234,14 +287,19 @@ void Cf::CacheField(const dd::Field& field) {
   Cached& c = fields_[static_cast<std::size_t>(index)];
   c.set = true;
   if (contiguous_) {
-    // A span lies within its line, so a "\n" in it can only be its last byte.
-    if ((end_ > start_ && text_[end_ - 1] == '\n') || NextByte(carriage_returns_, start_) < end_)
+    // A span lies within its logical line: a "\n" past its content is the
+    // line's own end; one before it joins two lines, and the value is the
+    // text with it left out.
+    if (end_ > content_end_ || NextByte(carriage_returns_, start_) < end_)
       Refuse("CacheField: a value cannot hold a line end");
     c.has_span = true;
     c.start = start_;
     c.size = end_ - start_;
-    c.own = false;
-    c.value.clear();
+    c.own = joined_ && start_ < end_ && std::memchr(text_.data() + start_, '\n', end_ - start_) != nullptr;
+    if (c.own)
+      c.value = Joined(start_, end_);
+    else
+      c.value.clear();
   } else {
     if (HasLineEnd(token_)) Refuse("CacheField: a value cannot hold a line end");
     c.has_span = false;
@@ -260,7 +318,7 @@ void Cf::CacheDone(HeadDataSet& ds, bool to_line_end) {
   }
   if (to_line_end && !AtLineEnd(type_)) {
     std::size_t p = next_;
-    pnl_token::Token t = tokenizer_.Next(p, false);
+    pnl_token::Token t = Next(p, false);
     if (!AtLineEnd(t.type)) {
       open_ = false;
       Refuse("text after the record: '" + std::string(Text(t.start, t.end)) + "'");

@@ -333,7 +333,10 @@ void Store::Relabel() {
 }
 
 std::int32_t Store::InsertRecord(std::int32_t after, std::string_view text, const ParsedRecord& parsed) {
-  if (after < 0) after = tail_;
+  if (after == kAtStart)
+    after = -1;
+  else if (after < 0)
+    after = tail_;
   if (after >= 0 && after == tail_) {
     // The last line may lack its line end: it gets one before a line follows.
     std::string_view last = LineText(after);
@@ -419,8 +422,9 @@ void Store::Pieces(const Edit* edit, std::vector<std::string_view>& out) const {
   };
   auto last_byte = [&]() { return run_size > 0 ? run[run_size - 1] : '\n'; };
   const bool insert = edit && edit->kind == Edit::kInsert;
-  const std::int32_t insert_after = insert ? (edit->line < 0 ? tail_ : edit->line) : -1;
-  if (insert && insert_after < 0) add(edit->text);  // into an empty file
+  const std::int32_t insert_after =
+      !insert ? -1 : edit->line == kAtStart ? -1 : edit->line < 0 ? tail_ : edit->line;
+  if (insert && insert_after < 0) add(edit->text);  // at the start, or into an empty file
   // The one line where the edit shows; every other line is its own text.
   const std::int32_t special = !edit ? -1 : insert ? insert_after : edit->line;
   const char* const base = base_.data();

@@ -157,8 +157,11 @@ class Store {
   // --- changing ---
   // Replaces the text and fields of a record's line.
   void UpdateRecord(std::int32_t record, std::string_view text, const ParsedRecord& parsed);
-  // Inserts a line with a record after line `after` (-1: at the end) and
-  // returns the new record. A last line without "\n" gets one first.
+  // Where InsertRecord and an insert Edit put a line before every other.
+  static constexpr std::int32_t kAtStart = -2;
+  // Inserts a line with a record after line `after` (-1: at the end;
+  // kAtStart: at the start) and returns the new record. A last line without
+  // "\n" gets one first when a line follows it.
   std::int32_t InsertRecord(std::int32_t after, std::string_view text, const ParsedRecord& parsed);
   // Unlinks count lines starting at first (their records die). Returns the
   // line that followed them (-1: none).
@@ -167,7 +170,7 @@ class Store {
   // A change described without making it: what Text(edit) would show.
   struct Edit {
     enum Kind { kUpdate, kInsert, kRemove } kind = kUpdate;
-    std::int32_t line = -1;   // kUpdate: the line; kInsert: after it (-1: end); kRemove: first
+    std::int32_t line = -1;   // kUpdate: the line; kInsert: after it (-1: end, kAtStart); kRemove: first
     std::int32_t count = 0;   // kRemove: lines
     std::string text;         // kUpdate, kInsert: the new line
   };

@@ -33,9 +33,13 @@ CharToken::CharToken(std::string chars, int type) : chars_(std::move(chars)), ty
 Comment::Comment(std::string start, std::string end, bool anywhere)
     : start_(std::move(start)), end_(std::move(end)), anywhere_(anywhere) {}
 
+Continuation::Continuation(std::string starts, bool backslash)
+    : starts_(std::move(starts)), backslash_(backslash) {}
+
 Params::Params() {
   std::memset(class_, Token::Word, sizeof class_);
   std::memset(comment_first_, 0, sizeof comment_first_);
+  std::memset(continues_, 0, sizeof continues_);
   class_[static_cast<unsigned char>('\n')] = Token::LineEnd;
 }
 
@@ -72,6 +76,26 @@ void Params::Add(const Comment& rule) {
     comment_byte_ = first;
   else if (comment_byte_ != first)
     comment_byte_ = -2;
+}
+
+void Params::Add(const Continuation& rule) {
+  const std::string what = "continuation " + Show(rule.starts());
+  for (char ch : rule.starts()) {
+    const unsigned char c = static_cast<unsigned char>(ch);
+    // Inside a logical line a line end and the blanks after it only
+    // separate words; a start of any other class would glue words.
+    if (class_[c] != Token::Separator)
+      Refuse(what, std::string("character '") + ch + "' is not a separator");
+    continues_[c] = 1;
+  }
+  if (rule.starts().empty() && !rule.backslash()) Refuse(what, "continues nothing");
+  has_continuation_ = true;
+  backslash_joins_ = backslash_joins_ || rule.backslash();
+}
+
+void Params::Add(const LongestLine& rule) {
+  if (rule.bytes() == 0) Refuse("longest line", "a limit of 0 bytes");
+  longest_line_ = rule.bytes();
 }
 
 bool Params::MayHoldComment(std::string_view text) const {

@@ -6,10 +6,19 @@
 // and the next physical line is appended (so a backslash left last after
 // an empty line joins again; one on a last line without line end stays);
 // then every following physical line that starts with a blank or a tab is
-// appended (only its line end removed). Each logical line then is one of:
+// appended (only its line end removed). sendmail reads a logical line into
+// a buffer of kLineBuffer bytes with its line end: a logical line that does
+// not fit (longer than kLineBuffer - 1 bytes joined, or kLineBuffer without
+// a line end at the end of the file) is the error "alias line too long",
+// reported at the physical line that did not fit, whatever the line holds
+// (a comment too); the physical lines of it after that one are skipped and
+// not counted, so later line numbers are that many lower than the physical
+// ones, as sendmail reports them. Each logical line that fits then is one
+// of:
 //   - nothing: empty, or starting with '#' (a comment swallows its
 //     continuation lines too);
-//   - an error the file reader reports itself: a line starting with a blank
+//   - an error the file reader reports itself: a line that does not fit
+//     (above), a line starting with a blank
 //     ("Non-continuation line starts with space"; not reported when the
 //     logical line before also started with one, which happens when an
 //     empty line joins the indented line after it), a line with no ':'
@@ -27,7 +36,7 @@
 //     sendmail's configuration (its rule sets and host names), so they are
 //     not decided here: see SendmailOracle.
 // Line numbers are those sendmail reports: the last physical line of the
-// logical line.
+// logical line, less the lines skipped after lines that did not fit.
 //
 // The object owns the file's text and what it makes while cutting it; the
 // lines it hands out point into both. It cuts the text as it goes, handing
@@ -45,8 +54,11 @@
 
 namespace zel_aliasdb {
 
-// Longest logical line decided here; longer ones go to sendmail's parser,
-// which cuts lines at its own buffer size (a little over 8 KiB).
+// sendmail's line buffer, less its terminating NUL: a logical line and its
+// line end must fit in it.
+inline constexpr std::size_t kLineBuffer = 8191;
+// Longest logical line decided here; longer ones that fit go to sendmail's
+// parser.
 inline constexpr std::size_t kMaxPlainLine = 8000;
 // Longest name decided here (sendmail refuses 256 bytes and more).
 inline constexpr std::size_t kMaxPlainName = 255;
@@ -69,7 +81,10 @@ struct Line {
   // shows it so in its duplicate warning). kError: the message, the text
   // after "line N: ". kOdd: the physical lines, line ends included.
   std::string_view text;
-  std::string_view key;    // kEntry: the name in lower case, blanks removed
+  // kEntry: the name in lower case, blanks removed. kError: the same of the
+  // text before the first ':' when the error names an entry (a line that
+  // does not fit, a missing value), else empty.
+  std::string_view key;
   std::string_view value;  // kEntry
 };
 
@@ -106,6 +121,9 @@ class AliasesFile {
 
 // True when c may appear in a plain name (see above).
 bool IsPlainNameByte(unsigned char c);
+
+// A name as a key: blanks around it removed, ASCII letters in lower case.
+std::string KeyOf(std::string_view name);
 
 // A file name as sendmail shows it before "line N:" in its messages: names
 // longer than 82 bytes become their first 40 bytes, "..." and their last 40.

@@ -150,6 +150,44 @@ TEST(AliasesFileTest, LogicalLineOverTheLimitIsLeftToSendmail) {
   EXPECT_EQ(Parse(over), Lines({"O 1-2 " + over}));
 }
 
+// sendmail's buffer holds 8190 bytes of a logical line and its line end.
+TEST(AliasesFileTest, EntryOfExactlyTheBufferIsReadAndOneByteMoreDoesNotFit) {
+  const std::string at = "a: " + std::string(zel_aliasdb::kLineBuffer - 4, 'v');
+  EXPECT_EQ(Parse(at + "\n").at(0).substr(0, 4), "O 1-");
+  EXPECT_EQ(Parse(at + "v\nb: c\n"), Lines({"X 1 alias line too long", "E 2 b=c"}));
+  // The last line needs no room for a line end.
+  EXPECT_EQ(Parse("x: y\n" + at + "v").at(1).substr(0, 4), "O 2-");
+}
+
+TEST(AliasesFileTest, EntryThatOutgrowsTheBufferOnAContinuationLineIsReportedThere) {
+  const std::string half(4100, 'h');
+  AliasesFile file("a: b\nlong: " + half + ",\n " + half + "\nnext: x\n");
+  const std::vector<Line> lines = file.Lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(Show(lines[1]), "X 3 alias line too long");
+  EXPECT_EQ(lines[1].key, "long");
+  EXPECT_EQ(Show(lines[2]), "E 4 next=x");
+}
+
+TEST(AliasesFileTest, LinesSkippedAfterAnEntryThatDoesNotFitAreNotCounted) {
+  const std::string over(9000, 'y');
+  EXPECT_EQ(Parse("long: " + over + "\n c\n d\nnocolon\nx: y\nx: z\n"),
+            Lines({"X 1 alias line too long", "X 2 missing colon", "E 3 x=y", "E 4 x=z"}));
+}
+
+TEST(AliasesFileTest, OverlongLineEndingInBackslashSkipsTheNextLineAndAnEmptyLineCarriesItOn) {
+  const std::string over(9005, 'b');
+  EXPECT_EQ(Parse("e: " + over + "\\\nskipped\nnocolon\n"),
+            Lines({"X 1 alias line too long", "X 2 missing colon"}));
+  EXPECT_EQ(Parse("e: " + over + "\\\n\nskipped\nnocolon\n"),
+            Lines({"X 1 alias line too long", "X 2 missing colon"}));
+}
+
+TEST(AliasesFileTest, OverlongCommentIsAnErrorToo) {
+  EXPECT_EQ(Parse("#" + std::string(9000, 'c') + "\n skipped\nnocolon\n"),
+            Lines({"X 1 alias line too long", "X 2 missing colon"}));
+}
+
 TEST(AliasesFileTest, NulByteIsNoticed) {
   EXPECT_FALSE(AliasesFile("a: b\n").has_nul());
   EXPECT_TRUE(AliasesFile(std::string("a: b\0c\n", 7)).has_nul());

@@ -59,8 +59,10 @@ TEST_F(MailboxesTest, CreateWithoutDomainRowFailsBeforeAnyFileIsTouched) {
 
 TEST_F(MailboxesTest, FailingAliasesStepLeavesNoVirtualUserTableLine) {
   // The entry is written before the line that points at it: when its map
-  // cannot be built, the address never leads to a local name without one.
-  box_.Write("aliases", "line without a colon\n");
+  // cannot be built (the rebuild refuses the new entry itself, at line 1),
+  // the address never leads to a local name without one.
+  pnl_cf::SetPath("sendmail-newaliases",
+                  "echo '" + AliasesFile() + ": line 1: refused' >&2; exit 1");
   const std::string before = Read(Vut());
   auto e = NewMailbox(domain_, "info");
   EXPECT_THROW(mta_->CreateEmail(e), email::Fail);

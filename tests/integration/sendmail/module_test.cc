@@ -8,6 +8,7 @@
 #include "sandbox.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
+#include "zelapi/warn.h"
 #include "zelapi/mta_registry.h"
 
 using zeltest::CountingRunner;
@@ -178,7 +179,10 @@ TEST_F(ModuleTest, SecondConstructionFindsDevnullAndPostsNothing) {
 }
 
 TEST_F(ModuleTest, FailingNewaliasesKeepsTheBackEndUnregistered) {
-  box_.Write("aliases", "line without a colon\n");
+  // The rebuild refuses the very entry the start-up writes (line 1).
+  box_.Write("aliases", "");
+  pnl_cf::SetPath("sendmail-newaliases",
+                  "echo '" + box_.Path("aliases") + ": line 1: refused' >&2; exit 1");
   pnl_cf::SetParam("MTA", "sendmail");
   loader_.Load(kModule);
   try {
@@ -187,11 +191,23 @@ TEST_F(ModuleTest, FailingNewaliasesKeepsTheBackEndUnregistered) {
   } catch (const pnl_err::Error& e) {
     EXPECT_EQ(e.type(), "email");
     EXPECT_EQ(e.object(), "newaliases");
-    EXPECT_NE(e.detail().find("line 1: missing colon"), std::string::npos) << e.detail();
+    EXPECT_NE(e.detail().find("line 1: refused"), std::string::npos) << e.detail();
     EXPECT_TRUE(e.reported());
   }
   EXPECT_EQ(email::GetMta(), nullptr);
+  EXPECT_EQ(box_.Read("aliases"), "devnull:\t\"/dev/null\"\n");
+}
+
+TEST_F(ModuleTest, ABadLineSomeoneElseWroteLeavesTheBackEndRegisteredWithAWarning) {
+  box_.Write("aliases", "line without a colon\n");
+  pnl_warn::Take();
+  pnl_cf::SetParam("MTA", "sendmail");
+  Construct();
+  EXPECT_NE(email::GetMta(), nullptr);
   EXPECT_EQ(box_.Read("aliases"), "line without a colon\ndevnull:\t\"/dev/null\"\n");
+  const std::vector<std::string> warnings = pnl_warn::Take();
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_NE(warnings[0].find("line 1: missing colon"), std::string::npos) << warnings[0];
 }
 
 TEST_F(ModuleTest, TheFilePathsDefaultToEtcMail) {

@@ -521,6 +521,66 @@ TEST_F(EngineTest, EachWriteRunsAfterSaveWithReasonZeroAndTheNote) {
   EXPECT_EQ(Slurp(path).find("moved to"), std::string::npos);
 }
 
+using Keys = std::vector<std::string>;
+
+TEST_F(EngineTest, EachSaveHandsAfterSaveTheKeysItWrote) {
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  auto domains = VirtTable::Get<DomainView>(path, false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "info+new.example";
+  mails->Post("");  // changed
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  mails->name.Set("Sales@new.example");
+  mails->Post("");  // renamed: the key before and after
+  ASSERT_TRUE(domains->Find("other.org"));
+  domains->Post("");  // posted unchanged
+  mails->New();
+  mails->name.Set("new@example.com");
+  mails->target = "new+example.com";
+  mails->Post("");  // added
+  ASSERT_TRUE(mails->Find("bob@other.org"));
+  mails->Delete();  // removed
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 5u);
+  EXPECT_EQ(saves[0].changed_keys, Keys({"info@example.com"}));
+  EXPECT_EQ(saves[1].changed_keys, Keys({"sales@example.com", "Sales@new.example"}));
+  EXPECT_EQ(saves[2].changed_keys, Keys({"other.org"}));
+  EXPECT_EQ(saves[3].changed_keys, Keys({"new@example.com"}));
+  EXPECT_EQ(saves[4].changed_keys, Keys({"bob@other.org"}));
+}
+
+TEST_F(EngineTest, DeferredSaveHandsEveryChangedKeyOnceAndADiscardForgetsThem) {
+  ConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  const std::string path = Copy("virt.txt");
+  auto mails = VirtTable::Get<MailView>(path, false);
+  engine->BeginDeferred();
+  mails->New();
+  mails->name.Set("temp@example.com");
+  mails->Post("");
+  engine->DiscardDeferred();
+  engine->BeginDeferred();
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "info+one.example";
+  mails->Post("");
+  ASSERT_TRUE(mails->Find("last@other.org"));
+  mails->Delete();
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  mails->target = "info+two.example";
+  mails->Post("");
+  engine->FlushDeferred();
+  auto saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 1u);
+  EXPECT_EQ(saves[0].reason, ConfCache::kSaveDeferred);
+  EXPECT_EQ(saves[0].changed_keys, Keys({"info@example.com", "last@other.org"}));
+  // The next save starts afresh.
+  ASSERT_TRUE(mails->Find("tab@other.org"));
+  mails->Delete();
+  saves = Journal::Get().saves();
+  ASSERT_EQ(saves.size(), 2u);
+  EXPECT_EQ(saves[1].changed_keys, Keys({"tab@other.org"}));
+}
+
 TEST_F(EngineTest, AfterSaveErrorReachesPostAndTheFileIsSaved) {
   const std::string path = Copy("virt.txt");
   auto mails = VirtTable::Get<MailView>(path, false);

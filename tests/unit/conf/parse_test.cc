@@ -22,6 +22,25 @@ pnl_token::Params VirtRules() {
   return p;
 }
 
+// "name: a, b" lines whose entries go on over the lines that start with a
+// blank or a tab and over a backslash before the line end.
+pnl_token::Params ContinuedRules() {
+  pnl_token::Params p;
+  p.Add(pnl_token::CharToken(":\t ", 1));
+  p.Add(pnl_token::CharToken("\n", 6));
+  p.Add(pnl_token::Comment("#", "\n", false));
+  p.Add(pnl_token::Continuation(" \t", true));
+  return p;
+}
+
+// The logical lines of text, each as it stands.
+std::vector<std::string> LogicalLines(const std::string& text, const pnl_token::Params& rules) {
+  Cf cf(text, rules);
+  std::vector<std::string> lines;
+  while (cf.NextLine()) lines.push_back(text.substr(cf.line_offset(), cf.line_end() - cf.line_offset()));
+  return lines;
+}
+
 // A view that stores what its test tells it to, to reach every corner.
 class ProbeView : public HeadDataSet {
  public:
@@ -383,4 +402,73 @@ TEST(CfTest, RemarksAndCarriageReturnsAreFoundOnTheLinesThatHaveThem) {
     }
   }
   EXPECT_EQ(values, (std::vector<std::string>{"one", "two", "three", "refused", "five"}));
+}
+
+TEST(CfTest, ContinuationLinesJoinTheLineAboveIntoOneLogicalLine) {
+  const pnl_token::Params rules = ContinuedRules();
+  EXPECT_EQ(LogicalLines("a: b,\n c,\n\td\ne: f\n", rules),
+            std::vector<std::string>({"a: b,\n c,\n\td\n", "e: f\n"}));
+  // A line of blanks continues too; an empty line or a comment does not,
+  // and a comment takes its own continuation lines along.
+  EXPECT_EQ(LogicalLines("a: b\n  \n c\n\n# x\n y\nz: w", rules),
+            std::vector<std::string>({"a: b\n  \n c\n", "\n", "# x\n y\n", "z: w"}));
+  // A backslash before the line end takes in the next line, whatever it holds.
+  EXPECT_EQ(LogicalLines("a: b\\\nc\nd: e\\\n", rules),
+            std::vector<std::string>({"a: b\\\nc\n", "d: e\\\n"}));
+  // Without the rule every line stands alone.
+  EXPECT_EQ(LogicalLines("a b\n c\n", VirtRules()), std::vector<std::string>({"a b\n", " c\n"}));
+}
+
+TEST(CfTest, ValueOverContinuationLinesIsJoinedWithoutItsLineEnds) {
+  const pnl_token::Params rules = ContinuedRules();
+  const std::string text = "list:\ta,\n  b, \\\nc\n";
+  Cf cf(text, rules);
+  conftest::ListView view;
+  ASSERT_TRUE(cf.NextLine());
+  ASSERT_TRUE(view.Parse(cf));
+  EXPECT_EQ(cf.stored_value(0), "list");
+  // The line ends go, and the backslash before one.
+  EXPECT_EQ(cf.stored_value(1), "a,  b, c");
+  const Cf::Cached& items = cf.stored_field(1);
+  EXPECT_TRUE(items.has_span);
+  EXPECT_TRUE(items.own);
+  EXPECT_EQ(text.substr(items.start, items.size), "a,\n  b, \\\nc");
+}
+
+TEST(CfTest, TokensRunOverTheLineEndsInsideALogicalLine) {
+  const pnl_token::Params rules = ContinuedRules();
+  Cf cf("a\n b # x\n\tc\nd\n", rules);
+  ASSERT_TRUE(cf.NextLine());
+  EXPECT_EQ(cf.token(), "a");
+  cf.GetToken(false);
+  EXPECT_EQ(cf.token(), "b");
+  cf.GetToken(false);
+  EXPECT_EQ(cf.token(), "c");
+  cf.GetToken(false);
+  EXPECT_EQ(cf.token(), "\n");
+  ASSERT_TRUE(cf.NextLine());
+  EXPECT_EQ(cf.token(), "d");
+}
+
+TEST(CfTest, LineStartingWithABlankAfterAnEmptyLineIsClaimedByNoView) {
+  const pnl_token::Params rules = ContinuedRules();
+  Cf cf("\n c: d\n", rules);
+  conftest::ListView view;
+  ASSERT_TRUE(cf.NextLine());
+  EXPECT_FALSE(view.Parse(cf));
+  EXPECT_FALSE(cf.stored());
+}
+
+TEST(CfTest, RawOverTheLineEndsOfALogicalLineIsTakenWithAValueWithoutThem) {
+  const pnl_token::Params rules = ContinuedRules();
+  Cf cf("k: a\n b\n", rules);
+  ProbeView view;
+  ASSERT_TRUE(cf.NextLine());
+  cf.CacheStart(view, true);
+  cf.CacheField(0, "k", "k", 0);
+  EXPECT_THROW(cf.CacheField(1, "a\n b", "a\n b", 3), pnl_err::Error);
+  EXPECT_THROW(cf.CacheField(1, "a\n b\n", "a b", 3), pnl_err::Error);  // the line's own end
+  cf.CacheField(1, "a\n b", "a b", 3);
+  cf.CacheDone(view, false);
+  EXPECT_EQ(cf.stored_value(1), "a b");
 }

@@ -31,6 +31,7 @@ struct Save {
   std::string file;
   int reason;
   std::vector<std::string> notes;
+  std::vector<std::string> changed_keys;
 };
 
 // What AfterSave saw, and what it should do next.
@@ -57,7 +58,7 @@ class Journal {
     bool fail;
     {
       std::lock_guard<std::mutex> guard(mu_);
-      saves_.push_back(Save{table, ref.FileName(), reason, ref.Notes()});
+      saves_.push_back(Save{table, ref.FileName(), reason, ref.Notes(), ref.ChangedKeys()});
       fail = throw_on_save_;
     }
     if (fail) throw pnl_err::Error("test", "after-save", "map rebuild failed for " + ref.FileName());

@@ -94,3 +94,20 @@ TEST(TokenizerTest, ConflictingOrUnknownRulesAreRefused) {
   p.Add(pnl_token::Comment("#", "\n", false));
   EXPECT_THROW(p.Add(pnl_token::CharToken("#", 2)), pnl_err::Error);
 }
+
+TEST(TokenizerTest, ContinuationStartsMustBeSeparatorsAndTheLimitAtLeastOneByte) {
+  pnl_token::Params p;
+  p.Add(pnl_token::CharToken(":\t ", 1));
+  EXPECT_THROW(p.Add(pnl_token::Continuation("x", false)), pnl_err::Error);
+  EXPECT_THROW(p.Add(pnl_token::Continuation("", false)), pnl_err::Error);
+  EXPECT_THROW(p.Add(pnl_token::LongestLine(0)), pnl_err::Error);
+  EXPECT_FALSE(p.HasContinuation());
+  p.Add(pnl_token::Continuation(" \t", true));
+  p.Add(pnl_token::LongestLine(80));
+  EXPECT_TRUE(p.HasContinuation());
+  EXPECT_TRUE(p.BackslashJoins());
+  EXPECT_TRUE(p.Continues(' '));
+  EXPECT_TRUE(p.Continues('\t'));
+  EXPECT_FALSE(p.Continues(':'));
+  EXPECT_EQ(p.LongestLineBytes(), 80u);
+}

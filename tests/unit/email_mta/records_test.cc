@@ -302,13 +302,24 @@ TEST(ParseTest, ViewsClaimNothingAwayFromTheStartOfALine) {
   ExpectNoClaimAwayFromLineStart<HostNames>("a b\n", blanks);
 }
 
-TEST(ParseTest, ALineStartingWithABlankIsClaimedByNoView) {
+// Regression: continuation lines were read as nothing, and a rewrite of the
+// entry left them to be glued onto its new text.
+TEST(ParseTest, ALineStartingWithABlankContinuesTheAliasesEntryAbove) {
   Sandbox box(TestName());
   box.Write("aliases", "info:\troot,\n\tadmin\n");
   auto aliases = AliasTable::Get<Aliases>(box.Path("aliases"), true);
   ASSERT_TRUE(aliases->Find("info"));
-  EXPECT_EQ(aliases->alias.Str(), "root");
+  EXPECT_EQ(aliases->alias.Str(), "root, admin");
   EXPECT_FALSE(aliases->Find("admin"));
+}
+
+TEST(ParseTest, ALineStartingWithABlankIsClaimedByNoViewOfTheVirtualUserTable) {
+  Sandbox box(TestName());
+  box.Write("virtusertable", "a@b.example\tx+b.example\n\tjunk\n");
+  auto lines = VirtualUserTable::Get<VirtualEmails>(box.Path("virtusertable"), true);
+  ASSERT_TRUE(lines->Find("a@b.example"));
+  EXPECT_EQ(lines->target.Str(), "x+b.example");
+  EXPECT_FALSE(lines->Find("junk"));
 }
 
 TEST(TableTest, FirstUseFromTwoThreadsBuildsOneTableInstance) {

@@ -65,6 +65,14 @@ class ConfRef {
   // Inside AfterSave: the notes given to the posts that this save wrote
   // (empty notes left out). Empty elsewhere.
   const std::vector<std::string>& Notes() const;
+  // Inside AfterSave: the keys of the records this save wrote, each once,
+  // in the order first written: added, changed (the key before and, when
+  // the post changed it, after), posted unchanged, or removed; a deferred
+  // save hands all its changes' keys. Keys are the views' key fields as
+  // written (a step that compares them as its tool does, for example
+  // without letter case, does so itself). Empty elsewhere (a file created
+  // empty, an AfterSave called outside a save).
+  const std::vector<std::string>& ChangedKeys() const;
 
  private:
   friend class ConfCache;
@@ -73,6 +81,7 @@ class ConfRef {
 
   std::shared_ptr<zel_conf::CachedFile> file_;
   const std::vector<std::string>* notes_ = nullptr;
+  const std::vector<std::string>* changed_keys_ = nullptr;
 };
 
 class ConfCache {

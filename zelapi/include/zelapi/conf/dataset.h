@@ -28,11 +28,15 @@
 // as it is (and so runs AfterSave): posting is how a caller asks for the
 // table's after-save step. A changed record rewrites only its own line, and
 // on it only the byte spans of the changed fields when they are known
-// (spacing and a trailing comment survive); otherwise the line becomes
-// NewRecordTemplate(). Before anything is written, the new line is parsed
-// back: a value that would not read back as written (it holds a comment
-// start, leading blanks, a word that turns the line into another view's
-// line...) is refused with pnl_err::Error("conf") and nothing changes.
+// (spacing and a trailing comment survive); otherwise, and always for a
+// record over several lines of a table whose lines continue each other
+// (pnl_token::Continuation), the line becomes NewRecordTemplate(). Before
+// anything is written, the new line is parsed back: a value that would not
+// read back as written (it holds a comment start, leading blanks, a word
+// that turns the line into another view's line, a trailing backslash that
+// would take in the next line...) or a line longer than the table's
+// pnl_token::LongestLine is refused with pnl_err::Error("conf") and nothing
+// changes.
 //
 // Threads: one cursor belongs to one thread at a time; cursors on the same
 // file may be used from different threads, each operation holding the
@@ -70,7 +74,8 @@ class ConfDataSet : public virtual dd::Record {
 
   // Writes the current record: an existing one in place (only what changed
   // since it was read, merged over a newer copy from disk), a new one as
-  // NewRecordTemplate() appended at the end of the file. note is not written
+  // NewRecordTemplate() appended at the end of the file (or, when the last
+  // line ends in a backslash that joins lines, right before it). note is not written
   // into the file: the save hands it to AfterSave (ConfRef::Notes). After a
   // Post the cursor stands on the record. Throws without a current or new
   // record, when the record changed on disk and cannot be found again, and
@@ -79,7 +84,8 @@ class ConfDataSet : public virtual dd::Record {
   // Posts a new record placed right after other's current record (and the
   // continuation lines, lines starting with a blank, that follow it); at
   // the end when other stands on no record. An existing record is posted in
-  // place. other must be a cursor on the same file (any view).
+  // place. other must be a cursor on the same file (any view). (Where lines
+  // continue each other, a record includes its continuation lines.)
   void Post(ConfDataSet& other);
   // Removes the current record's line, and the continuation lines that
   // follow it (unclaimed lines starting with a blank, which would

@@ -10,6 +10,14 @@
 // whatever it cached before. A Parse that returns true without CacheDone
 // claims the line without making it a record (it is kept as it is).
 //
+// A line here is a logical line: in a table with a continuation rule
+// (pnl_token::Continuation) it is a line of the text together with the
+// lines that continue it, and a record read from it spans them all. Inside
+// a logical line its line ends separate words like blanks; a field's value
+// is its text with those line ends left out (and, where a backslash joins
+// lines, the backslash before each), as sendmail joins them. Without the
+// rule every line of the text is a line here.
+//
 // Offsets (pos, line_offset, spans) count bytes from the start of the text
 // the context was made for. A record never reaches past its line: no
 // operation here moves beyond the current line's end.
@@ -54,7 +62,8 @@ class Cf {
   bool NextLine();
   // Back to the first token of the current line; drops what was cached.
   void Rewind();
-  // Offset just past the current line (past its "\n" when it has one).
+  // Offset just past the current (logical) line, past its last "\n" when
+  // it has one.
   std::size_t line_end() const { return line_end_; }
   // Only ds may cache records until the next Offer (null: any view).
   void Offer(const HeadDataSet* ds) { offered_ = ds; }
@@ -96,12 +105,14 @@ class Cf {
   // is one stretch of the line); otherwise pos is raw's offset in the text.
   // The last two arguments are reserved and must be 0. Throws
   // pnl_err::Error("conf") without a CacheStart, for an index out of range,
-  // for a line end ("\n" or "\r") in raw or value, or when raw is not at
-  // pos. (So a line ending in "\r\n" is claimed by no view that reads up
-  // to the line end, and stays as it is.)
+  // for a line end ("\n" or "\r") in value, for a "\r" in raw or a "\n"
+  // in raw other than one inside the logical line at a known span, or when
+  // raw is not at pos. (So a line ending in "\r\n" is claimed by no view
+  // that reads up to the line end, and stays as it is.)
   void CacheField(int index, const std::string& raw, const std::string& value, int pos = -1,
                   int reserved1 = 0, int reserved2 = 0);
-  // CacheField(field's index, token(), token()).
+  // CacheField(field's index, token(), token()); a token that runs over
+  // the line ends inside the logical line gets its joined text as value.
   void CacheField(const dd::Field& field);
   // Closes the record. to_line_end: the rest of the line after the current
   // token must be empty (blanks and a comment aside), else the record is
@@ -120,6 +131,14 @@ class Cf {
 
  private:
   void Load(const pnl_token::Token& t);
+  // Offset just past the physical line that starts at from.
+  std::size_t PhysicalLineEnd(std::size_t from) const;
+  // The tokenizer's next token, a line end inside the logical line taken as
+  // a separator.
+  pnl_token::Token Next(std::size_t& pos, bool with_separators) const;
+  // The text of [start, end) with the line ends in it left out (and the
+  // backslash before each, where a backslash joins lines).
+  std::string Joined(std::size_t start, std::size_t end) const;
   std::string_view Text(std::size_t start, std::size_t end) const {
     return text_.substr(start, end - start);
   }
@@ -145,6 +164,8 @@ class Cf {
 
   std::size_t line_start_ = 0;
   std::size_t line_end_ = 0;
+  std::size_t content_end_ = 0;  // line_end_ less the line's last "\n"
+  bool joined_ = false;          // the line is several lines of the text
   bool started_ = false;
   pnl_token::Token first_;       // first token of the line
   std::size_t first_next_ = 0;   // tokenizer position after it

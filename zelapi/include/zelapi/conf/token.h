@@ -71,6 +71,36 @@ class Comment {
   bool anywhere_;
 };
 
+// Rule: lines that continue the line above them. Together they make one
+// logical line, which a view reads and the engine keeps, rewrites and
+// removes as one (see Cf). A line that starts with one of the characters of
+// starts (for example " \t") continues the line above it; with backslash, a
+// line whose text ends in a backslash takes in the next line, whatever that
+// holds. Without this rule every line stands alone.
+class Continuation {
+ public:
+  Continuation(std::string starts, bool backslash);
+  const std::string& starts() const { return starts_; }
+  bool backslash() const { return backslash_; }
+
+ private:
+  std::string starts_;
+  bool backslash_;
+};
+
+// Rule: the longest logical line the engine writes, in bytes, counted as
+// its lines joined (without their line ends, and without the backslash
+// before a joined line end). A post whose line would be longer is refused.
+// Lines read from a file are not limited.
+class LongestLine {
+ public:
+  explicit LongestLine(std::size_t bytes) : bytes_(bytes) {}
+  std::size_t bytes() const { return bytes_; }
+
+ private:
+  std::size_t bytes_;
+};
+
 // A set of rules, compiled into per-byte tables as rules are added.
 class Params {
  public:
@@ -81,6 +111,10 @@ class Params {
   // that starts with a separator, a character token or the line end.
   void Add(const CharToken& rule);
   void Add(const Comment& rule);
+  // Throws pnl_err::Error("conf") for a continuation start that is not a
+  // separator (it would change the words of the line), and for a limit of 0.
+  void Add(const Continuation& rule);
+  void Add(const LongestLine& rule);
 
   // Per-byte class, as used by the Tokenizer: a Token::Type, or kWordComment
   // for a word character that may open an anywhere-comment.
@@ -95,11 +129,23 @@ class Params {
   // comments start with different bytes.
   int CommentByte() const { return comment_byte_; }
 
+  // Continuation: whether a line starting with c continues the one above;
+  // whether a backslash before a line end joins the next line.
+  bool Continues(unsigned char c) const { return continues_[c] != 0; }
+  bool HasContinuation() const { return has_continuation_; }
+  bool BackslashJoins() const { return backslash_joins_; }
+  // The longest line a post may write; 0: no limit.
+  std::size_t LongestLineBytes() const { return longest_line_; }
+
  private:
   std::uint8_t class_[256];
   std::uint8_t comment_first_[256];
   std::vector<Comment> comments_;
   int comment_byte_ = -1;
+  std::uint8_t continues_[256];
+  bool has_continuation_ = false;
+  bool backslash_joins_ = false;
+  std::size_t longest_line_ = 0;
 };
 
 // Scans text by the rules. The text and the rules must outlive it.
