@@ -32,10 +32,15 @@ void AddView(PnlConfCache* engine, const std::string& table) {
   engine->Add(table, typeid(R).name(), typeid(R).name(), &ConfCache::Create<R>);
 }
 
+// sendmail folds the keys of its hashed maps (virtual user table, access
+// map, aliases) to lower case and compares class w (local-host-names)
+// without case: a key in another letter case is the same key to it, so it
+// is to the tables too.
 template <class Table>
 PnlConfCache* RegisterTable(Table* table, std::shared_ptr<pnl_token::Params> rules) {
   PnlConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
   engine->Register(table->Name(), std::move(rules));
+  engine->FoldKeys(table->Name(), true);
   engine->_AfterSave(table->Name(), table, &BaseCachedConfigEvent::_AfterSave);
   return engine;
 }
