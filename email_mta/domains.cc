@@ -92,6 +92,7 @@ void SendmailLikeInterface::DeleteDomain(DomainPtr domain) {
   }
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(name)) access->_Delete(true);
+  zel_db::ForgetAccessEntry(name);
 }
 
 void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
@@ -106,6 +107,7 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
   access->Create(name);
   access->target.Set(kDisabledAccess);
   access->Post("");
+  zel_db::RecordAccessEntry(name, kDisabledAccess);
 }
 
 void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
@@ -113,6 +115,7 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   {
     Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
     if (access->Find(name)) access->_Delete(true);
+    zel_db::ForgetAccessEntry(name);
   }
   {
     Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
@@ -124,6 +127,7 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   // appeared meanwhile must not keep the domain refused.
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(name)) access->Delete();
+  zel_db::ForgetAccessEntry(name);
 }
 
 void SendmailLikeInterface::UpdateDomain(DomainPtr domain) {

@@ -72,6 +72,7 @@ void SendmailLikeInterface::DeleteEmail(EmailPtr email) {
   {
     Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
     access->Delete(address);
+    zel_db::ForgetAccessEntry(address);
   }
   Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
   lines->Delete(address);
@@ -96,6 +97,7 @@ void SendmailLikeInterface::SuspendEmail(EmailPtr email) {
   }
   access->target.Set(kDisabledAccess);
   access->Post("");
+  zel_db::RecordAccessEntry(address, kDisabledAccess);
 }
 
 void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
@@ -113,6 +115,7 @@ void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
   SetAliases(email, {});
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(address)) access->Delete();
+  zel_db::ForgetAccessEntry(address);
 }
 
 void SendmailLikeInterface::UpdateEmail(EmailPtr) {}

@@ -6,6 +6,7 @@
 // files' lines (the domain's mailboxes first) and then the rows. The
 // back-end's calls go through Host::ChangeFiles, whose undo steps are those
 // rules (in a batch they run at its end, when the files fail there).
+#include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "leftovers.h"
@@ -39,6 +40,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
                          "(zelpnl webdomain add " + name + " --owner USER)");
   if (FindMailDomain(db, name))
     throw pnl_err::Error("exists", "mail domain " + Quote(name), "already exists");
+  RefuseAccessEntryOfNewDomain(host, name);
   int64_t owner_id = web->users.Value();
   if (!owner.empty()) owner_id = RequireUser(db, owner)->id.Value();
 
@@ -116,6 +118,10 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
   const int64_t id = row->id.Value();
   const bool was = row->enabled.Value();
   auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email_domain", id, was); };
+  // A suspension writes the domain's access entry: never over one the panel
+  // did not write.
+  if (change == Change::kSuspend || (change == Change::kUpdate && !was))
+    RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
   switch (change) {
     case Change::kSuspend:
       host.ChangeFiles([&] { host.Mta().SuspendDomain(row); }, restore);
@@ -140,6 +146,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
   const int64_t id = row->id.Value();
   const std::string old_action = row->def_action.Value();
   const std::string old_redirect = row->redirect.Value();
+  if (!row->enabled.Value()) RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
   row->def_action = action;
   row->redirect = redirect;
   // The files take the new action from the row in memory; it is stored once
