@@ -14,6 +14,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include "email/mta_interface.h"
 #include "email/records.h"
@@ -67,9 +68,15 @@ class SendmailLikeInterface : public MtaInterface {
   virtual void GetDefAction(Cursor<VirtualDomains>& line, DomainPtr domain) = 0;
   // The target of a mailbox's own virtual-user-table line.
   virtual std::string GetVirtuserTarget(EmailPtr email, DomainPtr domain) = 0;
-  // A sender-list entry as an access-map key, and back.
+  // A sender-list entry as an access-map key, and back: FromListVal gives
+  // the entry in its canonical form, or "" for a key that is none the panel
+  // writes (such lines are not listed).
   virtual std::string ToListVal(const std::string& entry) = 0;
   virtual std::string FromListVal(const std::string& key) = 0;
+  // Every key under which entry's line may stand, ToListVal's first; the
+  // others are spellings an earlier version wrote, found so that their lines
+  // can be deleted and rewritten. Default: ToListVal's alone.
+  virtual std::vector<std::string> ListKeys(const std::string& entry);
 
   const std::string& virtusertable_path() const { return virtusertable_path_; }
   const std::string& localhostnames_path() const { return localhostnames_path_; }
