@@ -1,5 +1,6 @@
 // Mail domains: a catch-all line in the virtual user table, a line in
 // local-host-names and, while suspended, an access-map entry.
+#include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
 #include "zelapi/db.h"
@@ -92,7 +93,7 @@ void SendmailLikeInterface::DeleteDomain(DomainPtr domain) {
   }
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(name)) access->_Delete(true);
-  zel_db::ForgetAccessEntry(name);
+  ForgetAccessEntry(accessdb_path(), name);
 }
 
 void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
@@ -106,8 +107,8 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   access->Create(name);
   access->target.Set(kDisabledAccess);
+  RecordAccessEntry(accessdb_path(), name, kDisabledAccess);
   access->Post("");
-  zel_db::RecordAccessEntry(name, kDisabledAccess);
 }
 
 void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
@@ -115,7 +116,7 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   {
     Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
     if (access->Find(name)) access->_Delete(true);
-    zel_db::ForgetAccessEntry(name);
+    ForgetAccessEntry(accessdb_path(), name);
   }
   {
     Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
@@ -127,7 +128,7 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   // appeared meanwhile must not keep the domain refused.
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(name)) access->Delete();
-  zel_db::ForgetAccessEntry(name);
+  ForgetAccessEntry(accessdb_path(), name);
 }
 
 void SendmailLikeInterface::UpdateDomain(DomainPtr domain) {

@@ -1,6 +1,7 @@
 // Mailboxes: an address line in the virtual user table pointing at the
 // mailbox's local name, an aliases entry of that name (written by the
 // concrete back-end) and, while suspended, an access-map entry.
+#include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
 #include "zelapi/db.h"
@@ -72,7 +73,7 @@ void SendmailLikeInterface::DeleteEmail(EmailPtr email) {
   {
     Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
     access->Delete(address);
-    zel_db::ForgetAccessEntry(address);
+    ForgetAccessEntry(accessdb_path(), address);
   }
   Cursor<VirtualEmails> lines = VirtualUserTable::Get<VirtualEmails>(virtusertable_path(), true);
   lines->Delete(address);
@@ -96,8 +97,8 @@ void SendmailLikeInterface::SuspendEmail(EmailPtr email) {
     access->source.Set(address);
   }
   access->target.Set(kDisabledAccess);
+  RecordAccessEntry(accessdb_path(), address, kDisabledAccess);
   access->Post("");
-  zel_db::RecordAccessEntry(address, kDisabledAccess);
 }
 
 void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
@@ -115,7 +116,7 @@ void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
   SetAliases(email, {});
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   if (access->Find(address)) access->Delete();
-  zel_db::ForgetAccessEntry(address);
+  ForgetAccessEntry(accessdb_path(), address);
 }
 
 void SendmailLikeInterface::UpdateEmail(EmailPtr) {}

@@ -40,10 +40,10 @@ bool Rewrite(Cursor<SourceTarget>& access, const std::string& path, const std::s
     if (other->Find(key)) return false;
   }
   const std::string old_key = access->source.Str();
+  RecordAccessEntry(path, key, action);
   access->source.Set(key);
   access->Post("");
-  zel_db::ForgetAccessEntry(old_key);
-  zel_db::RecordAccessEntry(key, action);
+  ForgetAccessEntry(path, old_key);
   return true;
 }
 
@@ -67,7 +67,7 @@ void RefillList(SendmailLikeInterface& mta, const std::string& action, const cha
     if (access->target.Str() != action) continue;
     const std::string sender = mta.FromListVal(access->source.Str());
     if (sender.empty()) continue;
-    const bool panel = zel_db::IsPanelAccessEntry(access->source.Str(), action);
+    const bool panel = IsPanelAccessEntry(mta.accessdb_path(), access->source.Str(), action);
     const std::string key = mta.ToListVal(sender);
     if (!SameKey(access->source.Str(), key)) {
       if (!panel || !Rewrite(access, mta.accessdb_path(), key, action)) continue;
@@ -83,7 +83,7 @@ void RefillList(SendmailLikeInterface& mta, const std::string& action, const cha
   for (pnl_db::Query q = cache->Query("SELECT key FROM email_access WHERE value = ?", {action});
        !q.Eof(); q.Next())
     if (keys.count(Lower(q.Str())) == 0) gone.push_back(q.Str());
-  for (const std::string& key : gone) zel_db::ForgetAccessEntry(key);
+  for (const std::string& key : gone) ForgetAccessEntry(mta.accessdb_path(), key);
 }
 
 }  // namespace
@@ -106,9 +106,9 @@ void SendmailLikeInterface::AddToList(const std::string& sender, const std::stri
     access->source.Set(keys[0]);
   }
   access->target.Set(action);
+  RecordAccessEntry(accessdb_path(), keys[0], action);
   access->Post("");
-  if (entry) zel_db::ForgetAccessEntry(entry->key);
-  zel_db::RecordAccessEntry(keys[0], action);
+  if (entry && !SameKey(entry->key, keys[0])) ForgetAccessEntry(accessdb_path(), entry->key);
 }
 
 void SendmailLikeInterface::DeleteFromList(const std::string& sender) {
@@ -117,7 +117,7 @@ void SendmailLikeInterface::DeleteFromList(const std::string& sender) {
   if (!entry) return;
   if (!entry->panel) RefuseForeign(sender, *entry);
   access->_Delete(true);
-  zel_db::ForgetAccessEntry(entry->key);
+  ForgetAccessEntry(accessdb_path(), entry->key);
 }
 
 void SendmailLikeInterface::AddToWhitelist(const std::string& sender) {

@@ -82,12 +82,23 @@ void ChangeAndCache(Host& host, const List& list, const std::string& sender, boo
   host.AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
 }
 
+bool OnList(pnl_db::Cache& db, const List& list, const std::string& sender) {
+  return !db.Query(std::string("SELECT 1 FROM ") + list.table + " WHERE sender = ?", {sender})
+              .Eof();
+}
+
 // The panel's entry of sender in the access map (nullopt when there is
-// none); an entry the panel did not write is refused, naming it.
-std::optional<email::AccessEntry> PanelEntry(Host& host, const std::string& sender) {
+// none); an entry the panel did not write is refused, naming it. When the
+// list's rows say otherwise than the map (a request that ended after its
+// save, before its rows were kept), the list is read back first, so that
+// a refusal leaves them right.
+std::optional<email::AccessEntry> PanelEntry(Host& host, const List& list,
+                                             const std::string& sender) {
   std::optional<email::AccessEntry> entry = FindSenderEntry(host, sender);
   if (entry && !entry->panel)
     throw pnl_err::Error("conflict", "sender " + Quote(sender), email::NotThePanels(*entry));
+  const bool listed = entry && entry->value == list.action;
+  if (listed != OnList(host.Db(), list, sender)) Cache(host, list);
   return entry;
 }
 
@@ -95,7 +106,7 @@ void Add(Host& host, const Output& out, const List& list, const std::string& sen
          const std::string& kind) {
   pnl_db::Cache& db = host.Db();
   const std::string object = "sender " + Quote(sender);
-  const std::optional<email::AccessEntry> entry = PanelEntry(host, sender);
+  const std::optional<email::AccessEntry> entry = PanelEntry(host, list, sender);
   if (kind == "domain" && FindMailDomain(db, sender))
     throw pnl_err::Error("conflict", object,
                          "is a mail domain of this server; its access entry is the domain's "
@@ -123,7 +134,7 @@ void Add(Host& host, const Output& out, const List& list, const std::string& sen
 
 void Delete(Host& host, const Output& out, const List& list, const std::string& sender) {
   pnl_db::Cache& db = host.Db();
-  const std::optional<email::AccessEntry> entry = PanelEntry(host, sender);
+  const std::optional<email::AccessEntry> entry = PanelEntry(host, list, sender);
   if (!entry || entry->value != list.action)
     throw pnl_err::Error("unknown", "sender " + Quote(sender),
                          std::string("is not on the ") + list.name);

@@ -1,6 +1,7 @@
 // Whitelist and blacklist as "OK" and "REJECT" entries of the access map.
 #include <functional>
 
+#include "email/access_entries.h"
 #include "mail_fixture.h"
 
 using zeltest::MailTest;
@@ -221,4 +222,40 @@ TEST_F(SenderListsTest, ADomainSenderSharesItsEntryWithTheDomainSuspension) {
   box_.Write("virtusertable", Read(Vut()) + "# touched\n");
   mta_->CacheDomains();
   EXPECT_EQ(Read(Access()), "");
+}
+
+// A request killed after it saved the access map but before the panel
+// database took its record (its transaction is rolled back): the entry's
+// claim makes the line the panel's all the same for the next request. A
+// hand-written line of the same value is not.
+TEST_F(SenderListsTest, AnEntryOfARequestThatNeverCommittedIsStillThePanels) {
+  mta_->AddToBlacklist("spam.example");
+  EXPECT_EQ(Read(Access()), "spam.example\tREJECT\n");
+  Db()->Rollback();
+  Db()->BeginRequest();
+  EXPECT_EQ(Column("SELECT count(*) FROM email_access"), "0");
+  box_.Write("access", Read(Access()) + "hand.example\tREJECT\n");
+  const auto entry = email::FindAccessEntry(Access(), {"spam.example"});
+  ASSERT_TRUE(entry);
+  EXPECT_TRUE(entry->panel);
+  EXPECT_FALSE(email::FindAccessEntry(Access(), {"hand.example"})->panel);
+  EXPECT_TRUE(box_.Exists("panel.db-access-claims"));  // until the adoption is committed
+  NextRequest();
+  EXPECT_TRUE(email::IsPanelAccessEntry(Access(), "spam.example", "REJECT"));
+  EXPECT_FALSE(box_.Exists("panel.db-access-claims"));
+  mta_->DeleteFromBlacklist("spam.example");
+  EXPECT_EQ(Read(Access()), "hand.example\tREJECT\n");
+}
+
+// A claim whose line was never written (the request died before its save)
+// makes no later line of that key the panel's.
+TEST_F(SenderListsTest, AClaimWhoseLineWasNeverWrittenIsDropped) {
+  email::RecordAccessEntry(Access(), "spam.example", "REJECT");
+  Db()->Rollback();
+  Db()->BeginRequest();
+  EXPECT_FALSE(email::IsPanelAccessEntry(Access(), "x.example", "OK"));
+  EXPECT_FALSE(box_.Exists("panel.db-access-claims"));
+  NextRequest();
+  box_.Write("access", "spam.example\tREJECT\n");
+  EXPECT_FALSE(email::FindAccessEntry(Access(), {"spam.example"})->panel);
 }

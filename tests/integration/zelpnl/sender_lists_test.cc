@@ -267,3 +267,15 @@ TEST_F(ZelpnlTest, AnEarlierInstallsEntriesAreAdoptedAndItsIpv6KeysRewritten) {
   EXPECT_EQ(Zel({"mail", "whitelist", "add", "127.0.0.1"}).status, 1);
   EXPECT_EQ(File("access"), "Connect:127.0.0.1\tRELAY\nspam.example\tREJECT\n");
 }
+
+// The rows are a cache of the map: when a request ended after its save and
+// before its rows were kept (or the map was edited by hand), a refused add
+// or delete reads the list back, so that the rows are right afterwards.
+TEST_F(ZelpnlTest, ARefusalReadsBackAListWhoseRowsAreBehindTheMap) {
+  Ok({"mail", "whitelist", "add", "192.0.2.7"});
+  WriteFile("access", "");
+  const zeltest::Result gone = Zel({"mail", "whitelist", "delete", "192.0.2.7"});
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_EQ(gone.err, "error: sender \"192.0.2.7\": is not on the whitelist\n");
+  EXPECT_EQ(Count("email_whitelist"), 0);
+}
