@@ -88,11 +88,12 @@ std::string FileState(const std::string& path);
 // access map is the administrator's, and the panel neither rewrites nor
 // removes it, even when it says the same as an entry of the panel would.
 //
-// Whoever posts an entry of the panel records it right after the post, and
-// whoever deletes one forgets it right after the delete: the sender lists'
-// add and delete, and the suspend, resume and delete of domains and
-// mailboxes. Keys compare without ASCII letter case, as sendmail folds the
-// keys of its maps. Throw pnl_err::Error (type "db") on a database error.
+// The mail back-end records each entry it is about to post and forgets
+// each one it deleted (the sender lists' add and delete, the suspend,
+// resume and delete of domains and mailboxes), through helpers of its own
+// that also cover a request killed before it committed. Keys compare
+// without ASCII letter case, as sendmail folds the keys of its maps. Throw
+// pnl_err::Error (type "db") on a database error.
 //
 // Records (or replaces) the panel's entry key -> value.
 void RecordAccessEntry(pnl_db::Cache& cache, const std::string& key, const std::string& value);
