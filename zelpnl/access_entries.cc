@@ -38,7 +38,9 @@ void RefuseAccessEntryOfNewDomain(Host& host, const std::string& domain) {
   const std::optional<email::AccessEntry> entry = FindKeys(host, {domain});
   if (!entry) return;
   if (!entry->panel) throw pnl_err::Error("conflict", object, email::NotThePanels(*entry));
-  const char* list = entry->value == "OK" ? "whitelist" : entry->value == "REJECT" ? "blacklist" : nullptr;
+  const char* list = entry->value == "OK"       ? "whitelist"
+                     : entry->value == "REJECT" ? "blacklist"
+                                                : nullptr;
   if (list != nullptr)
     throw pnl_err::Error("conflict", object,
                          std::string("is on the ") + list +

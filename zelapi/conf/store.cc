@@ -116,9 +116,10 @@ inline unsigned char LowerByte(unsigned char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<unsigned char>(c + ('a' - 'A')) : c;
 }
 
-// Store::Hash of key, with each word passed through fold first.
-template <class Fold, class FoldByte>
-std::uint32_t HashWith(std::string_view key, Fold fold, FoldByte fold_byte) {
+// Store::Hash of key, with each word passed through fold first (the last,
+// short word too, its missing bytes zero).
+template <class Fold>
+std::uint32_t HashWith(std::string_view key, Fold fold) {
   // Eight bytes at a time, each word mixed in by a multiply and a shift;
   // the last step spreads every input bit over the low bits the index uses.
   std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
@@ -133,8 +134,8 @@ std::uint32_t HashWith(std::string_view key, Fold fold, FoldByte fold_byte) {
   if (n > 0) {
     std::uint64_t w = 0;
     for (std::size_t i = 0; i < n; ++i)
-      w |= static_cast<std::uint64_t>(fold_byte(static_cast<unsigned char>(p[i]))) << (8 * i);
-    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+      w |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+    h = (h ^ fold(w)) * 0xbf58476d1ce4e5b9ull;
     h ^= h >> 31;
   }
   h *= 0x94d049bb133111ebull;
@@ -145,16 +146,16 @@ std::uint32_t HashWith(std::string_view key, Fold fold, FoldByte fold_byte) {
 }  // namespace
 
 std::uint32_t Store::Hash(std::string_view key) {
-  return HashWith(
-      key, [](std::uint64_t w) { return w; }, [](unsigned char c) { return c; });
+  return HashWith(key, [](std::uint64_t w) { return w; });
 }
 
 std::uint32_t Store::FoldedHash(std::string_view key) {
-  return HashWith(key, LowerWord, LowerByte);
+  return HashWith(key, [](std::uint64_t w) { return LowerWord(w); });
 }
 
 bool Store::FoldedEqual(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
+  if (a == b) return true;  // the usual case: the same spelling
   const char* p = a.data();
   const char* q = b.data();
   std::size_t n = a.size();

@@ -139,7 +139,8 @@ Parsed ParseIpv4(const std::string& text, Network* out, std::string* why) {
     if (n < 0 || n > 255) return Fail(why, kNotIpv4);
     bytes[i] = static_cast<unsigned char>(n);
   }
-  return Done(out, Family::kIpv4, parts.size() < 4, Ipv4Text(bytes, static_cast<int>(parts.size())));
+  const int octets = static_cast<int>(parts.size());
+  return Done(out, Family::kIpv4, octets < 4, Ipv4Text(bytes, octets));
 }
 
 Parsed ParseIpv6(const std::string& text, Network* out, std::string* why) {

@@ -79,7 +79,8 @@ TEST_F(SendmailSpecificsTest, ListKeysAddTheCompressedSpellingOfAnIpv6Address) {
   using Keys = std::vector<std::string>;
   EXPECT_EQ(mta_->ListKeys("2001:db8:0:0:0:0:0:1"),
             (Keys{"Connect:IPv6:2001:db8:0:0:0:0:0:1", "Connect:IPv6:2001:db8::1"}));
-  EXPECT_EQ(mta_->ListKeys("0:0:0:0:0:0:0:1"), (Keys{"Connect:IPv6:0:0:0:0:0:0:0:1", "Connect:IPv6:::1"}));
+  EXPECT_EQ(mta_->ListKeys("0:0:0:0:0:0:0:1"),
+            (Keys{"Connect:IPv6:0:0:0:0:0:0:0:1", "Connect:IPv6:::1"}));
   // Nothing to compress.
   EXPECT_EQ(mta_->ListKeys("1:2:3:4:5:6:7:8"), (Keys{"Connect:IPv6:1:2:3:4:5:6:7:8"}));
   EXPECT_EQ(mta_->ListKeys("2001:db8"), (Keys{"Connect:IPv6:2001:db8"}));

@@ -222,7 +222,8 @@ class DaemonProofTest : public proof::SendmailProofTest {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    const int log = ::open(Path("daemon.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int log =
+        ::open(Path("daemon.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(log, 0) << std::strerror(errno);
     pid_ = ::fork();
     if (pid_ == 0) {

@@ -33,9 +33,10 @@ class ProofSenderTest : public SendmailProofTest {
     ASSERT_NE(at, std::string::npos) << key;
     text.replace(at, key.size(), old);
     zeltest::WriteFile(Path("access"), text);
+    const std::string map = Path("access");
     const ProgramRun makemap = proof::RunProgram(
-        {"/bin/sh", "-c", "/usr/sbin/makemap hash '" + Path("access") + "' < '" + Path("access") + "'"},
-        "", proof::kDeadlineSeconds);
+        {"/bin/sh", "-c", "/usr/sbin/makemap hash '" + map + "' < '" + map + "'"}, "",
+        proof::kDeadlineSeconds);
     ASSERT_EQ(makemap.status, 0) << makemap.err;
     auto db = pnl_db::Cache::Open(Path("panel.db"), zel_db::PanelSchema());
     db->Query("UPDATE email_access SET key = ? WHERE key = ?", {old, key});

@@ -97,7 +97,8 @@ TEST_F(ZelpnlTest, SenderListConflictsAreRefused) {
     std::string err;
   };
   const std::vector<Case> cases = {
-      {{"whitelist", "add", "192.0.2.7"}, "error: sender \"192.0.2.7\": is already on the whitelist\n"},
+      {{"whitelist", "add", "192.0.2.7"},
+       "error: sender \"192.0.2.7\": is already on the whitelist\n"},
       {{"blacklist", "add", "192.0.2.7"},
        "error: sender \"192.0.2.7\": is on the whitelist; delete it there first\n"},
       {{"blacklist", "add", "d.example"},

@@ -243,7 +243,8 @@ TEST(StoreTest, FoldedKeysMeetOnlyWhereAsciiLettersDifferInCase) {
       for (int c = 0; c < 256; ++c) {
         std::string key(size, 'k');
         key[at] = static_cast<char>(c);
-        EXPECT_EQ(Store::FoldedHash(key), Store::Hash(LowerAscii(key))) << size << " " << at << " " << c;
+        EXPECT_EQ(Store::FoldedHash(key), Store::Hash(LowerAscii(key)))
+            << size << " " << at << " " << c;
         EXPECT_TRUE(Store::FoldedEqual(key, LowerAscii(key))) << size << " " << at << " " << c;
         std::string flipped = key;
         flipped[at] = static_cast<char>(c ^ 0x20);
