@@ -3,6 +3,7 @@
 // is suspended its mailboxes are suspended in the files with it.
 #include <vector>
 
+#include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
 #include "zelapi/db.h"
@@ -13,7 +14,6 @@ namespace email {
 
 namespace {
 
-const char kDisabledAccess[] = "550 Account disabled";
 
 // The ids of the domain's mailboxes, and of those whose own row is in
 // service when only_in_service is set.
@@ -70,11 +70,10 @@ void SendmailLikeInterface::CacheDomains() {
     if (!known && !suspension) domains->enabled = true;
 
     if (!domains->enabled.Value()) {
-      if (!entry) {
-        access->Create(domain);
-        access->target.Set(kDisabledAccess);
-        access->Post("");
-      }
+      // The suspension entry is the panel's, also one written by hand.
+      if (suspension && !IsPanelAccessEntry(accessdb_path(), domain, kDisabledAccess))
+        RecordAccessEntry(accessdb_path(), domain, kDisabledAccess);
+      if (!entry) WriteSuspension(domain);
     } else {
       GetDefAction(lines, domains);
     }
@@ -115,10 +114,7 @@ void SendmailLikeInterface::DeleteDomain(DomainPtr domain) {
     Cursor<HostNames> hosts = LocalHostNames::Get<HostNames>(localhostnames_path(), true);
     if (hosts->Find(name)) hosts->_Delete(true);
   }
-  {
-    Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->_Delete(true);
-  }
+  RemoveSuspension(name, false);
   RemoveAfterSave(Held::kCatchAll, name);
 }
 
@@ -130,10 +126,7 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
     line->target.Set(disabled_target());
     line->Post("");
   }
-  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  access->Create(name);
-  access->target.Set(kDisabledAccess);
-  access->Post("");
+  WriteSuspension(name);
 
   // Every mailbox refuses mail with the domain; the rows keep each
   // mailbox's own state for the resume.
@@ -142,10 +135,7 @@ void SendmailLikeInterface::SuspendDomain(DomainPtr domain) {
 
 void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   const std::string name = domain->name.Str();
-  {
-    Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->_Delete(true);
-  }
+  RemoveSuspension(name, false);
   {
     Cursor<VirtualDomains> line = VirtualUserTable::Get<VirtualDomains>(virtusertable_path(), true);
     line->Assert(name);
@@ -154,10 +144,7 @@ void SendmailLikeInterface::ResumeDomain(DomainPtr domain) {
   }
   // Looked up again after the virtual user table changed: a suspension
   // entry that appeared meanwhile must not keep the domain refused.
-  {
-    Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-    if (access->Find(name) && access->target.Str() == kDisabledAccess) access->Delete();
-  }
+  RemoveSuspension(name, true);
 
   // Each mailbox gets back the state its row names: one suspended on its
   // own stays suspended.

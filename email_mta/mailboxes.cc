@@ -2,6 +2,7 @@
 // mailbox's local name, an aliases entry of that name (written by the
 // concrete back-end) and, while suspended, an access-map entry.
 
+#include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
 #include "zelapi/db.h"
@@ -13,7 +14,6 @@ namespace email {
 
 namespace {
 
-const char kDisabledAccess[] = "550 Account disabled";
 
 // The mailbox's domain row, positioned.
 std::shared_ptr<zel_db::EmailDomainTable> DomainOf(MtaInterface::EmailPtr email) {
@@ -23,16 +23,6 @@ std::shared_ptr<zel_db::EmailDomainTable> DomainOf(MtaInterface::EmailPtr email)
   return domains;
 }
 
-// Removes the access entry of key when it is the panel's suspension; an
-// entry with any other value is someone else's and stays.
-void ForgetSuspension(const std::string& accessdb, const std::string& key, bool second_look) {
-  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb, true);
-  if (!access->Find(key) || access->target.Str() != kDisabledAccess) return;
-  if (second_look)
-    access->Delete();
-  else
-    access->_Delete(true);
-}
 
 }  // namespace
 
@@ -102,7 +92,7 @@ void SendmailLikeInterface::DeleteEmail(EmailPtr email) {
       if (lines->target.Str() == address) lines->Delete();
     }
   }
-  ForgetSuspension(accessdb_path(), address, false);
+  RemoveSuspension(address, false);
   RemoveAfterSave(Held::kAliasesEntry, entry);
 }
 
@@ -117,13 +107,7 @@ void SendmailLikeInterface::SuspendEmail(EmailPtr email) {
   }
   // Its local name refuses mail too (reached at the server's own names).
   WriteAliasesEntry(email, domains, false);
-  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  if (!access->Find(address)) {
-    access->New();
-    access->source.Set(address);
-  }
-  access->target.Set(kDisabledAccess);
-  access->Post("");
+  WriteSuspension(address);
 }
 
 void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
@@ -142,7 +126,7 @@ void SendmailLikeInterface::ResumeEmail(EmailPtr email) {
     // comes back.
     WriteAliasesEntry(email, domains, true);
   }
-  ForgetSuspension(accessdb_path(), address, true);
+  RemoveSuspension(address, true);
 }
 
 void SendmailLikeInterface::UpdateEmail(EmailPtr) {}

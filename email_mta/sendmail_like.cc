@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "email/access_entries.h"
 #include "email/tables.h"
 #include "zelapi/cf.h"
 #include "zelapi/conf/cache.h"
@@ -23,6 +24,25 @@ SendmailLikeInterface::~SendmailLikeInterface() = default;
 
 bool SendmailLikeInterface::InService(EmailPtr email, DomainPtr domain) {
   return email->enabled.Value() && domain->enabled.Value();
+}
+
+void SendmailLikeInterface::WriteSuspension(const std::string& key) {
+  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
+  access->Create(key);
+  access->target.Set(kDisabledAccess);
+  RecordAccessEntry(accessdb_path(), key, kDisabledAccess);
+  access->Post("");
+}
+
+void SendmailLikeInterface::RemoveSuspension(const std::string& key, bool second_look) {
+  Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
+  const std::optional<AccessEntry> entry = FindAccessEntry(access, {key});
+  if (!entry || !entry->panel || entry->value != kDisabledAccess) return;
+  if (second_look)
+    access->Delete();
+  else
+    access->_Delete(true);
+  ForgetAccessEntry(accessdb_path(), key);
 }
 
 void SendmailLikeInterface::RemoveNow(Held what, const std::string& key) {

@@ -41,11 +41,16 @@ void AddView(PnlConfCache* engine, const std::string& table) {
 // once its catch-all line stands.
 enum SaveRank { kAliasesFirst = 0, kVirtualUserTable = 1, kAccess = 2, kLocalHostNames = 3 };
 
+// sendmail folds the keys of its hashed maps (virtual user table, access
+// map, aliases) to lower case and compares class w (local-host-names)
+// without case: a key in another letter case is the same key to it, so it
+// is to the tables too.
 template <class Table>
 PnlConfCache* RegisterTable(Table* table, std::shared_ptr<pnl_token::Params> rules,
                             SaveRank rank) {
   PnlConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
   engine->Register(table->Name(), std::move(rules));
+  engine->FoldKeys(table->Name(), true);
   engine->_AfterSave(table->Name(), table, &BaseCachedConfigEvent::_AfterSave);
   engine->SetSaveRank(table->Name(), rank);
   return engine;

@@ -12,6 +12,7 @@
 #include <set>
 #include <tuple>
 
+#include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "leftovers.h"
@@ -285,6 +286,9 @@ void SetState(Host& host, const Output& out, const Address& address, Change chan
   const bool was = mailbox->enabled.Value();
   auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email", id, was); };
   if (change == Change::kSuspend) {
+    // The suspension writes the mailbox's access entry: never over one the
+    // panel did not write.
+    RefuseForeignAccessEntry(host, address.Text(), "mailbox " + Quote(address.Text()));
     host.ChangeFiles(
         [&] {
           CheckMailboxRows(db, id, true);

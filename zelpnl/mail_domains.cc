@@ -6,6 +6,7 @@
 // files' lines (the domain's mailboxes first) and then the rows. The
 // back-end's calls go through Host::ChangeFiles, whose undo steps are those
 // rules (in a batch they run at its end, when the files fail there).
+#include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "leftovers.h"
@@ -56,6 +57,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   if (!taken.empty())
     throw pnl_err::Error("conflict", "mail domain " + Quote(name),
                          taken + "; it cannot be a mail domain of the panel");
+  RefuseAccessEntryOfNewDomain(host, name);
 
   MailDomainRow row = db.Get<zel_db::EmailDomainTable>();
   row->New();
@@ -135,6 +137,10 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
   // A suspension writes no forwards; a resume or an update writes every
   // mailbox's back.
   const bool programs = change == Change::kSuspend || allow_programs;
+  // A suspension writes the domain's access entry: never over one the panel
+  // did not write.
+  if (change == Change::kSuspend || (change == Change::kUpdate && !was))
+    RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
   switch (change) {
     case Change::kSuspend:
       host.ChangeFiles(
@@ -172,6 +178,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
   const int64_t id = row->id.Value();
   const std::string old_action = row->def_action.Value();
   const std::string old_redirect = row->redirect.Value();
+  if (!row->enabled.Value()) RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
   row->def_action = action;
   row->redirect = redirect;
   // The files take the new action from the row in memory; it is stored once

@@ -1,6 +1,10 @@
 // zelpnl mail whitelist|blacklist add|delete|list: the server-wide sender
 // lists, kept in the access map. The panel's tables of the lists are caches:
 // after every change, and before a listing, they are read back from the map.
+// Whether a sender is listed, and by whom, is asked of the access map itself
+// (the line under the sender's key): an entry the panel did not write is
+// listed but never changed.
+#include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "records.h"
@@ -13,25 +17,22 @@ namespace zelpnl {
 namespace {
 
 struct List {
-  const char* name;   // "whitelist"
-  const char* table;  // SQL table
-  const char* other;  // the other list's name
-  const char* other_table;
+  const char* name;    // "whitelist"
+  const char* table;   // SQL table
+  const char* action;  // its entries' value in the access map
+  const char* other;   // the other list's name
+  const char* other_action;
   bool white;
 };
 
-const List kWhite{"whitelist", "email_whitelist", "blacklist", "email_blacklist", true};
-const List kBlack{"blacklist", "email_blacklist", "whitelist", "email_whitelist", false};
+const List kWhite{"whitelist", "email_whitelist", "OK", "blacklist", "REJECT", true};
+const List kBlack{"blacklist", "email_blacklist", "REJECT", "whitelist", "OK", false};
 
 void Cache(Host& host, const List& list) {
   if (list.white)
     host.Mta().CacheWhitelist();
   else
     host.Mta().CacheBlacklist();
-}
-
-bool OnList(pnl_db::Cache& db, const char* table, const std::string& sender) {
-  return !db.Query(std::string("SELECT 1 FROM ") + table + " WHERE sender = ?", {sender}).Eof();
 }
 
 std::string KindOf(const std::string& sender) {
@@ -45,9 +46,11 @@ std::string KindOf(const std::string& sender) {
 
 nlohmann::ordered_json Entries(pnl_db::Cache& db, const List& list) {
   nlohmann::ordered_json entries = nlohmann::ordered_json::array();
-  for (pnl_db::Query q = db.Query(std::string("SELECT sender FROM ") + list.table + " ORDER BY id");
+  for (pnl_db::Query q = db.Query(std::string("SELECT sender, hand_written FROM ") + list.table +
+                                  " ORDER BY id");
        !q.Eof(); q.Next())
-    entries.push_back({{"sender", q.Str()}, {"kind", KindOf(q.Str())}});
+    entries.push_back(
+        {{"sender", q.Str(0)}, {"kind", KindOf(q.Str(0))}, {"hand_written", q.Int(1) != 0}});
   return entries;
 }
 
@@ -63,8 +66,8 @@ void ReadBack(Host& host, const List& list) {
 // Runs a change of the access map and reads the list back, also after a
 // failure (the map's text may hold the change although its rebuild failed).
 // In a batch the list is read back once, at its end; meanwhile the row of
-// the sender is added or removed here, so that the later lines' checks see
-// it.
+// the sender is added or removed here, so that the later lines' listings
+// show it (their checks ask the access map, which holds the change).
 template <class F>
 void ChangeAndCache(Host& host, const List& list, const std::string& sender, bool add,
                     F change) {
@@ -79,10 +82,31 @@ void ChangeAndCache(Host& host, const List& list, const std::string& sender, boo
   host.AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
 }
 
+bool OnList(pnl_db::Cache& db, const List& list, const std::string& sender) {
+  return !db.Query(std::string("SELECT 1 FROM ") + list.table + " WHERE sender = ?", {sender})
+              .Eof();
+}
+
+// The panel's entry of sender in the access map (nullopt when there is
+// none); an entry the panel did not write is refused, naming it. When the
+// list's rows say otherwise than the map (a request that ended after its
+// save, before its rows were kept), the list is read back first, so that
+// a refusal leaves them right.
+std::optional<email::AccessEntry> PanelEntry(Host& host, const List& list,
+                                             const std::string& sender) {
+  std::optional<email::AccessEntry> entry = FindSenderEntry(host, sender);
+  if (entry && !entry->panel)
+    throw pnl_err::Error("conflict", "sender " + Quote(sender), email::NotThePanels(*entry));
+  const bool listed = entry && entry->value == list.action;
+  if (listed != OnList(host.Db(), list, sender)) Cache(host, list);
+  return entry;
+}
+
 void Add(Host& host, const Output& out, const List& list, const std::string& sender,
          const std::string& kind) {
   pnl_db::Cache& db = host.Db();
   const std::string object = "sender " + Quote(sender);
+  const std::optional<email::AccessEntry> entry = PanelEntry(host, list, sender);
   if (kind == "domain" && FindMailDomain(db, sender))
     throw pnl_err::Error("conflict", object,
                          "is a mail domain of this server; its access entry is the domain's "
@@ -94,9 +118,9 @@ void Add(Host& host, const Output& out, const List& list, const std::string& sen
                            "is a mailbox of this server; its access entry is the mailbox's "
                            "suspension");
   }
-  if (OnList(db, list.table, sender))
+  if (entry && entry->value == list.action)
     throw pnl_err::Error("exists", object, std::string("is already on the ") + list.name);
-  if (OnList(db, list.other_table, sender))
+  if (entry && entry->value == list.other_action)
     throw pnl_err::Error("conflict", object,
                          std::string("is on the ") + list.other + "; delete it there first");
   ChangeAndCache(host, list, sender, true, [&] {
@@ -110,7 +134,8 @@ void Add(Host& host, const Output& out, const List& list, const std::string& sen
 
 void Delete(Host& host, const Output& out, const List& list, const std::string& sender) {
   pnl_db::Cache& db = host.Db();
-  if (!OnList(db, list.table, sender))
+  const std::optional<email::AccessEntry> entry = PanelEntry(host, list, sender);
+  if (!entry || entry->value != list.action)
     throw pnl_err::Error("unknown", "sender " + Quote(sender),
                          std::string("is not on the ") + list.name);
   ChangeAndCache(host, list, sender, false, [&] {
@@ -127,8 +152,9 @@ void Show(Host& host, const Output& out, const List& list) {
   Cache(host, list);
   const nlohmann::ordered_json entries = Entries(db, list);
   std::vector<std::vector<std::string>> rows;
-  for (const auto& entry : entries) rows.push_back({entry["sender"], entry["kind"]});
-  out.Print({{list.name, entries}}, Table({"SENDER", "KIND"}, rows));
+  for (const auto& entry : entries)
+    rows.push_back({entry["sender"], entry["kind"], entry["hand_written"] ? "by hand" : "panel"});
+  out.Print({{list.name, entries}}, Table({"SENDER", "KIND", "WRITTEN"}, rows));
 }
 
 void AddList(CLI::App& mail, Command* out, const List& list) {
@@ -140,7 +166,9 @@ void AddList(CLI::App& mail, Command* out, const List& list) {
   const List* l = &list;
 
   CLI::App* add = cmd->add_subcommand("add", std::string("Put a sender on the ") + list.name);
-  add->add_option("SENDER", *sender, "An e-mail address, a domain, an IPv4 or an IPv6 address")
+  add->add_option("SENDER", *sender,
+                  "An e-mail address, a domain, an IPv4 or IPv6 address, or a network: "
+                  "192.0.2, 2001:db8, 192.0.2.0/24, 2001:db8::/32")
       ->required();
   add->callback([=] {
     std::string kind;
@@ -152,12 +180,8 @@ void AddList(CLI::App& mail, Command* out, const List& list) {
       cmd->add_subcommand("delete", std::string("Take a sender off the ") + list.name);
   del->add_option("SENDER", *sender, "The sender as listed")->required();
   del->callback([=] {
-    std::string value = *sender;
-    try {
-      value = Sender(*sender);
-    } catch (const Invalid&) {
-      // An entry written by hand is removed as it stands.
-    }
+    // Any spelling of the entry finds it.
+    const std::string value = Sender(*sender);
     *out = {Needs::kMail, [=](Host& h, const Output& o) { Delete(h, o, *l, value); }};
   });
 

@@ -1,9 +1,8 @@
 #include "validation.h"
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 
+#include "zelapi/net.h"
 #include "zelapi/str.h"
 #include "zelapi/test.h"
 
@@ -62,18 +61,6 @@ bool HasNonAscii(const std::string& text) {
   for (unsigned char c : text)
     if (c >= 0x80) return true;
   return false;
-}
-
-bool IsIp6(const std::string& text) { return test::Const<&test::Ip6>(text); }
-bool IsIp(const std::string& text) { return test::Const<&test::Ip>(text); }
-
-std::string CompressedIp6(const std::string& text) {
-  unsigned char raw[16];
-  char out[INET6_ADDRSTRLEN];
-  if (::inet_pton(AF_INET6, text.c_str(), raw) != 1 ||
-      ::inet_ntop(AF_INET6, raw, out, sizeof(out)) == nullptr)
-    return text;
-  return out;
 }
 
 }  // namespace
@@ -266,27 +253,45 @@ std::string Sender(const std::string& text, std::string* kind_out) {
   RefuseBreakers(kind, text, ",#| \"\\");
   std::string which;
   std::string value;
+  pnl_net::Network net;
+  std::string why;
   if (text.find('@') != std::string::npos) {
     which = "address";
     value = RemoteAddress(text, kind).Text();
-  } else if (IsIp6(text)) {
-    which = "ipv6";
-    value = CompressedIp6(str::Lower(text));
-  } else if (IsIp(text)) {
-    which = "ipv4";
-    value = text;
   } else {
-    bool digits_and_dots = true;
-    for (char c : text) digits_and_dots &= (c >= '0' && c <= '9') || c == '.';
-    if (digits_and_dots || text.find(':') != std::string::npos)
-      throw Invalid(kind, text, "is not a valid IPv4 or IPv6 address");
-    try {
-      value = DomainName(text);
-    } catch (const Invalid&) {
-      throw Invalid(kind, text,
-                    "is neither an e-mail address, a domain name, an IPv4 nor an IPv6 address");
+    switch (pnl_net::Parse(text, &net, &why)) {
+      case pnl_net::Parsed::kInvalid:
+        throw Invalid(kind, text, why);
+      case pnl_net::Parsed::kOk:
+        which = net.family == pnl_net::Family::kIpv4 ? "ipv4" : "ipv6";
+        if (net.prefix) which += "-network";
+        value = net.Text();
+        break;
+      case pnl_net::Parsed::kNotAnAddress:
+        if (text.find(':') != std::string::npos) {
+          // "Connect:", "From:" and the like are sendmail's tags: the panel
+          // chooses a key's tag itself. Anything else with a colon was meant
+          // as an IPv6 address.
+          const std::string head = text.substr(0, text.find(':'));
+          if (head.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+            throw Invalid(kind, text,
+                          "starts with the tag \"" + head +
+                              ":\"; give the sender alone (an address, a domain, an IP "
+                              "address or network)");
+          throw Invalid(kind, text,
+                        "is not an IPv6 address or network (an address such as 2001:db8::7, or "
+                        "the leading groups of one such as 2001:db8)");
+        }
+        try {
+          value = DomainName(text);
+        } catch (const Invalid&) {
+          throw Invalid(kind, text,
+                        "is neither an e-mail address, a domain name, nor an IPv4 or IPv6 "
+                        "address or network");
+        }
+        which = "domain";
+        break;
     }
-    which = "domain";
   }
   if (kind_out) *kind_out = which;
   return value;

@@ -3,8 +3,8 @@
 //
 // Each function takes a value as the administrator typed it and returns its
 // canonical form (domain names in ASCII and lower case, local parts in lower
-// case, IPv6 addresses in their compressed form), or throws Invalid naming the
-// value and what is wrong with it. They look at the text only: whether a user,
+// case, IP addresses and networks as sendmail matches them), or throws
+// Invalid naming the value and what is wrong with it. They look at the text only: whether a user,
 // a domain or a mailbox exists is the command's business. Pure functions,
 // thread-safe.
 #pragma once
@@ -73,8 +73,14 @@ std::string AliasName(const std::string& text, const std::string& domain);
 // a program ("|command") or a file ("/path"), returned in double quotes.
 std::string ForwardTarget(const std::string& text, bool allow_programs);
 
-// A sender-list entry: an e-mail address, a domain, an IPv4 or an IPv6
-// address. kind_out receives "address", "domain", "ipv4" or "ipv6".
+// A sender-list entry: an e-mail address or a domain (in lower case), or a
+// connecting client: an IPv4 or IPv6 address or network in the spelling
+// sendmail's access map matches (pnl_net::Parse: "192.0.2.7", "192.0.2",
+// "2001:db8:0:0:0:0:0:7", "2001:db8"; CIDR that ends on a whole octet or
+// group, "192.0.2.0/24" becoming "192.0.2"; the tag "IPv6:" taken). One
+// canonical form per entry, so that every spelling of it finds it. kind_out
+// receives "address", "domain", "ipv4", "ipv4-network", "ipv6" or
+// "ipv6-network".
 std::string Sender(const std::string& text, std::string* kind_out = nullptr);
 
 // A domain's default action and its redirect: "error" and "ignore" take no

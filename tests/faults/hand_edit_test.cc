@@ -162,7 +162,7 @@ TEST_F(HandEditTest, EveryLaterCommandKeepsTheAdministratorsLinesByteForByte) {
       {{"mail", "box", "resume", "l@d.example"}, {"l@d.example", "l+d.example"}},
       {{"mail", "responder", "l@d.example", "on", "--text", "Away."}, {"l+d.example"}},
       {{"mail", "whitelist", "add", "192.0.2.9"}, {"192.0.2.9"}},
-      {{"mail", "blacklist", "add", "2001:db8::5"}, {"2001:db8::5"}},
+      {{"mail", "blacklist", "add", "2001:db8::5"}, {"2001:db8:0:0:0:0:0:5"}},
       // A domain's state goes to its mailboxes' lines and entries too.
       {{"mail", "domain", "suspend", "e.example"}, {"^e.example", "@e.example", "+e.example"}},
       {{"mail", "domain", "resume", "e.example"}, {"^e.example", "@e.example", "+e.example"}},
@@ -173,7 +173,7 @@ TEST_F(HandEditTest, EveryLaterCommandKeepsTheAdministratorsLinesByteForByte) {
       {{"mail", "sync"}, {}},
       {{"mail", "responder", "l@d.example", "off"}, {"l+d.example"}},
       {{"mail", "whitelist", "delete", "192.0.2.9"}, {"192.0.2.9"}},
-      {{"mail", "blacklist", "delete", "2001:db8::5"}, {"2001:db8::5"}},
+      {{"mail", "blacklist", "delete", "2001:db8::5"}, {"2001:db8:0:0:0:0:0:5"}},
       {{"mail", "box", "set", "l@d.example", "--no-alias", "b", "--no-forward", "g@x.example"},
        {"l+d.example", "b@d.example"}},
       {{"mail", "box", "delete", "o@d.example"}, {"o@d.example", "o+d.example"}},

@@ -103,6 +103,16 @@ void ConfCache::Add(const std::string& name, const std::string& rname, const cha
   slot = std::move(def);
 }
 
+void ConfCache::FoldKeys(const std::string& name, bool fold) {
+  std::lock_guard<std::mutex> guard(impl_->mu);
+  auto& slot = impl_->tables[name];
+  auto def = slot ? std::make_shared<zel_conf::TableDef>(*slot) : std::make_shared<zel_conf::TableDef>();
+  def->name = name;
+  def->fold_keys = fold;
+  def->version = ++impl_->versions;
+  slot = std::move(def);
+}
+
 void ConfCache::SetRules(const std::string& name, const pnl_token::Params& rules) {
   auto copy = std::make_shared<const pnl_token::Params>(rules);
   std::lock_guard<std::mutex> guard(impl_->mu);

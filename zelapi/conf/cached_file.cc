@@ -134,7 +134,7 @@ void CachedFile::Install(std::string data, const pnl_file::FileId& id,
     counts.push_back(record.FieldCount());
   }
   Store fresh;
-  fresh.Reset(std::move(data), counts);
+  fresh.Reset(std::move(data), counts, def->fold_keys);
   const std::string& text = fresh.base();
   fresh.ReserveLines(CountLines(text));
   Cf cf(text, *def->rules);

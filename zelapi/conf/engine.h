@@ -28,6 +28,7 @@ struct TableDef {
   std::string name;
   std::shared_ptr<const pnl_token::Params> rules;
   std::vector<View> views;
+  bool fold_keys = false;  // keys compare without ASCII letter case
   std::uint64_t version = 0;
 
   // Index of view rname, or -1.

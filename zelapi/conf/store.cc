@@ -97,7 +97,29 @@ void KeyIndex::Erase(std::uint32_t hash, std::int32_t record) {
 
 // ------------------------------------------------------------------- Store
 
-std::uint32_t Store::Hash(std::string_view key) {
+namespace {
+
+// The eight bytes of w with each ASCII capital made small, all at once: the
+// low seven bits of each byte are compared with 'A' and 'Z' by additions
+// that cannot carry into the next byte; bytes of 0x80 and above stay.
+inline std::uint64_t LowerWord(std::uint64_t w) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+  constexpr std::uint64_t kHigh = 0x8080808080808080ull;
+  const std::uint64_t low = w & ~kHigh;
+  const std::uint64_t from_a = low + (0x80 - 'A') * kOnes;      // high bit: at least 'A'
+  const std::uint64_t past_z = low + (0x80 - 'Z' - 1) * kOnes;  // high bit: beyond 'Z'
+  const std::uint64_t upper = from_a & ~past_z & ~w & kHigh;
+  return w | (upper >> 2);  // 0x80 >> 2 is the 0x20 between 'A' and 'a'
+}
+
+inline unsigned char LowerByte(unsigned char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<unsigned char>(c + ('a' - 'A')) : c;
+}
+
+// Store::Hash of key, with each word passed through fold first (the last,
+// short word too, its missing bytes zero).
+template <class Fold>
+std::uint32_t HashWith(std::string_view key, Fold fold) {
   // Eight bytes at a time, each word mixed in by a multiply and a shift;
   // the last step spreads every input bit over the low bits the index uses.
   std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
@@ -106,13 +128,14 @@ std::uint32_t Store::Hash(std::string_view key) {
   for (; n >= 8; p += 8, n -= 8) {
     std::uint64_t w;
     std::memcpy(&w, p, 8);
-    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    h = (h ^ fold(w)) * 0xbf58476d1ce4e5b9ull;
     h ^= h >> 31;
   }
   if (n > 0) {
     std::uint64_t w = 0;
-    for (std::size_t i = 0; i < n; ++i) w |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
-    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    for (std::size_t i = 0; i < n; ++i)
+      w |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+    h = (h ^ fold(w)) * 0xbf58476d1ce4e5b9ull;
     h ^= h >> 31;
   }
   h *= 0x94d049bb133111ebull;
@@ -120,7 +143,36 @@ std::uint32_t Store::Hash(std::string_view key) {
   return static_cast<std::uint32_t>(h);
 }
 
-void Store::Reset(std::string base, const std::vector<std::size_t>& view_fields) {
+}  // namespace
+
+std::uint32_t Store::Hash(std::string_view key) {
+  return HashWith(key, [](std::uint64_t w) { return w; });
+}
+
+std::uint32_t Store::FoldedHash(std::string_view key) {
+  return HashWith(key, [](std::uint64_t w) { return LowerWord(w); });
+}
+
+bool Store::FoldedEqual(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  if (a == b) return true;  // the usual case: the same spelling
+  const char* p = a.data();
+  const char* q = b.data();
+  std::size_t n = a.size();
+  for (; n >= 8; p += 8, q += 8, n -= 8) {
+    std::uint64_t x, y;
+    std::memcpy(&x, p, 8);
+    std::memcpy(&y, q, 8);
+    if (x != y && LowerWord(x) != LowerWord(y)) return false;
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    if (LowerByte(static_cast<unsigned char>(p[i])) != LowerByte(static_cast<unsigned char>(q[i])))
+      return false;
+  return true;
+}
+
+void Store::Reset(std::string base, const std::vector<std::size_t>& view_fields, bool fold_keys) {
+  fold_ = fold_keys;
   base_ = std::move(base);
   edits_.clear();
   lines_.clear();
@@ -182,7 +234,7 @@ void Store::AddRecord(std::int32_t line_id, const ParsedRecord& parsed, bool ind
   records_.push_back(r);
   lines_[static_cast<std::size_t>(line_id)].record = id;
   RecordInfo& stored = records_.back();
-  stored.hash = Hash(n > 0 ? Key(id) : std::string_view());
+  stored.hash = KeyHash(n > 0 ? Key(id) : std::string_view());
   if (index) index_[stored.view].Insert(stored.hash, id);
 }
 
@@ -210,7 +262,7 @@ void Store::AddRecord(std::int32_t line_id, std::size_t line_start, const Cf& cf
   const std::int32_t id = static_cast<std::int32_t>(records_.size());
   records_.push_back(r);
   lines_[static_cast<std::size_t>(line_id)].record = id;
-  records_.back().hash = Hash(n > 0 ? Key(id) : std::string_view());
+  records_.back().hash = KeyHash(n > 0 ? Key(id) : std::string_view());
 }
 
 void Store::IndexAll() {
@@ -253,9 +305,9 @@ std::string_view Store::Value(std::int32_t record_id, std::size_t field) const {
 
 std::int32_t Store::Find(int view, std::string_view key) const {
   std::int32_t best = -1;
-  index_[static_cast<std::size_t>(view)].ForEach(Hash(key), [&](std::int32_t r) {
+  index_[static_cast<std::size_t>(view)].ForEach(KeyHash(key), [&](std::int32_t r) {
     ++key_compares_;
-    if (Key(r) != key) return;
+    if (!SameKey(Key(r), key)) return;
     if (best < 0 || Before(record(r).line, record(best).line)) best = r;
   });
   return best;
@@ -267,16 +319,16 @@ std::size_t Store::Occurrence(std::int32_t record_id) const {
   std::size_t n = 0;
   index_[me.view].ForEach(me.hash, [&](std::int32_t r) {
     ++key_compares_;
-    if (r != record_id && Key(r) == key && Before(record(r).line, me.line)) ++n;
+    if (r != record_id && SameKey(Key(r), key) && Before(record(r).line, me.line)) ++n;
   });
   return n;
 }
 
 std::int32_t Store::FindNth(int view, std::string_view key, std::size_t n) const {
   std::vector<std::int32_t> found;
-  index_[static_cast<std::size_t>(view)].ForEach(Hash(key), [&](std::int32_t r) {
+  index_[static_cast<std::size_t>(view)].ForEach(KeyHash(key), [&](std::int32_t r) {
     ++key_compares_;
-    if (Key(r) == key) found.push_back(r);
+    if (SameKey(Key(r), key)) found.push_back(r);
   });
   if (n >= found.size()) return -1;
   std::sort(found.begin(), found.end(),
@@ -316,7 +368,7 @@ void Store::UpdateRecord(std::int32_t record_id, std::string_view text, const Pa
   l.off = PutText(text);
   l.size = Narrow(text.size(), "line");
   StoreFields(r.slot, parsed);
-  const std::uint32_t hash = Hash(Key(record_id));
+  const std::uint32_t hash = KeyHash(Key(record_id));
   if (hash != r.hash) {
     index_[r.view].Erase(r.hash, record_id);
     r.hash = hash;

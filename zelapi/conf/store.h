@@ -7,7 +7,9 @@
 // stable while lines are inserted and removed; an order label per line
 // compares file positions in O(1). Records keep their fields as byte spans
 // of their line, with a separate text only when the value differs from it.
-// Keys are found through an open-addressing hash index per view.
+// Keys are found through an open-addressing hash index per view; a store
+// made with fold_keys compares keys without ASCII letter case (the index
+// holds the hashes of the folded keys; the lines keep their text).
 //
 // Not thread-safe: the owning CachedFile holds its lock around every use.
 // Internal to the engine.
@@ -104,9 +106,16 @@ class Store {
   };
 
   static std::uint32_t Hash(std::string_view key);
+  // Hash of key with its ASCII letters in lower case (no copy is made).
+  static std::uint32_t FoldedHash(std::string_view key);
+  // Whether a and b are equal once their ASCII letters are in lower case.
+  static bool FoldedEqual(std::string_view a, std::string_view b);
 
-  // Starts over with the bytes of a file and the field count of each view.
-  void Reset(std::string base, const std::vector<std::size_t>& view_fields);
+  // Starts over with the bytes of a file and the field count of each view;
+  // with fold_keys, keys compare without ASCII letter case.
+  void Reset(std::string base, const std::vector<std::size_t>& view_fields,
+             bool fold_keys = false);
+  bool fold_keys() const { return fold_; }
   const std::string& base() const { return base_; }
   // Bytes of edited line texts collected since the copy was built.
   std::size_t edited_bytes() const { return edits_.size(); }
@@ -137,6 +146,13 @@ class Store {
   std::string_view Key(std::int32_t record) const { return Value(record, 0); }
   bool Before(std::int32_t line_a, std::int32_t line_b) const {
     return line(line_a).order < line(line_b).order;
+  }
+
+  // The index's hash of a key, and whether two keys are the same key (both
+  // without letter case when the store folds keys).
+  std::uint32_t KeyHash(std::string_view key) const { return fold_ ? FoldedHash(key) : Hash(key); }
+  bool SameKey(std::string_view a, std::string_view b) const {
+    return fold_ ? FoldedEqual(a, b) : a == b;
   }
 
   // The first record of view (in file order) with key, or -1.
@@ -201,6 +217,7 @@ class Store {
   std::vector<std::string> values_;
   std::vector<std::size_t> view_fields_;
   std::vector<KeyIndex> index_;
+  bool fold_ = false;
   mutable std::uint64_t key_compares_ = 0;
 };
 

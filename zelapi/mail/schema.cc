@@ -103,6 +103,52 @@ BEGIN
 END;
 )sql";
 
+// Version 3: the access-map entries the panel wrote (key and value), so
+// that an administrator's own line is told apart from the panel's even when
+// it says the same; and the sender lists' rows say which entries are the
+// administrator's. The entries of an existing install are adopted as the
+// panel's: the keys its list rows stand under (IPv4 "Connect:" keys, IPv6
+// "Connect:IPv6:" keys in the spelling earlier versions wrote), then the
+// suspended domains and mailboxes, whose entries took over any list entry of
+// the same key. The remembered file states are dropped, so that the next
+// reading of each file (the lists' first of all) fills the new column.
+const char kVersion3[] = R"sql(
+CREATE TABLE email_access (
+  id INTEGER PRIMARY KEY,
+  key TEXT NOT NULL COLLATE NOCASE UNIQUE,
+  value TEXT NOT NULL
+) STRICT;
+
+ALTER TABLE email_whitelist
+  ADD COLUMN hand_written INTEGER NOT NULL DEFAULT 0 CHECK (hand_written IN (0, 1));
+ALTER TABLE email_blacklist
+  ADD COLUMN hand_written INTEGER NOT NULL DEFAULT 0 CHECK (hand_written IN (0, 1));
+
+INSERT OR REPLACE INTO email_access (key, value)
+  SELECT CASE
+           WHEN sender GLOB '*:*' AND sender NOT GLOB '*[^0-9A-Fa-f:.]*'
+             THEN 'Connect:IPv6:' || sender
+           WHEN sender NOT GLOB '*[^0-9.]*' THEN 'Connect:' || sender
+           ELSE sender
+         END, 'OK'
+  FROM email_whitelist ORDER BY id;
+INSERT OR REPLACE INTO email_access (key, value)
+  SELECT CASE
+           WHEN sender GLOB '*:*' AND sender NOT GLOB '*[^0-9A-Fa-f:.]*'
+             THEN 'Connect:IPv6:' || sender
+           WHEN sender NOT GLOB '*[^0-9.]*' THEN 'Connect:' || sender
+           ELSE sender
+         END, 'REJECT'
+  FROM email_blacklist ORDER BY id;
+INSERT OR REPLACE INTO email_access (key, value)
+  SELECT name, '550 Account disabled' FROM email_domain WHERE enabled = 0;
+INSERT OR REPLACE INTO email_access (key, value)
+  SELECT e.name || '@' || d.name, '550 Account disabled'
+  FROM email e JOIN email_domain d ON d.id = e.domain WHERE e.enabled = 0;
+
+DELETE FROM file_state;
+)sql";
+
 // The schema becomes pnl_db's default when the library loads, so that
 // pnl_db::Cache::Open(file) opens a panel database.
 [[maybe_unused]] const bool kRegistered = (pnl_db::RegisterSchema(PanelSchema()), true);
@@ -113,6 +159,7 @@ const pnl_db::Schema& PanelSchema() {
   static const pnl_db::Schema schema = {
       {1, kVersion1},
       {2, kVersion2},
+      {3, kVersion3},
   };
   return schema;
 }

@@ -80,7 +80,9 @@ class SendmailLikeInterface : public MtaInterface {
   virtual void GetDefAction(Cursor<VirtualDomains>& line, DomainPtr domain) = 0;
   // The target of a mailbox's own virtual-user-table line.
   virtual std::string GetVirtuserTarget(EmailPtr email, DomainPtr domain) = 0;
-  // A sender-list entry as an access-map key, and back.
+  // A sender-list entry as an access-map key, and back: FromListVal gives
+  // the entry in its canonical form, or "" for a key that is none the panel
+  // writes (such lines are not listed).
   virtual std::string ToListVal(const std::string& entry) = 0;
   virtual std::string FromListVal(const std::string& key) = 0;
   // Writes the mailbox's aliases entry whole: in service, its forwards, its
@@ -89,6 +91,10 @@ class SendmailLikeInterface : public MtaInterface {
   // a target that refuses mail the way the mailbox's suspended line does.
   // domain is the mailbox's domain row. The entry is made when missing.
   virtual void WriteAliasesEntry(EmailPtr email, DomainPtr domain, bool in_service) = 0;
+  // Every key under which entry's line may stand, ToListVal's first; the
+  // others are spellings an earlier version wrote, found so that their lines
+  // can be deleted and rewritten. Default: ToListVal's alone.
+  virtual std::vector<std::string> ListKeys(const std::string& entry);
 
   const std::string& virtusertable_path() const { return virtusertable_path_; }
   const std::string& localhostnames_path() const { return localhostnames_path_; }
@@ -115,6 +121,17 @@ class SendmailLikeInterface : public MtaInterface {
   // Whether mail reaches the mailbox: its row and its domain's row are both
   // in service.
   static bool InService(EmailPtr email, DomainPtr domain);
+
+  // The access-map value of a suspension, refusing the domain or the
+  // address as a sender.
+  static constexpr char kDisabledAccess[] = "550 Account disabled";
+  // Writes the suspension entry of key (a domain or an address), recorded
+  // as the panel's.
+  void WriteSuspension(const std::string& key);
+  // Removes the suspension entry of key when it is the panel's; an entry
+  // someone else wrote stays. second_look: the entry is deleted through
+  // the cursor (ConfDataSet::Delete) rather than _Delete.
+  void RemoveSuspension(const std::string& key, bool second_look);
 
  private:
   const std::string virtusertable_path_;

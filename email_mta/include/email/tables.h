@@ -1,6 +1,8 @@
 // The four sendmail-family files as tables of the configuration engine. Each
 // table registers its token rules, its after-save hook and its record views
-// once, when the engine first needs it (under the engine's init lock).
+// once, when the engine first needs it (under the engine's init lock). Keys
+// of all four compare without ASCII letter case (ConfCache::FoldKeys), as
+// sendmail compares them.
 //
 // What runs after a save depends on the MTA (which map compiler, which
 // aliases command), so each table runs an after-save step that the MTA's

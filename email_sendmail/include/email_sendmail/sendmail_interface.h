@@ -11,6 +11,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include "email/sendmail_like.h"
 
@@ -51,9 +52,20 @@ class SendmailInterface final : public email::SendmailLikeInterface {
   void GetDefAction(Cursor<email::VirtualDomains>& line, DomainPtr domain) override;
   // L "+" D: the mailbox's local name, also the name of its aliases entry.
   std::string GetVirtuserTarget(EmailPtr email, DomainPtr domain) override;
-  // IPv4 entries become "Connect:" keys, IPv6 "Connect:IPv6:"; others stay.
+  // A connecting client's address or network (pnl_net::Parse) becomes the
+  // key sendmail looks it up by, in canonical spelling: "Connect:192.0.2.7",
+  // "Connect:192.0.2", "Connect:IPv6:2001:db8:0:0:0:0:0:7",
+  // "Connect:IPv6:2001:db8". An address or a domain stays as it is.
   std::string ToListVal(const std::string& entry) override;
+  // The entry whose key this is, in its canonical form (addresses and
+  // domains in lower case, IP forms as Sender shows them), when key is one
+  // ListKeys gives for it, letter case aside; "" for any other key (another
+  // tag, an address without its Connect: tag, a spelling sendmail never
+  // matches, a Unicode name). Never throws.
   std::string FromListVal(const std::string& key) override;
+  // ToListVal's key, then the one earlier versions wrote for an IPv6
+  // address: "Connect:IPv6:" and its compressed spelling.
+  std::vector<std::string> ListKeys(const std::string& entry) override;
 };
 
 }  // namespace zelpriv_email_sendmail

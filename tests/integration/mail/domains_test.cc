@@ -1,4 +1,5 @@
 // Mail domains in the three files, and read back into the panel database.
+#include "email/access_entries.h"
 #include "mail_fixture.h"
 
 using zeltest::MailTest;
@@ -83,6 +84,7 @@ TEST_F(DomainsTest, DeleteRemovesTheThreeLinesOnly) {
   box_.Write("virtusertable", "@a.example\tdevnull\nx@a.example\tx+a.example\n");
   box_.Write("local-host-names", "# mine\na.example\nb.example\n");
   box_.Write("access", "a.example\t550 Account disabled\nspam@c.example\tREJECT\n");
+  email::RecordAccessEntry(Access(), "a.example", "550 Account disabled");
   auto d = NewDomain("a.example");
   mta_->DeleteDomain(d);
   EXPECT_EQ(Read(Vut()), "x@a.example\tx+a.example\n");
@@ -105,9 +107,20 @@ TEST_F(DomainsTest, SuspendWithoutCatchAllLineFailsAtAssert) {
 
 TEST_F(DomainsTest, ResumeWithoutCatchAllLineFailsAfterRemovingTheAccessEntry) {
   box_.Write("access", "a.example\t550 Account disabled\n");
+  email::RecordAccessEntry(Access(), "a.example", "550 Account disabled");
   auto d = NewDomain("a.example");
   EXPECT_THROW(mta_->ResumeDomain(d), pnl_err::Error);
   EXPECT_EQ(Read(Access()), "");
+}
+
+TEST_F(DomainsTest, DeleteAndResumeLeaveASuspensionEntryThePanelDidNotWrite) {
+  box_.Write("virtusertable", "@a.example\tdevnull\n");
+  box_.Write("access", "a.example\t550 Account disabled\n");
+  auto d = NewDomain("a.example");
+  mta_->ResumeDomain(d);
+  EXPECT_EQ(Read(Access()), "a.example\t550 Account disabled\n");
+  mta_->DeleteDomain(d);
+  EXPECT_EQ(Read(Access()), "a.example\t550 Account disabled\n");
 }
 
 TEST_F(DomainsTest, SuspendTakesOverASenderListEntryAndResumeDeletesIt) {

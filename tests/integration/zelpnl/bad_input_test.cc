@@ -262,14 +262,24 @@ TEST_F(ZelpnlBadInputTest, SenderEntries) {
     return std::vector<std::string>{"mail", "whitelist", "add", sender};
   };
   const std::string neither =
-      "is neither an e-mail address, a domain name, an IPv4 nor an IPv6 address";
+      "is neither an e-mail address, a domain name, nor an IPv4 or IPv6 address or network";
+  const std::string not_ipv4 =
+      "is not an IPv4 address or network (one to four numbers from 0 to 255, joined by dots)";
   ExpectRefused({
-      {add("1.2.3"), 2, "error: sender \"1.2.3\": is not a valid IPv4 or IPv6 address\n"},
-      {add("300.1.1.1"), 2, "error: sender \"300.1.1.1\": is not a valid IPv4 or IPv6 address\n"},
+      {add("1.2.3.4.5"), 2, "error: sender \"1.2.3.4.5\": " + not_ipv4 + "\n"},
+      {add("300.1.1.1"), 2, "error: sender \"300.1.1.1\": " + not_ipv4 + "\n"},
       {add("2001:db8::zz"), 2,
-       "error: sender \"2001:db8::zz\": is not a valid IPv4 or IPv6 address\n"},
+       "error: sender \"2001:db8::zz\": is not an IPv6 address or network (an address such as "
+       "2001:db8::7, or the leading groups of one such as 2001:db8)\n"},
       {add("Connect:192.0.2.5"), 2,
-       "error: sender \"Connect:192.0.2.5\": is not a valid IPv4 or IPv6 address\n"},
+       "error: sender \"Connect:192.0.2.5\": starts with the tag \"Connect:\"; give the sender "
+       "alone (an address, a domain, an IP address or network)\n"},
+      {{"mail", "blacklist", "delete", "Connect:192.0.2.5"}, 2,
+       "error: sender \"Connect:192.0.2.5\": starts with the tag \"Connect:\"; give the sender "
+       "alone (an address, a domain, an IP address or network)\n"},
+      {add("192.0.2.0/20"), 2,
+       "error: sender \"192.0.2.0/20\": is a /20 network, which does not end on a whole octet "
+       "(/8, /16, /24 or /32)\n"},
       {add("bad_name.example"), 2, "error: sender \"bad_name.example\": " + neither + "\n"},
       {add("a b.example"), 2, "error: sender \"a b.example\": contains a blank\n"},
       {add("x#y.example"), 2,

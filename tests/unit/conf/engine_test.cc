@@ -1039,3 +1039,154 @@ TEST_F(EngineTest, LargeFileCollectsEditsUpToItsOwnSizeBeforeTheCopyIsRebuilt) {
   ASSERT_TRUE(mails->Find("user7@x.example"));
   EXPECT_EQ(mails->target.Str(), "changed-target-number-" + std::to_string(i));
 }
+
+// ------------------------------------------------------------ keys without letter case
+
+namespace {
+
+// VirtTable's format, with keys that compare without ASCII letter case.
+class FoldedVirtTable : public PnlCachedConfig<FoldedVirtTable> {
+ public:
+  FoldedVirtTable() {
+    auto rules = std::make_shared<pnl_token::Params>();
+    rules->Add(pnl_token::CharToken("@", 2));
+    rules->Add(pnl_token::CharToken("\t ", 1));
+    rules->Add(pnl_token::CharToken("\n", 6));
+    rules->Add(pnl_token::Comment("#", "\n", false));
+    auto* e = BaseCachedConfig<PnlConfCache>::Instance();
+    e->Register(name_, rules);
+    e->FoldKeys(name_, true);
+    conftest::AddView<DomainView>(e, name_);
+    conftest::AddView<MailView>(e, name_);
+  }
+};
+
+// NamesTable's format; the tests turn folding on and off.
+class SwitchedNamesTable : public PnlCachedConfig<SwitchedNamesTable> {
+ public:
+  SwitchedNamesTable() {
+    auto rules = std::make_shared<pnl_token::Params>();
+    rules->Add(pnl_token::CharToken("\n", 6));
+    auto* e = BaseCachedConfig<PnlConfCache>::Instance();
+    e->Register(name_, rules);
+    conftest::AddView<NameView>(e, name_);
+  }
+};
+
+const char kMixedCase[] =
+    "@Example.COM\tdevnull\n"
+    "Info@Example.com\tinfo+example.com\n"
+    "# a remark\n"
+    "Sales@EXAMPLE.com\tsales+example.com\n";
+
+}  // namespace
+
+TEST_F(EngineTest, FoldedTableFindsAKeyInAnyLetterCaseAndKeepsTheLinesText) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto domains = FoldedVirtTable::Get<DomainView>(Path("v.txt"), false);
+  ASSERT_TRUE(domains->Find("example.com"));
+  EXPECT_EQ(domains->name.Str(), "Example.COM");
+  EXPECT_TRUE(domains->Find("EXAMPLE.com"));
+  auto mails = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  ASSERT_TRUE(mails->Find("info@example.com"));
+  EXPECT_EQ(mails->name.Str(), "Info@Example.com");
+  EXPECT_NO_THROW(mails->Assert("SALES@example.COM"));
+  EXPECT_EQ(mails->target.Str(), "sales+example.com");
+  EXPECT_FALSE(mails->Find("info@example.co"));
+  EXPECT_EQ(Slurp(Path("v.txt")), kMixedCase);
+}
+
+TEST_F(EngineTest, TablesCompareKeysExactlyUnlessTheyFoldThem) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto mails = VirtTable::Get<MailView>(Path("v.txt"), false);
+  EXPECT_FALSE(mails->Find("info@example.com"));
+  EXPECT_TRUE(mails->Find("Info@Example.com"));
+}
+
+TEST_F(EngineTest, FoldedCreateOfAKeyInAnotherCaseChangesThatLineAndAddsNone) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto mails = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  mails->Create("info@example.com");
+  EXPECT_FALSE(mails->IsNew());
+  mails->target = "info+example.com info@elsewhere.example";
+  mails->Post("");
+  EXPECT_EQ(Slurp(Path("v.txt")),
+            "@Example.COM\tdevnull\n"
+            "Info@Example.com\tinfo+example.com info@elsewhere.example\n"
+            "# a remark\n"
+            "Sales@EXAMPLE.com\tsales+example.com\n");
+}
+
+TEST_F(EngineTest, FoldedDeleteByKeyInAnotherCaseRemovesThatLine) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto mails = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  EXPECT_TRUE(mails->Delete("sales@example.com"));
+  EXPECT_FALSE(mails->Delete("sales@example.com"));
+  EXPECT_EQ(Slurp(Path("v.txt")),
+            "@Example.COM\tdevnull\nInfo@Example.com\tinfo+example.com\n# a remark\n");
+}
+
+TEST_F(EngineTest, FoldedNewKeyIsWrittenAsGivenAndFoundInAnyCase) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto domains = FoldedVirtTable::Get<DomainView>(Path("v.txt"), false);
+  domains->Create("New.Example");
+  EXPECT_TRUE(domains->IsNew());
+  domains->target.Set("devnull");
+  domains->Post("");
+  EXPECT_EQ(Slurp(Path("v.txt")), std::string(kMixedCase) + "@New.Example\tdevnull\n");
+  ASSERT_TRUE(domains->Find("new.example"));
+  EXPECT_EQ(domains->name.Str(), "New.Example");
+}
+
+TEST_F(EngineTest, FoldedCreateOfAKeyAddedMeanwhileInAnotherCaseChangesThatRecord) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto first = FoldedVirtTable::Get<DomainView>(Path("v.txt"), false);
+  auto second = FoldedVirtTable::Get<DomainView>(Path("v.txt"), false);
+  first->Create("new.example");
+  first->target.Set("devnull");
+  second->Create("NEW.example");
+  second->target.Set("error:nouser here");
+  second->Post("");
+  first->Post("");
+  EXPECT_EQ(Slurp(Path("v.txt")), std::string(kMixedCase) + "@NEW.example\tdevnull\n");
+}
+
+// The case of non-letters and of bytes above 127 is not folded: "\xc3\x9c"
+// and "\xc3\xbc" (U and u with diaeresis in UTF-8) stay different keys, as do
+// "[" and "{", which differ by the same bit as "A" and "a".
+TEST_F(EngineTest, FoldedKeysFoldOnlyAsciiLetters) {
+  Spill(Path("v.txt"), "@B\xc3\x9c" "cher.example\tone\nx[1]@example.com\ttwo\n");
+  auto domains = FoldedVirtTable::Get<DomainView>(Path("v.txt"), false);
+  EXPECT_TRUE(domains->Find("b\xc3\x9c" "CHER.example"));
+  EXPECT_FALSE(domains->Find("b\xc3\xbc" "cher.example"));
+  auto mails = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  EXPECT_TRUE(mails->Find("X[1]@EXAMPLE.com"));
+  EXPECT_FALSE(mails->Find("x{1}@example.com"));
+}
+
+// A hand edit that writes a record's key in another case keeps a cursor on
+// that record: it is the same key.
+TEST_F(EngineTest, FoldedCursorFollowsItsRecordWhenAHandEditChangesTheKeysCase) {
+  Spill(Path("v.txt"), kMixedCase);
+  auto mails = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  auto other = FoldedVirtTable::Get<MailView>(Path("v.txt"), false);
+  ASSERT_TRUE(mails->Find("sales@example.com"));
+  Spill(Path("v.txt"), "# first\n@Example.COM\tdevnull\nSALES@example.com\tsales+example.com\n");
+  EXPECT_FALSE(other->Find("info@example.com"));  // reads the file again
+  mails->target = "elsewhere@example.net";
+  mails->Post("");
+  EXPECT_EQ(Slurp(Path("v.txt")),
+            "# first\n@Example.COM\tdevnull\nSALES@example.com\telsewhere@example.net\n");
+}
+
+TEST_F(EngineTest, TurningFoldingOnReadsCachedFilesAgainWithTheNewKeys) {
+  Spill(Path("n.txt"), "Example.COM\nother.example\n");
+  auto names = SwitchedNamesTable::Get<NameView>(Path("n.txt"), false);
+  EXPECT_FALSE(names->Find("example.com"));
+  PnlConfCache* engine = BaseCachedConfig<PnlConfCache>::Instance();
+  engine->FoldKeys(SwitchedNamesTable::Table().Name(), true);
+  EXPECT_TRUE(names->Find("example.com"));
+  EXPECT_EQ(names->name.Str(), "Example.COM");
+  engine->FoldKeys(SwitchedNamesTable::Table().Name(), false);
+  EXPECT_FALSE(names->Find("example.com"));
+}

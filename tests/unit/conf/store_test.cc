@@ -218,3 +218,68 @@ TEST(StoreTest, PiecesGiveALastLineWithoutLineEndOneBeforeAnAppendedLine) {
   store.Pieces(&insert, pieces);
   EXPECT_EQ(Join(pieces), "a\nb\nc\n");
 }
+
+// ------------------------------------------------------------ keys without letter case
+
+namespace {
+
+std::string LowerAscii(std::string text) {
+  for (char& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
+bool IsUpper(unsigned char c) { return c >= 'A' && c <= 'Z'; }
+
+}  // namespace
+
+// Every byte value at every place of a word and of the tail: the folded
+// hash is the hash of the key in lower case, and only A-Z meet their
+// lower-case letters (not "@" and "`", "[" and "{", nor bytes above 127
+// that differ by the same bit).
+TEST(StoreTest, FoldedKeysMeetOnlyWhereAsciiLettersDifferInCase) {
+  for (std::size_t size : {1u, 7u, 8u, 9u, 16u, 17u}) {
+    for (std::size_t at = 0; at < size; ++at) {
+      for (int c = 0; c < 256; ++c) {
+        std::string key(size, 'k');
+        key[at] = static_cast<char>(c);
+        EXPECT_EQ(Store::FoldedHash(key), Store::Hash(LowerAscii(key)))
+            << size << " " << at << " " << c;
+        EXPECT_TRUE(Store::FoldedEqual(key, LowerAscii(key))) << size << " " << at << " " << c;
+        std::string flipped = key;
+        flipped[at] = static_cast<char>(c ^ 0x20);
+        const bool letters = IsUpper(static_cast<unsigned char>(c)) ||
+                             IsUpper(static_cast<unsigned char>(c ^ 0x20));
+        EXPECT_EQ(Store::FoldedEqual(key, flipped), letters) << size << " " << at << " " << c;
+      }
+    }
+  }
+  EXPECT_FALSE(Store::FoldedEqual("abc", "abcd"));
+}
+
+TEST(StoreTest, AFoldingStoreFindsEveryCaseOfAKeyAndKeepsItsText) {
+  Store store;
+  store.Reset("Spam.EXAMPLE\nother\nspam.example\n", {1}, true);
+  std::int32_t lines[3];
+  std::size_t off = 0;
+  for (int i = 0; i < 3; ++i) {
+    const std::size_t end = store.base().find('\n', off) + 1;
+    lines[i] = store.AppendLine(off, end - off);
+    store.AddRecord(lines[i], KeyRecord(end - off - 1));
+    off = end;
+  }
+  const std::int32_t first = store.Find(0, "spam.example");
+  ASSERT_GE(first, 0);
+  EXPECT_EQ(store.record(first).line, lines[0]);
+  EXPECT_EQ(store.Key(first), "Spam.EXAMPLE");
+  EXPECT_EQ(store.Find(0, "SPAM.example"), first);
+  EXPECT_EQ(store.Occurrence(store.Find(0, "other")), 0u);
+  EXPECT_EQ(store.record(store.FindNth(0, "SPAM.EXAMPLE", 1)).line, lines[2]);
+  EXPECT_EQ(store.Text(), "Spam.EXAMPLE\nother\nspam.example\n");
+
+  Store exact;
+  exact.Reset("Spam.EXAMPLE\n", {1});
+  exact.AddRecord(exact.AppendLine(0, 13), KeyRecord(12));
+  EXPECT_EQ(exact.Find(0, "spam.example"), -1);
+  EXPECT_GE(exact.Find(0, "Spam.EXAMPLE"), 0);
+}

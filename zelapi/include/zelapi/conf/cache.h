@@ -108,6 +108,14 @@ class ConfCache {
   // Files of the table already cached are read again at their next use.
   void Add(const std::string& name, const std::string& rname, const char* rname_cstr,
            Factory factory);
+  // With fold set, keys of table name compare without ASCII letter case,
+  // as a map that folds its keys to lower case looks them up: Find, Create,
+  // Assert, Delete(key) and the post of a created record take a record whose
+  // key differs from the one asked only in the case of ASCII letters (the
+  // first such record in file order). A look-up never changes a line's text;
+  // a new record's key is written as given. Default: exact keys. Files of
+  // the table already cached are read again at their next use.
+  void FoldKeys(const std::string& name, bool fold);
   // A new R as a HeadDataSet (what Add's factory is); a throwing
   // constructor's exception passes, the memory is freed.
   template <class R>

@@ -16,6 +16,10 @@
 // stale copy. The check is one stat of the path per operation (Delete(key)
 // included); Next makes none.
 //
+// Keys: Find, Create, Assert and Delete(key) compare the key field
+// exactly, or without ASCII letter case in a table registered so
+// (ConfCache::FoldKeys).
+//
 // Cost: keys are found through a hash index per view, so Find, Create,
 // Assert and Delete(key) take the same time in a file of a million lines
 // as in one of a thousand; a save writes the whole file once, from the

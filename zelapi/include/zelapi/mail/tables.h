@@ -20,7 +20,10 @@
 //                      subject, text, period_days (default 7)
 //   "email_responder_sent"  id, responder -> email_responder, sender,
 //                      sent_at (seconds since the epoch); (responder, sender) unique
-//   "email_whitelist", "email_blacklist"   id, sender
+//   "email_whitelist", "email_blacklist"   id, sender, hand_written (default
+//                      false: an entry of the panel's)
+//   "email_access"     id, key (unique, compared without ASCII letter case),
+//                      value: the access-map entries the panel wrote
 //   "file_state"       id, path (unique), state
 // Deleting a mail domain deletes its mailboxes; deleting a mailbox deletes its
 // aliases, forwards and responder; deleting a responder deletes its sent
@@ -80,6 +83,30 @@ void ForgetFileState(pnl_db::Cache& cache, const std::string& path);
 // The state of the file at path as FileIsChanged sees it (without remembering
 // anything).
 std::string FileState(const std::string& path);
+
+// The access-map entries the panel wrote: sender-list entries ("OK",
+// "REJECT") and suspensions ("550 Account disabled"), each key with the
+// value the panel gave it, in table "email_access". Every other line of the
+// access map is the administrator's, and the panel neither rewrites nor
+// removes it, even when it says the same as an entry of the panel would.
+//
+// The mail back-end records each entry it is about to post and forgets
+// each one it deleted (the sender lists' add and delete, the suspend,
+// resume and delete of domains and mailboxes), through helpers of its own
+// that also cover a request killed before it committed. Keys compare
+// without ASCII letter case, as sendmail folds the keys of its maps. Throw
+// pnl_err::Error (type "db") on a database error.
+//
+// Records (or replaces) the panel's entry key -> value.
+void RecordAccessEntry(pnl_db::Cache& cache, const std::string& key, const std::string& value);
+void RecordAccessEntry(const std::string& key, const std::string& value);
+// Forgets what the panel wrote under key; nothing when it wrote nothing.
+void ForgetAccessEntry(pnl_db::Cache& cache, const std::string& key);
+void ForgetAccessEntry(const std::string& key);
+// Whether the panel wrote key with exactly this value (byte for byte): an
+// access-map line for which this is false is the administrator's.
+bool IsPanelAccessEntry(pnl_db::Cache& cache, const std::string& key, const std::string& value);
+bool IsPanelAccessEntry(const std::string& key, const std::string& value);
 
 class UserTable : public pnl_db::CustomTable {
  public:
@@ -164,11 +191,14 @@ class EmailResponderSentTable : public pnl_db::CustomTable {
   pnl_db::IntField sent_at{this, "sent_at"};
 };
 
+// The sender lists as read back from the access map: one row per listed
+// sender, hand_written set for an entry the panel did not write.
 class EmailWhitelist : public pnl_db::CustomTable {
  public:
   explicit EmailWhitelist(pnl_db::Cache& cache) : CustomTable(cache, "email_whitelist") {}
   pnl_db::KeyField id{this, "id"};
   pnl_db::StringField sender{this, "sender"};
+  pnl_db::BoolField hand_written{this, "hand_written"};
 };
 
 class EmailBlacklist : public pnl_db::CustomTable {
@@ -176,6 +206,7 @@ class EmailBlacklist : public pnl_db::CustomTable {
   explicit EmailBlacklist(pnl_db::Cache& cache) : CustomTable(cache, "email_blacklist") {}
   pnl_db::KeyField id{this, "id"};
   pnl_db::StringField sender{this, "sender"};
+  pnl_db::BoolField hand_written{this, "hand_written"};
 };
 
 }  // namespace zel_db

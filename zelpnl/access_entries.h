@@ -1,0 +1,38 @@
+// zelpnl access entries: the checks a command makes before it writes an
+// access-map entry, so that the panel never rewrites or removes an entry it
+// did not write (an administrator's "Connect:127.0.0.1 RELAY", a hand-kept
+// "spam.example REJECT"): the command is refused instead, naming the line.
+// Which entries are the panel's is told by email/access_entries.h.
+//
+// They read the access map of the back-end (a sendmail-family back-end;
+// with another kind of back-end there is no access map and nothing is
+// refused) and the panel database, and write nothing. Used from the
+// request's thread; a batch's earlier lines are seen.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "email/access_entries.h"
+
+namespace zelpnl {
+
+class Host;
+
+// The access-map line that holds the sender-list entry sender (canonical,
+// see Sender): under its key, letter case aside, or a spelling an earlier
+// version wrote. nullopt when there is none.
+std::optional<email::AccessEntry> FindSenderEntry(Host& host, const std::string& sender);
+
+// Throws pnl_err::Error("conflict", object, the access map holds "KEY
+// VALUE", which the panel did not write) when the access map holds a line
+// under key (letter case aside) that the panel did not write. For the
+// suspension of a mail domain (key: its name) or a mailbox (key: L@D).
+void RefuseForeignAccessEntry(Host& host, const std::string& key, const std::string& object);
+
+// For a new mail domain: as RefuseForeignAccessEntry, and also refuses
+// when the domain is on one of the panel's sender lists, whose entry would
+// become the domain's suspension.
+void RefuseAccessEntryOfNewDomain(Host& host, const std::string& domain);
+
+}  // namespace zelpnl
