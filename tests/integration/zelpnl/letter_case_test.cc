@@ -25,3 +25,27 @@ TEST_F(ZelpnlTest, AKeyInOtherLettersIsTheSameKeyInEveryFile) {
             "mail sync\" to take it over\n");
   EXPECT_EQ(Count("email"), 0);
 }
+
+// A mailbox an administrator wrote in other letters is read back in lower
+// case and is the same object to every later command.
+TEST_F(ZelpnlTest, AMailboxReadBackInOtherLettersIsOneObjectToEveryCommand) {
+  MakeDomainWithMailbox();
+  WriteFile("virtusertable", File("virtusertable") + "Orders@D.Example\torders+d.example\n");
+  WriteFile("aliases", File("aliases") + "Orders+D.Example:\torders\\@d.example\n");
+  Ok({"mail", "sync"});
+  EXPECT_EQ(Rows("SELECT name FROM email ORDER BY name"), "l|orders");
+  EXPECT_EQ(Zel({"mail", "box", "show", "orders@d.example"}).status, 0);
+  Ok({"mail", "box", "suspend", "orders@d.example"});
+  EXPECT_NE(File("virtusertable").find("Orders@D.Example\terror:nouser Account temporary disabled\n"),
+            std::string::npos)
+      << File("virtusertable");
+  EXPECT_NE(File("aliases").find("Orders+D.Example:\torders@d.example\n"), std::string::npos)
+      << File("aliases");
+  Ok({"mail", "box", "resume", "orders@d.example"});
+  EXPECT_NE(File("virtusertable").find("Orders@D.Example\torders+d.example\n"), std::string::npos);
+  EXPECT_EQ(File("access"), "");
+  Ok({"mail", "box", "delete", "orders@d.example"});
+  EXPECT_EQ(File("virtusertable").find("rders"), std::string::npos) << File("virtusertable");
+  EXPECT_EQ(File("aliases").find("rders"), std::string::npos) << File("aliases");
+  EXPECT_EQ(Rows("SELECT name FROM email ORDER BY name"), "l");
+}
