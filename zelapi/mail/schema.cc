@@ -130,16 +130,11 @@ INSERT OR REPLACE INTO email_access (key, value)
              THEN 'Connect:IPv6:' || sender
            WHEN sender NOT GLOB '*[^0-9.]*' THEN 'Connect:' || sender
            ELSE sender
-         END, 'OK'
-  FROM email_whitelist ORDER BY id;
-INSERT OR REPLACE INTO email_access (key, value)
-  SELECT CASE
-           WHEN sender GLOB '*:*' AND sender NOT GLOB '*[^0-9A-Fa-f:.]*'
-             THEN 'Connect:IPv6:' || sender
-           WHEN sender NOT GLOB '*[^0-9.]*' THEN 'Connect:' || sender
-           ELSE sender
-         END, 'REJECT'
-  FROM email_blacklist ORDER BY id;
+         END, value
+  FROM (SELECT 0 AS list, id, sender, 'OK' AS value FROM email_whitelist
+        UNION ALL
+        SELECT 1, id, sender, 'REJECT' FROM email_blacklist)
+  ORDER BY list, id;
 INSERT OR REPLACE INTO email_access (key, value)
   SELECT name, '550 Account disabled' FROM email_domain WHERE enabled = 0;
 INSERT OR REPLACE INTO email_access (key, value)

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 
+#include "flush_counting_ops.h"
 #include "responder_fixture.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
@@ -340,28 +341,10 @@ TEST_F(SettingsStoreTest, ASettingsFolderWhoseParentIsMissingIsNotMade) {
   EXPECT_FALSE(std::filesystem::exists(box_.Path("no")));
 }
 
-namespace {
-
-class FlushCountingOps : public pnl_file::Ops {
- public:
-  int fsyncs = 0;
-  int syncfs = 0;
-  int Fsync(int fd) override {
-    ++fsyncs;
-    return pnl_file::Ops::Fsync(fd);
-  }
-  int SyncFileSystem(int fd) override {
-    ++syncfs;
-    return pnl_file::Ops::SyncFileSystem(fd);
-  }
-};
-
-}  // namespace
-
 // A flush to disk costs milliseconds: a request that writes many files
 // flushes the file system once instead of each file and folder.
 TEST_F(SettingsStoreTest, ManyFilesAtOnceAreFlushedToDiskOnce) {
-  auto ops = std::make_shared<FlushCountingOps>();
+  auto ops = std::make_shared<zeltest::FlushCountingOps>();
   pnl_file::ScopedOps scoped(ops);
   Sql("UPDATE email_responder SET subject = 'one'");
   EXPECT_EQ(ops->fsyncs, 2);  // the file and its folder

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "flush_counting_ops.h"
 #include "zelapi/err.h"
 
 namespace {
@@ -337,28 +338,9 @@ TEST_F(FileTest, FailedWriteOfPiecesLeavesTheOriginalAndNoTemporaryFile) {
   EXPECT_EQ(Entries(), (std::vector<std::string>{"a"}));
 }
 
-namespace {
-
-// Counts the flushes to disk.
-class FlushCountingOps : public pnl_file::Ops {
- public:
-  int fsyncs = 0;
-  int syncfs = 0;
-  int Fsync(int fd) override {
-    ++fsyncs;
-    return pnl_file::Ops::Fsync(fd);
-  }
-  int SyncFileSystem(int fd) override {
-    ++syncfs;
-    return pnl_file::Ops::SyncFileSystem(fd);
-  }
-};
-
-}  // namespace
-
 TEST_F(FileTest, ASaveFlushedLaterReplacesTheFileWithoutWaitingForTheDisk) {
   Write("a", "old\n");
-  auto ops = std::make_shared<FlushCountingOps>();
+  auto ops = std::make_shared<zeltest::FlushCountingOps>();
   pnl_file::ScopedOps scoped(ops);
   pnl_file::safe::Folder folder;
   pnl_file::safe::WriteFile(folder, Path("a"), "new\n", nullptr);
