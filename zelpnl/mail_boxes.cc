@@ -100,21 +100,6 @@ Changes CheckChanges(const RawChanges& raw, const Address& address) {
   return c;
 }
 
-// The mailbox that owns local part `local` as an alias in the domain, or "".
-std::string AliasOwner(pnl_db::Cache& db, int64_t domain_id, const std::string& local) {
-  pnl_db::Query q = db.Query(
-      "SELECT e.name FROM email_alias a JOIN email e ON e.id = a.email "
-      "WHERE e.domain = ? AND a.name = ? ORDER BY a.id",
-      {static_cast<long long>(domain_id), local});
-  return q.Eof() ? "" : q.Str();
-}
-
-bool MailboxExists(pnl_db::Cache& db, int64_t domain_id, const std::string& local) {
-  return !db.Query("SELECT 1 FROM email WHERE domain = ? AND name = ?",
-                   {static_cast<long long>(domain_id), local})
-              .Eof();
-}
-
 // Refuses an alias whose address is taken by a mailbox or another alias.
 void CheckAliasFree(pnl_db::Cache& db, const MailDomainRow& domain, const std::string& local) {
   const std::string address = local + "@" + domain->name.Value();
@@ -124,12 +109,6 @@ void CheckAliasFree(pnl_db::Cache& db, const MailDomainRow& domain, const std::s
   if (!owner.empty())
     throw pnl_err::Error("exists", "alias " + Quote(address),
                          "is already an alias of " + owner + "@" + domain->name.Value());
-}
-
-void InsertRow(pnl_db::Cache& db, const std::string& table, int64_t mailbox,
-               const std::string& name) {
-  db.Query("INSERT INTO " + table + "(email, name) VALUES(?, ?)",
-           {static_cast<long long>(mailbox), name});
 }
 
 // Reads a mailbox's aliases and forwards back from the files, after a
@@ -196,10 +175,8 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
         if (changes.add_aliases.empty() && changes.add_forwards.empty() &&
             changes.forward_only != 1)
           return;
-        for (const std::string& alias : changes.add_aliases)
-          InsertRow(db, "email_alias", id, alias);
-        for (const std::string& target : changes.add_forwards)
-          InsertRow(db, "email_forward", id, target);
+        for (const std::string& alias : changes.add_aliases) AddAliasRow(db, id, alias);
+        for (const std::string& target : changes.add_forwards) AddForwardRow(db, id, target);
         mailbox->forward_only = changes.forward_only == 1;
         mailbox->Post();
         try {
@@ -235,18 +212,9 @@ std::vector<std::string> AliasAddresses(const nlohmann::ordered_json& box) {
 
 void List(Host& host, const Output& out, const std::string& domain_name) {
   pnl_db::Cache& db = host.Db();
-  std::string sql =
-      "SELECT e.name, d.name FROM email e JOIN email_domain d ON d.id = e.domain";
-  std::vector<pnl_db::Param> params;
-  if (!domain_name.empty()) {
-    MailDomainRow domain = RequireMailDomain(db, domain_name);
-    sql += " WHERE e.domain = ?";
-    params.emplace_back(static_cast<long long>(domain->id.Value()));
-  }
-  sql += " ORDER BY d.name, e.name";
-  std::vector<Address> addresses;
-  for (pnl_db::Query q = db.Query(sql, params); !q.Eof(); q.Next())
-    addresses.push_back({q.Str(0), q.Str(1)});
+  std::optional<int64_t> domain_id;
+  if (!domain_name.empty()) domain_id = RequireMailDomain(db, domain_name)->id.Value();
+  const std::vector<Address> addresses = MailboxAddresses(db, domain_id);
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
   for (const Address& address : addresses) {
@@ -357,14 +325,10 @@ void Set(Host& host, const Output& out, const Address& address, const Changes& c
                          "would be forward-only without any forward, so its mail would go "
                          "nowhere; keep a forward or set --forward-only no");
 
-  for (const std::string& alias : changes.del_aliases)
-    db.Query("DELETE FROM email_alias WHERE email = ? AND name = ?",
-             {static_cast<long long>(id), alias});
-  for (const std::string& target : changes.del_forwards)
-    db.Query("DELETE FROM email_forward WHERE email = ? AND name = ?",
-             {static_cast<long long>(id), target});
-  for (const std::string& alias : changes.add_aliases) InsertRow(db, "email_alias", id, alias);
-  for (const std::string& target : changes.add_forwards) InsertRow(db, "email_forward", id, target);
+  for (const std::string& alias : changes.del_aliases) DeleteAliasRow(db, id, alias);
+  for (const std::string& target : changes.del_forwards) DeleteForwardRow(db, id, target);
+  for (const std::string& alias : changes.add_aliases) AddAliasRow(db, id, alias);
+  for (const std::string& target : changes.add_forwards) AddForwardRow(db, id, target);
   if (forward_only != mailbox->forward_only.Value()) {
     mailbox->forward_only = forward_only;
     mailbox->Post();

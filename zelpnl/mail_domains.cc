@@ -89,11 +89,7 @@ void List(Host& host, const Output& out) {
   pnl_db::Cache& db = host.Db();
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
-  std::vector<std::string> names;
-  for (pnl_db::Query q = db.Query("SELECT name FROM email_domain ORDER BY name"); !q.Eof();
-       q.Next())
-    names.push_back(q.Str());
-  for (const std::string& name : names) {
+  for (const std::string& name : MailDomainNames(db)) {
     MailDomainRow d = RequireMailDomain(db, name);
     nlohmann::ordered_json item = MailDomainJson(db, d);
     rows.push_back({item["unicode"], OwnerText(item), item["enabled"] ? "active" : "suspended",
@@ -109,10 +105,8 @@ void Show(Host& host, const Output& out, const std::string& name) {
   MailDomainRow row = RequireMailDomain(db, name);
   nlohmann::ordered_json item = MailDomainJson(db, row);
   std::vector<std::string> boxes;
-  for (pnl_db::Query q = db.Query("SELECT name FROM email WHERE domain = ? ORDER BY name",
-                                  {static_cast<long long>(row->id.Value())});
-       !q.Eof(); q.Next())
-    boxes.push_back(q.Str() + "@" + item["unicode"].get<std::string>());
+  for (const std::string& local : MailboxNamesOf(db, row->id.Value()))
+    boxes.push_back(local + "@" + item["unicode"].get<std::string>());
   item["mailbox_list"] = boxes;
   std::vector<std::pair<std::string, std::string>> fields = {
       {"domain", item["unicode"]},
@@ -191,9 +185,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
           host.Mta().UpdateDomain(row);
         },
         [&host, id, old_action, old_redirect] {
-                       host.Db().Query(
-                           "UPDATE email_domain SET def_action = ?, redirect = ? WHERE id = ?",
-                           {old_action, old_redirect, static_cast<long long>(id)});
+                       RestoreDomainAction(host.Db(), id, old_action, old_redirect);
                      });
   } catch (...) {
     row->Reset();
@@ -206,11 +198,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
 void Delete(Host& host, const Output& out, const std::string& name) {
   pnl_db::Cache& db = host.Db();
   MailDomainRow row = RequireMailDomain(db, name);
-  std::vector<std::string> locals;
-  for (pnl_db::Query q = db.Query("SELECT name FROM email WHERE domain = ? ORDER BY id",
-                                  {static_cast<long long>(row->id.Value())});
-       !q.Eof(); q.Next())
-    locals.push_back(q.Str());
+  const std::vector<std::string> locals = MailboxNamesInOrderAdded(db, row->id.Value());
   std::vector<std::string> deleted;
   // Each mailbox's lines go, then its rows; then the domain's. The files are
   // saved once, at the end, with all of it gone; when that fails the rows

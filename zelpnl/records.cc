@@ -1,5 +1,7 @@
 #include "records.h"
 
+#include <algorithm>
+
 #include "zelapi/err.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/str.h"
@@ -12,14 +14,83 @@ namespace {
   throw pnl_err::Error("unknown", kind + " " + Quote(name), "does not exist");
 }
 
-std::vector<std::string> Names(pnl_db::Cache& db, const std::string& table, int64_t mailbox_id) {
+long long Key(int64_t id) { return static_cast<long long>(id); }
+
+// The first column of every row the query gives.
+std::vector<std::string> Column(pnl_db::Cache& db, const std::string& sql,
+                                const std::vector<pnl_db::Param>& params = {}) {
   std::vector<std::string> out;
-  for (pnl_db::Query q = db.Query("SELECT name FROM " + table + " WHERE email = ? ORDER BY id",
-                                  {static_cast<long long>(mailbox_id)});
-       !q.Eof(); q.Next())
-    out.push_back(q.Str());
+  for (pnl_db::Query q = db.Query(sql, params); !q.Eof(); q.Next()) out.push_back(q.Str());
   return out;
 }
+
+// Rows whose first two columns are a local part and a domain name.
+std::vector<Address> Addresses(pnl_db::Cache& db, const std::string& sql,
+                               const std::vector<pnl_db::Param>& params = {}) {
+  std::vector<Address> out;
+  for (pnl_db::Query q = db.Query(sql, params); !q.Eof(); q.Next())
+    out.push_back({q.Str(0), q.Str(1)});
+  return out;
+}
+
+std::vector<std::string> Names(pnl_db::Cache& db, const std::string& table, int64_t mailbox_id) {
+  return Column(db, "SELECT name FROM " + table + " WHERE email = ? ORDER BY id",
+                {Key(mailbox_id)});
+}
+
+const char kMailboxes[] = " FROM email e JOIN email_domain d ON d.id = e.domain ";
+
+std::string Where(MailboxScope scope) {
+  return scope.kind == MailboxScope::kMailbox ? "WHERE e.id = ?" : "WHERE e.domain = ?";
+}
+
+std::vector<MailboxValue> ValuesIn(pnl_db::Cache& db, const char* table, MailboxScope scope) {
+  std::vector<MailboxValue> out;
+  for (pnl_db::Query q = db.Query(std::string("SELECT r.name, e.name, d.name FROM ") + table +
+                                      " r JOIN email e ON e.id = r.email "
+                                      "JOIN email_domain d ON d.id = e.domain " + Where(scope),
+                                  {Key(scope.id)});
+       !q.Eof(); q.Next())
+    out.push_back({q.Str(0), {q.Str(1), q.Str(2)}});
+  return out;
+}
+
+std::optional<MailDomainValues> DomainValues(pnl_db::Cache& db, const std::string& sql,
+                                             int64_t key) {
+  pnl_db::Query q = db.Query(sql, {Key(key)});
+  if (q.Eof()) return std::nullopt;
+  return MailDomainValues{q.Str(0), q.Str(1), q.Str(2)};
+}
+
+// One line of text per row of each mail table, with the label `mail sync`
+// shows for it.
+struct TableQuery {
+  const char* table;
+  const char* label;
+  const char* sql;
+};
+
+const TableQuery kTableText[] = {
+    {"email_domain", "mail domains",
+     "SELECT name || CASE WHEN enabled THEN ' active ' ELSE ' suspended ' END || def_action || "
+     "CASE WHEN redirect != '' THEN ' ' || redirect ELSE '' END FROM email_domain"},
+    {"email", "mailboxes",
+     "SELECT e.name || '@' || d.name || CASE WHEN e.enabled THEN ' active' ELSE ' suspended' END "
+     "|| CASE WHEN e.forward_only THEN ' forward-only' ELSE '' END "
+     "FROM email e JOIN email_domain d ON d.id = e.domain"},
+    {"email_alias", "aliases",
+     "SELECT a.name || '@' || d.name || ' -> ' || e.name || '@' || d.name FROM email_alias a "
+     "JOIN email e ON e.id = a.email JOIN email_domain d ON d.id = e.domain"},
+    {"email_forward", "forwards",
+     "SELECT e.name || '@' || d.name || ' -> ' || f.name FROM email_forward f "
+     "JOIN email e ON e.id = f.email JOIN email_domain d ON d.id = e.domain"},
+    {"email_responder", "responders",
+     "SELECT e.name || '@' || d.name || CASE WHEN r.enabled THEN ' on' ELSE ' off' END "
+     "FROM email_responder r JOIN email e ON e.id = r.email JOIN email_domain d ON d.id = "
+     "e.domain"},
+    {"email_whitelist", "whitelist", "SELECT sender FROM email_whitelist"},
+    {"email_blacklist", "blacklist", "SELECT sender FROM email_blacklist"},
+};
 
 }  // namespace
 
@@ -123,10 +194,163 @@ MailboxRow MailboxById(pnl_db::Cache& db, int64_t id) {
   return row;
 }
 
+std::vector<std::string> MailDomainNames(pnl_db::Cache& db) {
+  return Column(db, "SELECT name FROM email_domain ORDER BY name");
+}
+
+std::vector<std::string> MailboxNamesOf(pnl_db::Cache& db, int64_t domain_id) {
+  return Column(db, "SELECT name FROM email WHERE domain = ? ORDER BY name", {Key(domain_id)});
+}
+
+std::vector<std::string> MailboxNamesInOrderAdded(pnl_db::Cache& db, int64_t domain_id) {
+  return Column(db, "SELECT name FROM email WHERE domain = ? ORDER BY id", {Key(domain_id)});
+}
+
+std::vector<Address> MailboxAddresses(pnl_db::Cache& db, std::optional<int64_t> domain_id) {
+  std::string sql = std::string("SELECT e.name, d.name") + kMailboxes;
+  std::vector<pnl_db::Param> params;
+  if (domain_id) {
+    sql += "WHERE e.domain = ? ";
+    params.emplace_back(Key(*domain_id));
+  }
+  return Addresses(db, sql + "ORDER BY d.name, e.name", params);
+}
+
+std::vector<Address> ResponderAddresses(pnl_db::Cache& db) {
+  return Addresses(db,
+                   "SELECT e.name, d.name FROM email_responder r JOIN email e ON e.id = r.email "
+                   "JOIN email_domain d ON d.id = e.domain ORDER BY d.name, e.name");
+}
+
+int64_t MailboxCount(pnl_db::Cache& db, int64_t domain_id) {
+  return db.Query("SELECT count(*) FROM email WHERE domain = ?", {Key(domain_id)}).Int();
+}
+
+std::vector<UserListRow> Users(pnl_db::Cache& db) {
+  std::vector<UserListRow> out;
+  for (pnl_db::Query q = db.Query("SELECT id, name FROM users ORDER BY name"); !q.Eof(); q.Next())
+    out.push_back({q.Int(0), q.Str(1)});
+  return out;
+}
+
+std::vector<std::string> WebDomainsOfUser(pnl_db::Cache& db, int64_t user_id) {
+  return Column(db, "SELECT name FROM domain WHERE users = ? ORDER BY name", {Key(user_id)});
+}
+
+std::vector<std::string> MailDomainsOfUser(pnl_db::Cache& db, int64_t user_id) {
+  return Column(db, "SELECT name FROM email_domain WHERE users = ? ORDER BY name",
+                {Key(user_id)});
+}
+
+std::vector<WebDomainListRow> WebDomains(pnl_db::Cache& db) {
+  std::vector<WebDomainListRow> out;
+  for (pnl_db::Query q = db.Query(
+           "SELECT d.name, d.users, EXISTS(SELECT 1 FROM email_domain m WHERE m.name = d.name "
+           "COLLATE NOCASE) FROM domain d ORDER BY d.name");
+       !q.Eof(); q.Next())
+    out.push_back({q.Str(0), q.Int(1), q.Int(2) != 0});
+  return out;
+}
+
+bool MailboxExists(pnl_db::Cache& db, int64_t domain_id, const std::string& local) {
+  return !db.Query("SELECT 1 FROM email WHERE domain = ? AND name = ?", {Key(domain_id), local})
+              .Eof();
+}
+
+std::string AliasOwner(pnl_db::Cache& db, int64_t domain_id, const std::string& local,
+                       int64_t except) {
+  pnl_db::Query q = db.Query(
+      "SELECT e.name FROM email_alias a JOIN email e ON e.id = a.email "
+      "WHERE e.domain = ? AND a.name = ? AND e.id != ? ORDER BY a.id",
+      {Key(domain_id), local, Key(except)});
+  return q.Eof() ? "" : q.Str();
+}
+
+void AddAliasRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& local) {
+  db.Query("INSERT INTO email_alias(email, name) VALUES(?, ?)", {Key(mailbox_id), local});
+}
+
+void DeleteAliasRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& local) {
+  db.Query("DELETE FROM email_alias WHERE email = ? AND name = ?", {Key(mailbox_id), local});
+}
+
+void AddForwardRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& target) {
+  db.Query("INSERT INTO email_forward(email, name) VALUES(?, ?)", {Key(mailbox_id), target});
+}
+
+void DeleteForwardRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& target) {
+  db.Query("DELETE FROM email_forward WHERE email = ? AND name = ?", {Key(mailbox_id), target});
+}
+
+std::vector<SenderListRow> SenderListRows(pnl_db::Cache& db, const std::string& table) {
+  std::vector<SenderListRow> out;
+  for (pnl_db::Query q = db.Query("SELECT sender, hand_written FROM " + table + " ORDER BY id");
+       !q.Eof(); q.Next())
+    out.push_back({q.Str(0), q.Int(1) != 0});
+  return out;
+}
+
+bool SenderListed(pnl_db::Cache& db, const std::string& table, const std::string& sender) {
+  return !db.Query("SELECT 1 FROM " + table + " WHERE sender = ?", {sender}).Eof();
+}
+
+void AddSenderRow(pnl_db::Cache& db, const std::string& table, const std::string& sender) {
+  db.Query("INSERT INTO " + table + "(sender) VALUES(?)", {sender});
+}
+
+void DeleteSenderRow(pnl_db::Cache& db, const std::string& table, const std::string& sender) {
+  db.Query("DELETE FROM " + table + " WHERE sender = ?", {sender});
+}
+
+std::optional<MailDomainValues> MailDomainValuesById(pnl_db::Cache& db, int64_t domain_id) {
+  return DomainValues(db, "SELECT name, def_action, redirect FROM email_domain WHERE id = ?",
+                      domain_id);
+}
+
+std::optional<MailDomainValues> MailDomainValuesOfMailbox(pnl_db::Cache& db, int64_t mailbox_id) {
+  return DomainValues(db,
+                      std::string("SELECT d.name, d.def_action, d.redirect") + kMailboxes +
+                          "WHERE e.id = ?",
+                      mailbox_id);
+}
+
+std::vector<Address> MailboxesIn(pnl_db::Cache& db, MailboxScope scope) {
+  return Addresses(db, std::string("SELECT e.name, d.name") + kMailboxes + Where(scope),
+                   {Key(scope.id)});
+}
+
+std::vector<MailboxValue> AliasesIn(pnl_db::Cache& db, MailboxScope scope) {
+  return ValuesIn(db, "email_alias", scope);
+}
+
+std::vector<MailboxValue> ForwardsIn(pnl_db::Cache& db, MailboxScope scope) {
+  return ValuesIn(db, "email_forward", scope);
+}
+
+std::vector<TableText> MailTablesAsText(pnl_db::Cache& db) {
+  std::vector<TableText> out;
+  for (const TableQuery& t : kTableText) {
+    std::vector<std::string> lines = Column(db, t.sql);
+    std::sort(lines.begin(), lines.end());
+    out.push_back({t.table, t.label, std::move(lines)});
+  }
+  return out;
+}
+
+void RestoreDomainAction(pnl_db::Cache& db, int64_t domain_id, const std::string& action,
+                         const std::string& redirect) {
+  db.Query("UPDATE email_domain SET def_action = ?, redirect = ? WHERE id = ?",
+           {action, redirect, Key(domain_id)});
+}
+
+void RestoreResponder(pnl_db::Cache& db, int64_t responder_id, bool enabled,
+                      const std::string& subject, const std::string& text) {
+  db.Query("UPDATE email_responder SET enabled = ?, subject = ?, text = ? WHERE id = ?",
+           {enabled ? 1 : 0, subject, text, Key(responder_id)});
+}
+
 nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& domain) {
   const std::string owner = UserNameById(db, domain->users.Value());
-  pnl_db::Query count = db.Query("SELECT count(*) FROM email WHERE domain = ?",
-                                 {static_cast<long long>(domain->id.Value())});
   return {
       {"name", domain->name.Value()},
       {"unicode", domain->name.Unicode()},
@@ -134,7 +358,7 @@ nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& do
       {"enabled", domain->enabled.Value()},
       {"default_action", domain->def_action.Value()},
       {"redirect", domain->redirect.Value()},
-      {"mailboxes", count.Int()},
+      {"mailboxes", MailboxCount(db, domain->id.Value())},
   };
 }
 

@@ -1,5 +1,9 @@
-// zelpnl records: finding the panel's rows by the names an administrator
-// types, and describing them for output.
+// zelpnl records: the panel's rows. Finding them by the names an
+// administrator types, the lists and look-ups the commands show, the few
+// changes no table object covers (the rows of a mailbox's aliases and
+// forwards, undo steps, sender-list rows in a batch), and descriptions for
+// output. Every SQL text of the host is here, so that a change of the
+// schema is a change of this file.
 //
 // Find* return a cursor positioned on the row, or nullptr when there is none;
 // Require* throw pnl_err::Error (type "unknown", object the kind and the name,
@@ -12,6 +16,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +65,92 @@ void DeleteRowById(pnl_db::Cache& db, const std::string& table, int64_t id);
 void SetEnabledById(pnl_db::Cache& db, const std::string& table, int64_t id, bool enabled);
 // The mailbox row with that key, or nullptr.
 MailboxRow MailboxById(pnl_db::Cache& db, int64_t id);
+
+// Lists, in the order the commands show them.
+std::vector<std::string> MailDomainNames(pnl_db::Cache& db);  // by name
+// A domain's mailboxes' local parts, by name or in the order they were added.
+std::vector<std::string> MailboxNamesOf(pnl_db::Cache& db, int64_t domain_id);
+std::vector<std::string> MailboxNamesInOrderAdded(pnl_db::Cache& db, int64_t domain_id);
+// Every mailbox (of one domain, when given) by domain and local part.
+std::vector<Address> MailboxAddresses(pnl_db::Cache& db,
+                                      std::optional<int64_t> domain_id = std::nullopt);
+// The mailboxes that have a responder row, by domain and local part.
+std::vector<Address> ResponderAddresses(pnl_db::Cache& db);
+int64_t MailboxCount(pnl_db::Cache& db, int64_t domain_id);
+
+struct UserListRow {
+  int64_t id;
+  std::string name;
+};
+std::vector<UserListRow> Users(pnl_db::Cache& db);  // by name
+// The names of the web and mail domains a user owns, by name.
+std::vector<std::string> WebDomainsOfUser(pnl_db::Cache& db, int64_t user_id);
+std::vector<std::string> MailDomainsOfUser(pnl_db::Cache& db, int64_t user_id);
+
+struct WebDomainListRow {
+  std::string name;
+  int64_t owner_id;
+  bool has_mail;  // a mail domain of the same name exists
+};
+std::vector<WebDomainListRow> WebDomains(pnl_db::Cache& db);  // by name
+
+// Whether the domain has a mailbox of that local part.
+bool MailboxExists(pnl_db::Cache& db, int64_t domain_id, const std::string& local);
+// The local part of the mailbox that has `local` as an alias in the domain
+// (the first one added, leaving out the mailbox `except`), or "".
+std::string AliasOwner(pnl_db::Cache& db, int64_t domain_id, const std::string& local,
+                       int64_t except = 0);
+
+// A mailbox's alias and forward rows.
+void AddAliasRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& local);
+void DeleteAliasRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& local);
+void AddForwardRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& target);
+void DeleteForwardRow(pnl_db::Cache& db, int64_t mailbox_id, const std::string& target);
+
+// Sender lists: table is "email_whitelist" or "email_blacklist".
+struct SenderListRow {
+  std::string sender;
+  bool hand_written;
+};
+std::vector<SenderListRow> SenderListRows(pnl_db::Cache& db, const std::string& table);  // by id
+bool SenderListed(pnl_db::Cache& db, const std::string& table, const std::string& sender);
+void AddSenderRow(pnl_db::Cache& db, const std::string& table, const std::string& sender);
+void DeleteSenderRow(pnl_db::Cache& db, const std::string& table, const std::string& sender);
+
+// The values the row checks look at before a row reaches a file.
+struct MailDomainValues {
+  std::string name, action, redirect;
+};
+std::optional<MailDomainValues> MailDomainValuesById(pnl_db::Cache& db, int64_t domain_id);
+std::optional<MailDomainValues> MailDomainValuesOfMailbox(pnl_db::Cache& db, int64_t mailbox_id);
+// The mailboxes, and the alias and forward rows with their mailbox, of one
+// mailbox or of every mailbox of one domain.
+struct MailboxScope {
+  enum Kind { kMailbox, kDomain } kind;
+  int64_t id;
+};
+struct MailboxValue {
+  std::string value;    // the alias's local part or the forward's target
+  Address mailbox;
+};
+std::vector<Address> MailboxesIn(pnl_db::Cache& db, MailboxScope scope);
+std::vector<MailboxValue> AliasesIn(pnl_db::Cache& db, MailboxScope scope);
+std::vector<MailboxValue> ForwardsIn(pnl_db::Cache& db, MailboxScope scope);
+
+// Every row of the mail tables as one line of text each, sorted, table by
+// table: what `mail sync` compares before and after its passes.
+struct TableText {
+  const char* table;
+  const char* label;
+  std::vector<std::string> lines;
+};
+std::vector<TableText> MailTablesAsText(pnl_db::Cache& db);
+
+// Undo steps that put back a row's earlier values.
+void RestoreDomainAction(pnl_db::Cache& db, int64_t domain_id, const std::string& action,
+                         const std::string& redirect);
+void RestoreResponder(pnl_db::Cache& db, int64_t responder_id, bool enabled,
+                      const std::string& subject, const std::string& text);
 
 // Descriptions for --json (and the source of the text forms):
 //   mail domain: name, unicode, owner (null when none), enabled,

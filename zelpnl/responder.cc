@@ -91,11 +91,7 @@ void Switch(Host& host, const Output& out, const Address& address, const Respond
                        DeleteRowById(host.Db(), "email_responder", id);
                        return;
                      }
-                     host.Db().Query(
-                         "UPDATE email_responder SET enabled = ?, subject = ?, text = ? "
-                         "WHERE id = ?",
-                         {old_enabled ? 1 : 0, old_subject, old_text,
-                          static_cast<long long>(id)});
+                     RestoreResponder(host.Db(), id, old_enabled, old_subject, old_text);
                    });
   if (!out.json()) return;
   row = FindResponder(db, mailbox->id.Value());

@@ -46,11 +46,9 @@ std::string KindOf(const std::string& sender) {
 
 nlohmann::ordered_json Entries(pnl_db::Cache& db, const List& list) {
   nlohmann::ordered_json entries = nlohmann::ordered_json::array();
-  for (pnl_db::Query q = db.Query(std::string("SELECT sender, hand_written FROM ") + list.table +
-                                  " ORDER BY id");
-       !q.Eof(); q.Next())
+  for (const SenderListRow& row : SenderListRows(db, list.table))
     entries.push_back(
-        {{"sender", q.Str(0)}, {"kind", KindOf(q.Str(0))}, {"hand_written", q.Int(1) != 0}});
+        {{"sender", row.sender}, {"kind", KindOf(row.sender)}, {"hand_written", row.hand_written}});
   return entries;
 }
 
@@ -76,15 +74,14 @@ void ChangeAndCache(Host& host, const List& list, const std::string& sender, boo
   if (!host.InBatch()) return Cache(host, list);
   pnl_db::Cache& db = host.Db();
   if (add)
-    db.Query(std::string("INSERT INTO ") + list.table + "(sender) VALUES(?)", {sender});
+    AddSenderRow(db, list.table, sender);
   else
-    db.Query(std::string("DELETE FROM ") + list.table + " WHERE sender = ?", {sender});
+    DeleteSenderRow(db, list.table, sender);
   host.AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
 }
 
 bool OnList(pnl_db::Cache& db, const List& list, const std::string& sender) {
-  return !db.Query(std::string("SELECT 1 FROM ") + list.table + " WHERE sender = ?", {sender})
-              .Eof();
+  return SenderListed(db, list.table, sender);
 }
 
 // The panel's entry of sender in the access map (nullopt when there is

@@ -2,7 +2,6 @@
 // tells what changed.
 #include <algorithm>
 #include <iostream>
-#include <map>
 
 #include "commands.h"
 #include "email/mta_interface.h"
@@ -34,59 +33,6 @@ constexpr char kSyncHelp[] =
     "Prints, per table, the rows before and after and what was added and removed. A progress "
     "bar goes to standard error when it is a terminal.";
 
-// One table's rows, each as one line of text, sorted.
-struct Snapshot {
-  std::map<std::string, std::vector<std::string>> tables;
-};
-
-struct TableQuery {
-  const char* name;
-  const char* label;
-  const char* sql;
-};
-
-const TableQuery kTables[] = {
-    {"email_domain", "mail domains",
-     "SELECT name || CASE WHEN enabled THEN ' active ' ELSE ' suspended ' END || def_action || "
-     "CASE WHEN redirect != '' THEN ' ' || redirect ELSE '' END FROM email_domain"},
-    {"email", "mailboxes",
-     "SELECT e.name || '@' || d.name || CASE WHEN e.enabled THEN ' active' ELSE ' suspended' END "
-     "|| CASE WHEN e.forward_only THEN ' forward-only' ELSE '' END "
-     "FROM email e JOIN email_domain d ON d.id = e.domain"},
-    {"email_alias", "aliases",
-     "SELECT a.name || '@' || d.name || ' -> ' || e.name || '@' || d.name FROM email_alias a "
-     "JOIN email e ON e.id = a.email JOIN email_domain d ON d.id = e.domain"},
-    {"email_forward", "forwards",
-     "SELECT e.name || '@' || d.name || ' -> ' || f.name FROM email_forward f "
-     "JOIN email e ON e.id = f.email JOIN email_domain d ON d.id = e.domain"},
-    {"email_responder", "responders",
-     "SELECT e.name || '@' || d.name || CASE WHEN r.enabled THEN ' on' ELSE ' off' END "
-     "FROM email_responder r JOIN email e ON e.id = r.email JOIN email_domain d ON d.id = "
-     "e.domain"},
-    {"email_whitelist", "whitelist", "SELECT sender FROM email_whitelist"},
-    {"email_blacklist", "blacklist", "SELECT sender FROM email_blacklist"},
-};
-
-// The mailbox (other than `self`) whose alias the local part is, or "".
-std::string AliasOwner(pnl_db::Cache& db, int64_t domain_id, const std::string& local,
-                       int64_t self) {
-  pnl_db::Query q = db.Query(
-      "SELECT e.name FROM email_alias a JOIN email e ON e.id = a.email "
-      "WHERE e.domain = ? AND a.name = ? AND e.id != ?",
-      {static_cast<long long>(domain_id), local, static_cast<long long>(self)});
-  return q.Eof() ? "" : q.Str();
-}
-
-Snapshot Take(pnl_db::Cache& db) {
-  Snapshot s;
-  for (const TableQuery& t : kTables) {
-    std::vector<std::string>& rows = s.tables[t.name];
-    for (pnl_db::Query q = db.Query(t.sql); !q.Eof(); q.Next()) rows.push_back(q.Str());
-    std::sort(rows.begin(), rows.end());
-  }
-  return s;
-}
-
 std::vector<std::string> Minus(const std::vector<std::string>& a,
                                const std::vector<std::string>& b) {
   std::vector<std::string> out;
@@ -97,7 +43,7 @@ std::vector<std::string> Minus(const std::vector<std::string>& a,
 void Sync(Host& host, const Output& out) {
   pnl_db::Cache& db = host.Db();
   email::MtaInterface& mta = host.Mta();
-  const Snapshot before = Take(db);
+  const std::vector<TableText> before = MailTablesAsText(db);
   std::vector<std::pair<std::string, std::string>> failures;  // object, cause
 
   // The passes add local-host-names lines and access entries of domains:
@@ -107,18 +53,8 @@ void Sync(Host& host, const Output& out) {
     mta.CacheEmails();
   });
 
-  std::vector<Address> mailboxes;
-  for (pnl_db::Query q = db.Query(
-           "SELECT e.name, d.name FROM email e JOIN email_domain d ON d.id = e.domain "
-           "ORDER BY d.name, e.name");
-       !q.Eof(); q.Next())
-    mailboxes.push_back({q.Str(0), q.Str(1)});
-  std::vector<Address> responders;
-  for (pnl_db::Query q = db.Query(
-           "SELECT e.name, d.name FROM email_responder r JOIN email e ON e.id = r.email "
-           "JOIN email_domain d ON d.id = e.domain ORDER BY d.name, e.name");
-       !q.Eof(); q.Next())
-    responders.push_back({q.Str(0), q.Str(1)});
+  const std::vector<Address> mailboxes = MailboxAddresses(db);
+  const std::vector<Address> responders = ResponderAddresses(db);
 
   // Drawn once the mailboxes and responders are counted: the first two steps
   // are then done.
@@ -177,17 +113,18 @@ void Sync(Host& host, const Output& out) {
     failures.emplace_back("responder settings", e.what());
   }
 
-  const Snapshot after = Take(db);
+  const std::vector<TableText> after = MailTablesAsText(db);
   nlohmann::ordered_json tables = nlohmann::ordered_json::object();
   std::vector<std::vector<std::string>> rows;
   std::string changes;
-  for (const TableQuery& t : kTables) {
-    const auto& b = before.tables.at(t.name);
-    const auto& a = after.tables.at(t.name);
+  for (size_t i = 0; i < after.size(); ++i) {
+    const TableText& t = after[i];
+    const std::vector<std::string>& b = before[i].lines;
+    const std::vector<std::string>& a = t.lines;
     const auto added = Minus(a, b);
     const auto removed = Minus(b, a);
-    tables[t.name] = {{"label", t.label},      {"before", b.size()},  {"after", a.size()},
-                      {"added", added},        {"removed", removed}};
+    tables[t.table] = {{"label", t.label},      {"before", b.size()},  {"after", a.size()},
+                       {"added", added},        {"removed", removed}};
     rows.push_back({t.label, std::to_string(b.size()), std::to_string(a.size()),
                     std::to_string(added.size()), std::to_string(removed.size())});
     for (const auto& item : removed) changes += std::string("  - ") + t.label + ": " + item + "\n";

@@ -9,21 +9,6 @@ namespace zelpnl {
 
 namespace {
 
-std::vector<std::string> Column(pnl_db::Cache& db, const std::string& sql, int64_t id) {
-  std::vector<std::string> out;
-  for (pnl_db::Query q = db.Query(sql, {static_cast<long long>(id)}); !q.Eof(); q.Next())
-    out.push_back(q.Str());
-  return out;
-}
-
-std::vector<std::string> WebDomainsOf(pnl_db::Cache& db, int64_t user) {
-  return Column(db, "SELECT name FROM domain WHERE users = ? ORDER BY name", user);
-}
-
-std::vector<std::string> MailDomainsOf(pnl_db::Cache& db, int64_t user) {
-  return Column(db, "SELECT name FROM email_domain WHERE users = ? ORDER BY name", user);
-}
-
 void Add(Host& host, const Output& out, const std::string& name) {
   pnl_db::Cache& db = host.Db();
   if (FindUser(db, name)) throw pnl_err::Error("exists", "user " + Quote(name), "already exists");
@@ -38,11 +23,11 @@ void List(Host& host, const Output& out) {
   pnl_db::Cache& db = host.Db();
   nlohmann::ordered_json users = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
-  for (pnl_db::Query q = db.Query("SELECT id, name FROM users ORDER BY name"); !q.Eof(); q.Next()) {
-    const auto web = WebDomainsOf(db, q.Int(0));
-    const auto mail = MailDomainsOf(db, q.Int(0));
-    users.push_back({{"name", q.Str(1)}, {"web_domains", web}, {"mail_domains", mail}});
-    rows.push_back({q.Str(1), std::to_string(web.size()), std::to_string(mail.size())});
+  for (const UserListRow& user : Users(db)) {
+    const auto web = WebDomainsOfUser(db, user.id);
+    const auto mail = MailDomainsOfUser(db, user.id);
+    users.push_back({{"name", user.name}, {"web_domains", web}, {"mail_domains", mail}});
+    rows.push_back({user.name, std::to_string(web.size()), std::to_string(mail.size())});
   }
   out.Print({{"users", users}}, Table({"USER", "WEB DOMAINS", "MAIL DOMAINS"}, rows));
 }
@@ -50,8 +35,8 @@ void List(Host& host, const Output& out) {
 void Delete(Host& host, const Output& out, const std::string& name) {
   pnl_db::Cache& db = host.Db();
   UserRow row = RequireUser(db, name);
-  const auto web = WebDomainsOf(db, row->id.Value());
-  const auto mail = MailDomainsOf(db, row->id.Value());
+  const auto web = WebDomainsOfUser(db, row->id.Value());
+  const auto mail = MailDomainsOfUser(db, row->id.Value());
   if (!web.empty() || !mail.empty()) {
     std::string owned;
     if (!web.empty()) owned += "web domains " + JoinOrDash(web);

@@ -36,14 +36,11 @@ void List(Host& host, const Output& out) {
   pnl_db::Cache& db = host.Db();
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
-  for (pnl_db::Query q = db.Query(
-           "SELECT d.name, d.users, EXISTS(SELECT 1 FROM email_domain m WHERE m.name = d.name "
-           "COLLATE NOCASE) FROM domain d ORDER BY d.name");
-       !q.Eof(); q.Next()) {
-    nlohmann::ordered_json item = WebDomainJson(db, q.Str(0), q.Int(1), q.Int(2) != 0);
+  for (const WebDomainListRow& domain : WebDomains(db)) {
+    nlohmann::ordered_json item = WebDomainJson(db, domain.name, domain.owner_id, domain.has_mail);
     list.push_back(item);
     rows.push_back({item["unicode"], item["owner"].is_null() ? "-" : item["owner"].get<std::string>(),
-                    YesNo(q.Int(2) != 0)});
+                    YesNo(domain.has_mail)});
   }
   out.Print({{"webdomains", list}}, Table({"DOMAIN", "OWNER", "MAIL"}, rows));
 }
