@@ -12,5 +12,21 @@ void MtaInterface::GetDNSBLs(std::vector<std::string>&) {}
 std::string MtaInterface::ServerNameReason(const std::string&) { return ""; }
 bool MtaInterface::PostHeldRemovals() { return false; }
 void MtaInterface::DropHeldRemovals() noexcept {}
+void MtaInterface::BeginSaves() {}
+bool MtaInterface::LocalNamesChanged() const { return false; }
+void MtaInterface::RestartLater() {}
+void MtaInterface::RestartNow() {}
+void MtaInterface::RebuildStaleMaps() noexcept {}
+MtaInterface::MailboxLeftover MtaInterface::FindMailboxLeftover(const std::string&,
+                                                                const std::string&) {
+  return {};
+}
+bool MtaInterface::HasDomainLeftover(const std::string&) { return false; }
+std::optional<AccessEntry> MtaInterface::FindAccessEntry(const std::vector<std::string>&) {
+  return std::nullopt;
+}
+std::optional<AccessEntry> MtaInterface::FindSenderEntry(const std::string&) {
+  return std::nullopt;
+}
 
 }  // namespace email

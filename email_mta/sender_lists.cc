@@ -95,7 +95,7 @@ std::vector<std::string> SendmailLikeInterface::ListKeys(const std::string& entr
 void SendmailLikeInterface::AddToList(const std::string& sender, const std::string& action) {
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
   const std::vector<std::string> keys = ListKeys(sender);
-  const std::optional<AccessEntry> entry = FindAccessEntry(access, keys);
+  const std::optional<AccessEntry> entry = email::FindAccessEntry(access, keys);
   if (entry && !entry->panel) RefuseForeign(sender, *entry);
   if (!entry) {
     access->New();
@@ -113,7 +113,7 @@ void SendmailLikeInterface::AddToList(const std::string& sender, const std::stri
 
 void SendmailLikeInterface::DeleteFromList(const std::string& sender) {
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  const std::optional<AccessEntry> entry = FindAccessEntry(access, ListKeys(sender));
+  const std::optional<AccessEntry> entry = email::FindAccessEntry(access, ListKeys(sender));
   if (!entry) return;
   if (!entry->panel) RefuseForeign(sender, *entry);
   access->_Delete(true);

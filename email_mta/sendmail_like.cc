@@ -13,7 +13,8 @@ namespace email {
 SendmailLikeInterface::SendmailLikeInterface(const std::string& mta,
                                              const std::string& nouser_target,
                                              const std::string& disabled_target)
-    : virtusertable_path_(pnl_cf::GetPath(mta + "-virtusertable")),
+    : restart_key_(mta + "-restart"),
+      virtusertable_path_(pnl_cf::GetPath(mta + "-virtusertable")),
       localhostnames_path_(pnl_cf::GetPath(mta + "-localhostnames")),
       accessdb_path_(pnl_cf::GetPath(mta + "-accessdb")),
       aliases_path_(pnl_cf::GetPath(mta + "-aliases")),
@@ -36,7 +37,7 @@ void SendmailLikeInterface::WriteSuspension(const std::string& key) {
 
 void SendmailLikeInterface::RemoveSuspension(const std::string& key, bool second_look) {
   Cursor<SourceTarget> access = AccessDb::Get<SourceTarget>(accessdb_path(), true);
-  const std::optional<AccessEntry> entry = FindAccessEntry(access, {key});
+  const std::optional<AccessEntry> entry = email::FindAccessEntry(access, {key});
   if (!entry || !entry->panel || entry->value != kDisabledAccess) return;
   if (second_look)
     access->Delete();

@@ -4,25 +4,16 @@
 // "spam.example REJECT"): the command is refused instead, naming the line.
 // Which entries are the panel's is told by email/access_entries.h.
 //
-// They read the access map of the back-end (a sendmail-family back-end;
-// with another kind of back-end there is no access map and nothing is
-// refused) and the panel database, and write nothing. Used from the
-// request's thread; a batch's earlier lines are seen.
+// They ask the back-end for its access map's entries (a back-end without
+// an access map has none, and nothing is refused), and write nothing. Used
+// from the request's thread; a batch's earlier lines are seen.
 #pragma once
 
-#include <optional>
 #include <string>
-
-#include "email/access_entries.h"
 
 namespace zelpnl {
 
 class Host;
-
-// The access-map line that holds the sender-list entry sender (canonical,
-// see Sender): under its key, letter case aside, or a spelling an earlier
-// version wrote. nullopt when there is none.
-std::optional<email::AccessEntry> FindSenderEntry(Host& host, const std::string& sender);
 
 // Throws pnl_err::Error("conflict", object, the access map holds "KEY
 // VALUE", which the panel did not write) when the access map holds a line

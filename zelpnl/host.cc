@@ -8,7 +8,6 @@
 
 #include "email/fail.h"
 #include "email/mta_interface.h"
-#include "email/tables.h"
 #include "validation.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
@@ -19,7 +18,6 @@
 #include "zelapi/mail/responder_settings.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/mta_registry.h"
-#include "zelapi/proc.h"
 #include "zelapi/warn.h"
 
 namespace fs = std::filesystem;
@@ -221,12 +219,9 @@ email::MtaInterface& Host::Mta() const {
 }
 
 void Host::BeginDeferred() {
-  // Without the mail back-end (a batch of users and web domains) the key may
-  // have no value: no file to watch then.
-  host_names_ = pnl_cf::HasPath("sendmail-localhostnames")
-                    ? pnl_cf::GetPath("sendmail-localhostnames")
-                    : std::string();
-  host_names_before_ = host_names_.empty() ? pnl_file::FileId() : pnl_file::StatFile(host_names_);
+  // Without the mail back-end (a batch of users and web domains) there are
+  // no mail files to watch.
+  if (mta_) mta_->BeginSaves();
   Engine().BeginDeferred();
   deferring_ = true;
 }
@@ -256,11 +251,11 @@ void Host::SaveDeferred() {
       pnl_warn::Add(std::string("removing what deleted objects left in the files: ") + e.what());
     }
   }
-  // A domain that local-host-names no longer lists keeps its catch-all line
-  // until sendmail has read local-host-names again: restart it now, before
+  // A domain the local names no longer list keeps its catch-all line until
+  // the MTA has read its local names again: restart it now, before
   // the catch-all goes, instead of after the request.
   if (held && NamesChanged()) {
-    RestartNow();
+    mta_->RestartNow();
   } else {
     QueueRestartIfNamesChanged();
   }
@@ -274,33 +269,17 @@ void Host::SaveDeferred() {
   }
 }
 
-bool Host::NamesChanged() const {
-  if (host_names_.empty()) return false;
-  return !pnl_file::StatFile(host_names_).SameContent(host_names_before_);
-}
+bool Host::NamesChanged() const { return mta_ && mta_->LocalNamesChanged(); }
 
 void Host::QueueRestartIfNamesChanged() {
-  // local-host-names asks for its restart only after a direct save; after
-  // a deferred one the host queues it.
+  // The local names' file asks for its restart only after a direct save;
+  // after a deferred one the host queues it.
   try {
-    if (NamesChanged()) zel_api::ExecuteLater(pnl_cf::GetPath("sendmail-restart"));
+    if (NamesChanged()) mta_->RestartLater();
   } catch (const std::exception& e) {
     if (log_ready) HostLog().Error(std::string("queueing the restart: ") + e.what());
   }
 }
-
-void Host::RestartNow() {
-  try {
-    const std::string command = pnl_cf::GetPath("sendmail-restart");
-    pnl_proc::Execute run(command, 2);
-    if (run.Result() != 0)
-      pnl_warn::Add("the restart \"" + command + "\" failed with status " + std::to_string(run.Result()) +
-           ": " + run.Str());
-  } catch (const std::exception& e) {
-    pnl_warn::Add(std::string("the restart could not run: ") + e.what());
-  }
-}
-
 
 void Host::ChangeFiles(const std::function<void()>& change, const std::function<void()>& undo) {
   if (deferring_) {
@@ -339,47 +318,8 @@ void Host::ChangeFiles(const std::function<void()>& change, const std::function<
   kept_.clear();
 }
 
-namespace {
-
-// The rebuild of table T's file at the path under key, when its map is
-// older than the text.
-template <class T>
-void RebuildIfStale(const std::string& key) {
-  if (!pnl_cf::HasPath(key)) return;
-  const std::string path = pnl_cf::GetPath(key);
-  // What is not a plain file is the command's to report when it reads it.
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(path, ec)) return;
-  const pnl_file::FileId text = pnl_file::StatFile(path);
-  const pnl_file::FileId map = pnl_file::StatFile(path + ".db");
-  if (!text.exists || !map.exists || map.mtime_ns >= text.mtime_ns) return;
-  HostLog().Info(path + ".db is older than " + path + ": rebuilding it");
-  pnl_file::safe::Folder folder;
-  ConfRef ref = Engine().Config(T::Table().Name(), folder, path, true);
-  // A deferred save's reason: the map is rebuilt, no restart is queued.
-  ConfCache::SaveReason reason = ConfCache::kSaveDeferred;
-  T::Table().AfterSave(ref, reason);
-}
-
-}  // namespace
-
 void Host::RebuildStaleMaps() noexcept {
-  if (!mta_) return;
-  const auto attempt = [](const char* what, void (*rebuild)(const std::string&),
-                          const std::string& key) {
-    try {
-      rebuild(key);
-    } catch (const std::exception& e) {
-      std::string message =
-          std::string("the ") + what + " map is older than its file and could not be rebuilt: " +
-          e.what();
-      while (!message.empty() && message.back() == '\n') message.pop_back();
-      pnl_warn::Add(message);
-    }
-  };
-  attempt("virtual user table", &RebuildIfStale<email::VirtualUserTable>, "sendmail-virtusertable");
-  attempt("access", &RebuildIfStale<email::AccessDb>, "sendmail-accessdb");
-  attempt("aliases", &RebuildIfStale<email::AliasTable>, "sendmail-aliases");
+  if (mta_) mta_->RebuildStaleMaps();
 }
 
 void Host::BeginBatch() {

@@ -10,10 +10,10 @@
 // reported as a warning). Exit statuses: 0 success, 1 an operation failed,
 // 2 bad usage (the command line, or a value the validation refused).
 //
-// File changes: a command makes its back-end calls that write sendmail's
+// File changes: a command makes its back-end calls that write the mail
 // files through ChangeFiles, with the engine deferring saves, so that each
 // file the command changed is saved once and its map rebuilt once (one
-// makemap or newaliases per file, however many records the calls posted).
+// map rebuild per file, however many records the calls posted).
 // A batch (BeginBatch .. EndBatch) stretches that over all its lines: the
 // files are saved once, at its end.
 //
@@ -29,7 +29,6 @@
 #include <vector>
 
 #include "output.h"
-#include "zelapi/file.h"
 
 namespace pnl_db {
 class Cache;
@@ -120,7 +119,7 @@ class Host {
   pnl_db::Cache& Db() const;
   email::MtaInterface& Mta() const;
 
-  // Runs change, back-end calls that write sendmail's files, and sees the
+  // Runs change, back-end calls that write the mail files, and sees the
   // files take it. undo (may be empty) sets the database back the way the
   // command's rule says when the files did not take it (a new row deleted
   // again, an earlier state restored); it must capture keys, not cursors.
@@ -153,26 +152,22 @@ class Host {
   // step runs now. Errors of a step at the batch's end are logged.
   void AtBatchEnd(const std::string& key, std::function<void()> step);
 
-  // Rebuilds each map of the back-end (virtual user table, access map,
-  // aliases) whose FILE.db is older than its FILE: a request that saved the
-  // text was ended before its rebuild (killed, or the rebuild failed), or
-  // the file was edited by hand. Run at the start of each mail request, so a
-  // command run again completes what the first run began. A map that does
-  // not exist is left to the set-up; a rebuild that fails is logged and
-  // told as a warning, and the command goes on. Never throws.
+  // Has the back-end rebuild each map older than its file (a request that
+  // saved the text was ended before its rebuild, or the file was edited by
+  // hand). Run at the start of each mail request, so a command run again
+  // completes what the first run began; a failed rebuild is a warning and
+  // the command goes on. Never throws.
   void RebuildStaleMaps() noexcept;
 
  private:
   // Saves the files changed since the engine began deferring (it stops
-  // deferring in every case) and queues the restart a changed
-  // local-host-names needs. Throws the first error of the saves.
+  // deferring in every case) and queues the restart the MTA's changed local
+  // names need. Throws the first error of the saves.
   void SaveDeferred();
   void BeginDeferred();
-  // Whether local-host-names changed since BeginDeferred.
+  // Whether the MTA's local names changed since BeginDeferred.
   bool NamesChanged() const;
   void QueueRestartIfNamesChanged();
-  // Runs the restart command now; a failure is told as a warning.
-  void RestartNow();
 
   GlobalOptions options_;
   std::string config_file_;
@@ -190,8 +185,6 @@ class Host {
   int batch_line_ = 0;
   std::vector<Kept> kept_;       // undos of the batch's lines, in order
   std::vector<std::pair<std::string, std::function<void()>>> at_end_;  // AtBatchEnd steps
-  std::string host_names_;       // local-host-names, watched while deferring
-  pnl_file::FileId host_names_before_;
 };
 
 // Runs the command as one request (see above) and returns the exit status;

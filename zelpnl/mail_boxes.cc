@@ -15,7 +15,6 @@
 #include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
-#include "leftovers.h"
 #include "records.h"
 #include "row_checks.h"
 #include "validation.h"
@@ -147,7 +146,8 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
     throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
                          "is an alias of " + owner + "@" + address.domain);
   for (const std::string& alias : changes.add_aliases) CheckAliasFree(db, domain, alias);
-  const MailboxLeftover leftover = FindMailboxLeftover(address.local, address.domain);
+  const email::MtaInterface::MailboxLeftover leftover =
+      host.Mta().FindMailboxLeftover(address.local, address.domain);
   if (!leftover.foreign.empty())
     throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
                          "the virtual user table has a line for it already, pointing to " +

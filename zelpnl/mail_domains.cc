@@ -9,7 +9,6 @@
 #include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
-#include "leftovers.h"
 #include "records.h"
 #include "row_checks.h"
 #include "validation.h"
@@ -71,7 +70,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   // A catch-all line for a domain the panel does not know: left by an add
   // that ended before its row was kept, or made by hand. The domain's lines
   // are replaced, so the key is written once.
-  const bool leftover = HasDomainLine(name);
+  const bool leftover = host.Mta().HasDomainLeftover(name);
   if (leftover)
     MailLog().Info("mail domain " + name + ": replacing its lines in the files");
   host.ChangeFiles(

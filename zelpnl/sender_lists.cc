@@ -6,6 +6,7 @@
 // listed but never changed.
 #include "access_entries.h"
 #include "commands.h"
+#include "email/access_entries.h"
 #include "email/mta_interface.h"
 #include "records.h"
 #include "validation.h"
@@ -91,7 +92,7 @@ bool OnList(pnl_db::Cache& db, const List& list, const std::string& sender) {
 // a refusal leaves them right.
 std::optional<email::AccessEntry> PanelEntry(Host& host, const List& list,
                                              const std::string& sender) {
-  std::optional<email::AccessEntry> entry = FindSenderEntry(host, sender);
+  std::optional<email::AccessEntry> entry = host.Mta().FindSenderEntry(sender);
   if (entry && !entry->panel)
     throw pnl_err::Error("conflict", "sender " + Quote(sender), email::NotThePanels(*entry));
   const bool listed = entry && entry->value == list.action;

@@ -27,19 +27,10 @@
 #include <string>
 #include <vector>
 
+#include "email/access_entry.h"
 #include "email/records.h"
 
 namespace email {
-
-// One line of the access map, as the file holds it.
-struct AccessEntry {
-  std::string key;
-  std::string value;
-  bool panel = false;  // the panel wrote this key with this very value
-
-  // "KEY VALUE", for messages.
-  std::string Text() const { return key + " " + value; }
-};
 
 // Records that the panel writes key -> value into the access map at path.
 // Call it right before the post that writes the entry (a record whose post

@@ -13,8 +13,11 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "email/access_entry.h"
 
 namespace zel_db {
 class EmailTable;
@@ -94,6 +97,38 @@ class MtaInterface {
   // nothing is ever held.
   virtual bool PostHeldRemovals();
   virtual void DropHeldRemovals() noexcept;
+
+  // What a request needs of the MTA around its file changes. The host
+  // defers the saves of a request (or a batch): BeginSaves comes before its
+  // first change; after the saves, LocalNamesChanged tells whether the
+  // MTA's own local names changed, which a running MTA reads only when it
+  // starts: RestartLater queues its restart for after the request,
+  // RestartNow runs it at once (a failure is a warning, pnl_warn).
+  // RebuildStaleMaps, at the start of each mail request, rebuilds the maps
+  // older than their files (a request that ended between a save and its
+  // rebuild, or a hand edit); a failure is a warning and the request goes
+  // on. Defaults: nothing to watch, restart or rebuild.
+  virtual void BeginSaves();
+  virtual bool LocalNamesChanged() const;
+  virtual void RestartLater();
+  virtual void RestartNow();
+  virtual void RebuildStaleMaps() noexcept;
+
+  // What the files hold of mailbox L@D before it is added: lines an earlier
+  // add left when its request ended before the database took the row.
+  struct MailboxLeftover {
+    bool found = false;   // an earlier add's lines are there: replace them
+    std::string foreign;  // else: the target of a line the panel did not write
+  };
+  virtual MailboxLeftover FindMailboxLeftover(const std::string& local,
+                                              const std::string& domain);
+  // Whether the files hold the domain's catch-all already (an earlier add's).
+  virtual bool HasDomainLeftover(const std::string& domain);
+  // The access map's entry under the first of keys it holds (letter case
+  // aside), or under any key a sender-list entry may stand under; nullopt
+  // when there is none. Defaults: the MTA keeps no access map (nullopt).
+  virtual std::optional<AccessEntry> FindAccessEntry(const std::vector<std::string>& keys);
+  virtual std::optional<AccessEntry> FindSenderEntry(const std::string& sender);
 };
 
 }  // namespace email

@@ -28,6 +28,7 @@
 
 #include "email/mta_interface.h"
 #include "email/records.h"
+#include "zelapi/file.h"
 
 namespace email {
 
@@ -58,6 +59,23 @@ class SendmailLikeInterface : public MtaInterface {
   void UpdateDomain(DomainPtr domain) override;
   bool PostHeldRemovals() override;
   void DropHeldRemovals() noexcept override;
+
+  // Around a request's saves: local-host-names is the local names' file,
+  // "<mta>-restart" the restart command (read when it runs); the maps are
+  // the virtual user table's, the access map's and the aliases'.
+  void BeginSaves() override;
+  bool LocalNamesChanged() const override;
+  void RestartLater() override;
+  void RestartNow() override;
+  void RebuildStaleMaps() noexcept override;
+  // The virtual-user-table line L@D and the aliases entry L+D: a line
+  // pointing to L+D, or the entry without such a line, is an earlier add's.
+  MailboxLeftover FindMailboxLeftover(const std::string& local,
+                                      const std::string& domain) override;
+  bool HasDomainLeftover(const std::string& domain) override;
+  std::optional<AccessEntry> FindAccessEntry(const std::vector<std::string>& keys) override;
+  // Under ListKeys(sender).
+  std::optional<AccessEntry> FindSenderEntry(const std::string& sender) override;
 
   // Autoresponder.
   void GetResponder(ResponderPtr responder) override;
@@ -134,12 +152,14 @@ class SendmailLikeInterface : public MtaInterface {
   void RemoveSuspension(const std::string& key, bool second_look);
 
  private:
+  const std::string restart_key_;  // "<mta>-restart"
   const std::string virtusertable_path_;
   const std::string localhostnames_path_;
   const std::string accessdb_path_;
   const std::string aliases_path_;
   const std::string nouser_target_;
   const std::string disabled_target_;
+  pnl_file::FileId local_names_before_;  // local-host-names at BeginSaves
 
   void RemoveNow(Held what, const std::string& key);
   // The lines and entries of the domain's mailboxes: out of service, every
