@@ -395,7 +395,8 @@ void ApplyChanges(pnl_db::Cache& db) {
     pnl_db::Query now =
         db.Query("SELECT name FROM email_domain WHERE id = ?", {static_cast<long long>(id)});
     const bool same = !now.Eof() && LowerText(now.Str(0)) == LowerText(old_name);
-    if (!same) errors.Run([&] { RemoveDomainFolder(folder, LowerText(old_name)); });
+    const std::string gone = LowerText(old_name);  // clang 14 captures no structured binding
+    if (!same) errors.Run([&] { RemoveDomainFolder(folder, gone); });
     db.Query(
         "INSERT OR IGNORE INTO temp.responder_settings_mailbox SELECT id FROM email "
         "WHERE domain = ?",
@@ -612,9 +613,9 @@ ResponderSettingsCount SyncResponderSettings(pnl_db::Cache& db) {
     const pnl_file::safe::Flush flush = wanted.size() >= kBulkFiles
                                             ? pnl_file::safe::Flush::kLater
                                             : pnl_file::safe::Flush::kNow;
-    for (auto& [path, settings] : wanted)
+    for (const auto& entry : wanted)
       errors.Run([&] {
-        if (WriteSettings(folder, settings, gid, flush)) {
+        if (WriteSettings(folder, entry.second, gid, flush)) {
           ++count.written;
         } else {
           ++count.kept;
