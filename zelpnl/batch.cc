@@ -5,7 +5,7 @@
 // line (bad usage, a value the checks refuse, a command that cannot be a
 // batch line), nothing runs, every such line is named and the exit status is
 // 2. Then the lines run in order, in one request (one database
-// transaction), with the engine deferring every save (Host::BeginBatch):
+// transaction), with the engine deferring every save (FileChange::BeginBatch):
 // each changed file is saved once and rebuilt once, at the end. A line that
 // fails is reported (its number, its text, the error) and the batch goes on,
 // or stops with --stop-on-error. A failed line does not undo the lines
@@ -13,7 +13,7 @@
 // (its new row deleted again, ...). When the files cannot be saved or
 // rebuilt at the end, the lines that changed them fail with that error and
 // are set back as their commands are when the back-end fails (the undo
-// steps Host::ChangeFiles kept).
+// steps FileChange::Change kept).
 #include <errno.h>
 
 #include <algorithm>
@@ -216,14 +216,14 @@ struct Result {
 // (or set back), never left unsaved under a committed transaction.
 class BatchGuard {
  public:
-  explicit BatchGuard(Host& host) : host_(host) { host_.BeginBatch(); }
+  explicit BatchGuard(Host& host) : host_(host) { host_.Files().BeginBatch(); }
   ~BatchGuard() { End(); }
   BatchGuard(const BatchGuard&) = delete;
   BatchGuard& operator=(const BatchGuard&) = delete;
   std::set<int> End() {
     if (!open_) return {};
     open_ = false;
-    return host_.EndBatch(&failure);
+    return host_.Files().EndBatch(&failure);
   }
   Failure failure{"", "", "", 0};  // status 0 unless the saves failed
 
@@ -286,7 +286,7 @@ void Run(Host& host, const Output& out, const Plan& plan) {
   for (size_t i = 0; i < plan.lines.size(); ++i) {
     const Line& line = plan.lines[i];
     Result& r = results[i];
-    host.BatchLine(line.number);
+    host.Files().BatchLine(line.number);
     bar.Step(line.text);
     const Output line_out(out.json(), &r.output);
     try {

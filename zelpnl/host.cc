@@ -6,12 +6,10 @@
 #include <filesystem>
 #include <iostream>
 
-#include "email/fail.h"
 #include "email/mta_interface.h"
 #include "validation.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
-#include "zelapi/conf/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
 #include "zelapi/log.h"
@@ -29,48 +27,24 @@ namespace {
 constexpr char kDefaultConfig[] = "/etc/zelpnl/zelpnl.conf";
 constexpr char kSystemModuleDir[] = "/usr/lib/zelpnl/modules";
 
-// Set once the log is configured: before that, the logger would write to
-// stderr, where the error is told already.
-bool log_ready = false;
-// The command line of this run, for the log.
-std::string command_line;
-
-const pnl_log::Module& HostLog() {
-  static const pnl_log::Module log("host", "zelpnl");
-  return log;
-}
-
 std::string TrimLineEnds(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   return text;
 }
 
-PnlConfCache& Engine() { return *BaseCachedConfig<PnlConfCache>::Instance(); }
-
-// Runs an undo; its failure is logged (the error that made it run is the one
-// told).
-void RunUndo(const std::function<void()>& undo) {
-  if (!undo) return;
-  try {
-    undo();
-  } catch (const std::exception& e) {
-    if (log_ready) HostLog().Error(std::string("setting the database back after a failure: ") + e.what());
-  }
-}
-
-int Report(bool json, const std::string& type, const std::string& object,
-           const std::string& detail, int status) {
-  PrintError(object, detail);
-  if (status == 1 && log_ready)
-    HostLog().Error("failed: " + command_line + ": " + (object.empty() ? "" : object + ": ") +
-                    TrimLineEnds(detail));
+int Report(bool json, const Failure& f, const RunLog* log) {
+  const std::string& object = f.object;
+  PrintError(object, f.detail);
+  if (f.status == 1 && log)
+    log->Error("failed: " + log->command_line() + ": " + (object.empty() ? "" : object + ": ") +
+               TrimLineEnds(f.detail));
   if (json) {
     nlohmann::ordered_json doc = {{"error",
-                           {{"type", type}, {"object", object}, {"detail", TrimLineEnds(detail)},
-                            {"status", status}}}};
+                           {{"type", f.type}, {"object", object}, {"detail", TrimLineEnds(f.detail)},
+                            {"status", f.status}}}};
     Output(true).Print(doc, "");
   }
-  return status;
+  return f.status;
 }
 
 // Tells the request's warnings (pnl_warn) when it goes out of scope, after
@@ -78,36 +52,42 @@ int Report(bool json, const std::string& type, const std::string& object,
 // error, and in the log.
 class WarningsAtEnd {
  public:
-  WarningsAtEnd() = default;
+  explicit WarningsAtEnd(const RunLog& log) : log_(log) {}
   WarningsAtEnd(const WarningsAtEnd&) = delete;
   WarningsAtEnd& operator=(const WarningsAtEnd&) = delete;
   ~WarningsAtEnd() {
     try {
       for (const std::string& warning : pnl_warn::Take()) {
         PrintWarning(warning);
-        if (log_ready) HostLog().Warning(command_line + ": " + warning);
+        log_.Warning(log_.command_line() + ": " + warning);
       }
     } catch (...) {
     }
   }
+
+ private:
+  const RunLog& log_;
 };
 
 // Logs the process's peak memory at debug level when it goes out of scope
 // (the commands it ran are not counted): "peak memory N KiB".
 class PeakMemoryNote {
  public:
-  PeakMemoryNote() = default;
+  explicit PeakMemoryNote(const RunLog& log) : log_(log) {}
   PeakMemoryNote(const PeakMemoryNote&) = delete;
   PeakMemoryNote& operator=(const PeakMemoryNote&) = delete;
   ~PeakMemoryNote() {
-    if (!log_ready) return;
+    if (!log_.ready()) return;
     struct rusage usage {};
     if (::getrusage(RUSAGE_SELF, &usage) != 0) return;
     try {
-      HostLog().Debug("peak memory " + std::to_string(usage.ru_maxrss) + " KiB");
+      log_.Debug("peak memory " + std::to_string(usage.ru_maxrss) + " KiB");
     } catch (...) {
     }
   }
+
+ private:
+  const RunLog& log_;
 };
 
 // Ends the request (commit) and runs the deferred commands; their failures
@@ -153,11 +133,11 @@ std::string DefaultModuleDir() {
   return kSystemModuleDir;
 }
 
-Host::Host(GlobalOptions options) : options_(std::move(options)) {}
+Host::Host(GlobalOptions options, RunLog& log) : options_(std::move(options)), log_(log) {}
 
 Host::~Host() {
   // Changes a failed run never saved are dropped, not written later.
-  if (deferring_) Engine().DiscardDeferred();
+  files_.reset();
   if (db_open_) zel_db::CloseCache();
   if (mta_) {
     // The host owns the back-end; it goes before the code it runs is unloaded.
@@ -182,11 +162,11 @@ void Host::Open(Needs needs) {
   const std::string level = pnl_cf::GetParam("log_level");
   pnl_log::Configure(pnl_cf::GetParam("log_file"),
                      pnl_log::ParseLevel(level.empty() ? "info" : level), pnl_log::Level::kOff);
-  log_ready = true;
+  log_.SetReady();
   // The configuration is root's alone (or a panel group's): a file open to
   // every user is closed to them.
   if (pnl_file::CloseToOthers(config_file_))
-    HostLog().Warning(config_file_ + " was open to every user; they no longer have access to it");
+    log_.Warning(config_file_ + " was open to every user; they no longer have access to it");
   if (needs == Needs::kConfig) return;
 
   const std::string database = pnl_cf::GetParam("database");
@@ -194,7 +174,10 @@ void Host::Open(Needs needs) {
     throw pnl_err::Error("conf", config_file_, "the parameter \"database\" is not set");
   zel_db::OpenCache(database);
   db_open_ = true;
-  if (needs == Needs::kDatabase) return;
+  if (needs == Needs::kDatabase) {
+    files_ = std::make_unique<FileChange>(nullptr, log_);
+    return;
+  }
 
   std::string module_dir = pnl_cf::GetParam("module_dir");
   if (module_dir.empty()) module_dir = DefaultModuleDir();
@@ -206,6 +189,7 @@ void Host::Open(Needs needs) {
     throw pnl_err::Error("module", "mail",
                          "no mail back-end registered; is MTA = sendmail set in " + config_file_ +
                              "?");
+  files_ = std::make_unique<FileChange>(mta_, log_);
 }
 
 pnl_db::Cache& Host::Db() const {
@@ -218,194 +202,35 @@ email::MtaInterface& Host::Mta() const {
   return *mta_;
 }
 
-void Host::BeginDeferred() {
-  // Without the mail back-end (a batch of users and web domains) there are
-  // no mail files to watch.
-  if (mta_) mta_->BeginSaves();
-  Engine().BeginDeferred();
-  deferring_ = true;
+FileChange& Host::Files() const {
+  if (!files_) throw pnl_err::Error("db", "database", "the database is not open");
+  return *files_;
 }
 
-void Host::SaveDeferred() {
-  deferring_ = false;
-  try {
-    Engine().FlushDeferred();
-  } catch (...) {
-    // A file that could not be written (or whose rebuild failed) and the
-    // files after it keep their changes only in memory: they are dropped,
-    // and read again at their next use. What waited on them goes too.
-    Engine().DiscardDeferred();
-    if (mta_) mta_->DropHeldRemovals();
-    QueueRestartIfNamesChanged();
-    throw;
-  }
-  // The removals that waited on this save: the lines that pointed at what
-  // they remove are gone from the maps now.
-  bool held = false;
-  if (mta_) {
-    Engine().BeginDeferred();
-    try {
-      held = mta_->PostHeldRemovals();
-    } catch (const std::exception& e) {
-      Engine().DiscardDeferred();
-      pnl_warn::Add(std::string("removing what deleted objects left in the files: ") + e.what());
-    }
-  }
-  // A domain the local names no longer list keeps its catch-all line until
-  // the MTA has read its local names again: restart it now, before
-  // the catch-all goes, instead of after the request.
-  if (held && NamesChanged()) {
-    mta_->RestartNow();
-  } else {
-    QueueRestartIfNamesChanged();
-  }
-  if (Engine().Deferred()) {
-    try {
-      Engine().FlushDeferred();
-    } catch (const std::exception& e) {
-      Engine().DiscardDeferred();
-      pnl_warn::Add(std::string("removing what deleted objects left in the files: ") + e.what());
-    }
-  }
-}
-
-bool Host::NamesChanged() const { return mta_ && mta_->LocalNamesChanged(); }
-
-void Host::QueueRestartIfNamesChanged() {
-  // The local names' file asks for its restart only after a direct save;
-  // after a deferred one the host queues it.
-  try {
-    if (NamesChanged()) mta_->RestartLater();
-  } catch (const std::exception& e) {
-    if (log_ready) HostLog().Error(std::string("queueing the restart: ") + e.what());
-  }
-}
-
-void Host::ChangeFiles(const std::function<void()>& change, const std::function<void()>& undo) {
-  if (deferring_) {
-    // In a batch (or inside another ChangeFiles): saved at its end.
-    try {
-      change();
-    } catch (...) {
-      RunUndo(undo);
-      throw;
-    }
-    kept_.push_back({batch_line_, undo});
-    return;
-  }
-  BeginDeferred();
-  try {
-    change();
-  } catch (...) {
-    try {
-      SaveDeferred();
-    } catch (const std::exception& e) {
-      if (log_ready) HostLog().Error(std::string("saving the files after a failure: ") + e.what());
-    }
-    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) RunUndo(it->undo);
-    kept_.clear();
-    RunUndo(undo);
-    throw;
-  }
-  try {
-    SaveDeferred();
-  } catch (...) {
-    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) RunUndo(it->undo);
-    kept_.clear();
-    RunUndo(undo);
-    throw;
-  }
-  kept_.clear();
-}
-
-void Host::RebuildStaleMaps() noexcept {
-  if (mta_) mta_->RebuildStaleMaps();
-}
-
-void Host::BeginBatch() {
-  if (batch_ || deferring_) throw pnl_err::Error("batch", "batch", "a batch is open already");
-  BeginDeferred();
-  batch_ = true;
-  batch_line_ = 0;
-  kept_.clear();
-}
-
-std::set<int> Host::EndBatch(Failure* failure) noexcept {
-  std::set<int> failed;
-  if (!batch_) return failed;
-  batch_ = false;
-  try {
-    SaveDeferred();
-  } catch (...) {
-    if (failure) *failure = CurrentFailure();
-    for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) {
-      failed.insert(it->line);
-      RunUndo(it->undo);
-    }
-  }
-  kept_.clear();
-  batch_line_ = 0;
-  std::vector<std::pair<std::string, std::function<void()>>> steps = std::move(at_end_);
-  at_end_.clear();
-  for (const auto& step : steps) {
-    try {
-      step.second();
-    } catch (const std::exception& e) {
-      if (log_ready) HostLog().Error("at the end of the batch, " + step.first + ": " + e.what());
-    }
-  }
-  return failed;
-}
-
-void Host::AtBatchEnd(const std::string& key, std::function<void()> step) {
-  if (!batch_) {
-    step();
-    return;
-  }
-  for (const auto& kept : at_end_)
-    if (kept.first == key) return;
-  at_end_.emplace_back(key, std::move(step));
-}
-
-Failure CurrentFailure() {
-  try {
-    throw;
-  } catch (const Invalid& e) {
-    return {e.type(), e.object(), e.detail(), 2};
-  } catch (const pnl_err::Error& e) {
-    return {e.type(), e.object(), e.detail(), 1};
-  } catch (const std::exception& e) {
-    return {"internal", "", e.what(), 1};
-  } catch (...) {
-    return {"internal", "", "unknown failure", 1};
-  }
-}
-
-int ReportCurrentException(bool json) {
-  const Failure f = CurrentFailure();
-  return Report(json, f.type, f.object, f.detail, f.status);
+int ReportCurrentException(bool json, const RunLog* log) {
+  return Report(json, CurrentFailure(), log);
 }
 
 int Execute(const GlobalOptions& options, const Command& command) {
   const Output out(options.json);
-  command_line = options.line;
+  RunLog log(options.line);
   // Told last, once the host is gone: what the run needed at most.
-  const PeakMemoryNote peak;
+  const PeakMemoryNote peak(log);
   // The host outlives the report: an error may come from a module's code.
-  Host host(options);
-  const WarningsAtEnd warnings;
+  Host host(options, log);
+  const WarningsAtEnd warnings(log);
   try {
     host.Open(command.needs);
     if (command.needs < Needs::kDatabase) {
       command.run(host, out);
-      if (log_ready && !out.failed()) HostLog().Info("done: " + command_line);
+      if (!out.failed()) log.Info("done: " + log.command_line());
       return out.status();
     }
     pnl_db::Cache& db = host.Db();
     db.BeginRequest();
     // The responder's settings files follow the rows the request changes.
     email::WatchResponderSettings(db);
-    if (command.needs == Needs::kMail) host.RebuildStaleMaps();
+    if (command.needs == Needs::kMail) host.Mta().RebuildStaleMaps();
     try {
       command.run(host, out);
     } catch (...) {
@@ -413,15 +238,15 @@ int Execute(const GlobalOptions& options, const Command& command) {
       try {
         FinishRequest(db);
       } catch (const std::exception& e) {
-        if (log_ready) HostLog().Error(std::string("ending the failed request: ") + e.what());
+        log.Error(std::string("ending the failed request: ") + e.what());
       }
       throw;
     }
     FinishRequest(db);
-    if (!out.failed()) HostLog().Info("done: " + command_line);
+    if (!out.failed()) log.Info("done: " + log.command_line());
     return out.status();
   } catch (...) {
-    return ReportCurrentException(options.json);
+    return ReportCurrentException(options.json, &log);
   }
 }
 

@@ -5,7 +5,7 @@
 // their own, written to the files by SetAliases; when SetAliases fails, the
 // mailbox's rows are read back from the files (CacheAliases), so the panel
 // shows what the files hold. A deletion clears the files first. The
-// back-end's calls go through Host::ChangeFiles, whose undo steps are those
+// back-end's calls go through FileChange::Change, whose undo steps are those
 // rules (in a batch they run at its end, when the files fail there).
 #include <algorithm>
 #include <list>
@@ -128,7 +128,7 @@ void ReadBackAliases(Host& host, int64_t id) {
 void WriteAliases(Host& host, MailboxRow& mailbox, const std::list<std::string>& removed,
                   bool allow_programs) {
   const int64_t id = mailbox->id.Value();
-  host.ChangeFiles(
+  host.Files().Change(
       [&] {
         CheckMailboxRows(host.Db(), id, allow_programs);
         host.Mta().SetAliases(mailbox, removed);
@@ -167,7 +167,7 @@ void Add(Host& host, const Output& out, const Address& address, const Changes& c
   mailbox->forward_only = false;
   mailbox->Post();
   const int64_t id = mailbox->id.Value();
-  host.ChangeFiles(
+  host.Files().Change(
       [&] {
         // An earlier add's lines go first, so the key is written once.
         if (leftover.found) host.Mta().DeleteEmail(mailbox);
@@ -257,7 +257,7 @@ void SetState(Host& host, const Output& out, const Address& address, Change chan
     // The suspension writes the mailbox's access entry: never over one the
     // panel did not write.
     RefuseForeignAccessEntry(host, address.Text(), "mailbox " + Quote(address.Text()));
-    host.ChangeFiles(
+    host.Files().Change(
         [&] {
           CheckMailboxRows(db, id, true);
           host.Mta().SuspendEmail(mailbox);
@@ -266,7 +266,7 @@ void SetState(Host& host, const Output& out, const Address& address, Change chan
     mailbox->enabled = false;
   } else {
     // A resume writes the forwards back into the files.
-    host.ChangeFiles(
+    host.Files().Change(
         [&] {
           CheckMailboxRows(db, id, allow_programs);
           host.Mta().ResumeEmail(mailbox);
@@ -281,7 +281,7 @@ void SetState(Host& host, const Output& out, const Address& address, Change chan
 void Delete(Host& host, const Output& out, const Address& address) {
   pnl_db::Cache& db = host.Db();
   MailboxRow mailbox = RequireMailbox(db, address);
-  host.ChangeFiles([&] { host.Mta().DeleteEmail(mailbox); });
+  host.Files().Change([&] { host.Mta().DeleteEmail(mailbox); });
   mailbox->Delete();
   out.Print({{"deleted", {{"mailbox", address.Text()}}}}, "");
 }

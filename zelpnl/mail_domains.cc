@@ -4,7 +4,7 @@
 // row is deleted again. A state change (suspend, resume, set) goes to the
 // files first and is posted only when they took it. A deletion removes the
 // files' lines (the domain's mailboxes first) and then the rows. The
-// back-end's calls go through Host::ChangeFiles, whose undo steps are those
+// back-end's calls go through FileChange::Change, whose undo steps are those
 // rules (in a batch they run at its end, when the files fail there).
 #include "access_entries.h"
 #include "commands.h"
@@ -73,7 +73,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   const bool leftover = host.Mta().HasDomainLeftover(name);
   if (leftover)
     MailLog().Info("mail domain " + name + ": replacing its lines in the files");
-  host.ChangeFiles(
+  host.Files().Change(
       [&] {
         if (leftover) host.Mta().DeleteDomain(row);
         host.Mta().CreateDomain(row);
@@ -136,7 +136,7 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
     RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
   switch (change) {
     case Change::kSuspend:
-      host.ChangeFiles(
+      host.Files().Change(
           [&] {
             CheckDomainRows(db, id, programs);
             host.Mta().SuspendDomain(row);
@@ -145,7 +145,7 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
       row->enabled = false;
       break;
     case Change::kResume:
-      host.ChangeFiles(
+      host.Files().Change(
           [&] {
             CheckDomainRows(db, id, programs);
             host.Mta().ResumeDomain(row);
@@ -154,7 +154,7 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
       row->enabled = true;
       break;
     case Change::kUpdate:
-      host.ChangeFiles([&] {
+      host.Files().Change([&] {
         CheckDomainRows(db, id, programs);
         host.Mta().UpdateDomain(row);
       });
@@ -178,7 +178,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
   // they have it (a suspended domain keeps its suspension and gets the action
   // when it is resumed).
   try {
-    host.ChangeFiles(
+    host.Files().Change(
         [&] {
           CheckDomainRows(db, id, allow_programs);
           host.Mta().UpdateDomain(row);
@@ -202,7 +202,7 @@ void Delete(Host& host, const Output& out, const std::string& name) {
   // Each mailbox's lines go, then its rows; then the domain's. The files are
   // saved once, at the end, with all of it gone; when that fails the rows
   // stay deleted (the files' text lost the lines too).
-  host.ChangeFiles([&] {
+  host.Files().Change([&] {
     for (const std::string& local : locals) {
       const Address address{local, name};
       MailboxRow mailbox = RequireMailbox(db, address);

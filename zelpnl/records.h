@@ -58,7 +58,7 @@ std::vector<std::string> ForwardsOf(pnl_db::Cache& db, int64_t mailbox_id);
 std::string AddressOf(pnl_db::Cache& db, const MailboxRow& mailbox);
 std::string DisplayAddress(const std::string& ascii_address);
 
-// Undo steps (Host::ChangeFiles): they go by key, so that they can run at
+// Undo steps (FileChange::Change): they go by key, so that they can run at
 // the end of a batch, and do nothing when the row is gone meanwhile. table
 // is one of the panel's table names, never a value from the command line.
 void DeleteRowById(pnl_db::Cache& db, const std::string& table, int64_t id);

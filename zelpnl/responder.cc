@@ -85,7 +85,7 @@ void Switch(Host& host, const Output& out, const Address& address, const Respond
   if (o.has_text) row->text = o.text;
   row->Post();
   const int64_t id = row->id.Value();
-  host.ChangeFiles([&] { host.Mta().SetResponder(row); },
+  host.Files().Change([&] { host.Mta().SetResponder(row); },
                    [&host, id, is_new, old_enabled, old_subject, old_text] {
                      if (is_new) {
                        DeleteRowById(host.Db(), "email_responder", id);

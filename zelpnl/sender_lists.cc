@@ -71,14 +71,14 @@ template <class F>
 void ChangeAndCache(Host& host, const List& list, const std::string& sender, bool add,
                     F change) {
   const List* l = &list;
-  host.ChangeFiles(change, [&host, l] { ReadBack(host, *l); });
-  if (!host.InBatch()) return Cache(host, list);
+  host.Files().Change(change, [&host, l] { ReadBack(host, *l); });
+  if (!host.Files().InBatch()) return Cache(host, list);
   pnl_db::Cache& db = host.Db();
   if (add)
     AddSenderRow(db, list.table, sender);
   else
     DeleteSenderRow(db, list.table, sender);
-  host.AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
+  host.Files().AtBatchEnd(std::string("reading back the ") + list.name, [&host, l] { Cache(host, *l); });
 }
 
 bool OnList(pnl_db::Cache& db, const List& list, const std::string& sender) {

@@ -48,7 +48,7 @@ void Sync(Host& host, const Output& out) {
 
   // The passes add local-host-names lines and access entries of domains:
   // each file is saved (and its map rebuilt) once.
-  host.ChangeFiles([&] {
+  host.Files().Change([&] {
     mta.CacheDomains();
     mta.CacheEmails();
   });
