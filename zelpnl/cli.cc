@@ -4,28 +4,55 @@ namespace zelpnl {
 
 namespace {
 
-// Adds "mail" with the groups chosen by add.
-template <class F>
-void AddMail(CLI::App& app, F add) {
+// The command line's groups, in the order --help shows them: a group's
+// words (under "mail" or at the top) and the function adding its
+// subcommands. The one list both the whole tree and a batch line's part of
+// it are built from.
+struct CommandGroup {
+  bool under_mail;
+  std::vector<std::string> words;  // any of them names the group
+  void (*add)(CLI::App& app, Command* out);
+};
+
+const std::vector<CommandGroup>& Groups() {
+  static const std::vector<CommandGroup> groups = {
+      {false, {"init"}, &AddInitCommand},
+      {false, {"user"}, &AddUserCommands},
+      {false, {"webdomain"}, &AddWebDomainCommands},
+      {true, {"domain"}, &AddMailDomainCommands},
+      {true, {"box"}, &AddMailboxCommands},
+      {true, {"responder"}, &AddResponderCommand},
+      {true, {"whitelist", "blacklist"}, &AddSenderListCommands},
+      {true, {"sync"}, &AddSyncCommand},
+      {true, {"check"}, &AddCheckCommand},
+  };
+  return groups;
+}
+
+CLI::App& AddMail(CLI::App& app) {
   CLI::App* mail = app.add_subcommand("mail", "Mail domains, mailboxes and sender lists");
   mail->require_subcommand(1);
-  add(*mail);
+  return *mail;
+}
+
+bool Names(const CommandGroup& group, const std::string& word) {
+  for (const std::string& w : group.words)
+    if (w == word) return true;
+  return false;
 }
 
 }  // namespace
 
 void AddCommands(CLI::App& app, Command* out) {
-  AddInitCommand(app, out);
-  AddUserCommands(app, out);
-  AddWebDomainCommands(app, out);
-  AddMail(app, [out](CLI::App& mail) {
-    AddMailDomainCommands(mail, out);
-    AddMailboxCommands(mail, out);
-    AddResponderCommand(mail, out);
-    AddSenderListCommands(mail, out);
-    AddSyncCommand(mail, out);
-    AddCheckCommand(mail, out);
-  });
+  CLI::App* mail = nullptr;
+  for (const CommandGroup& group : Groups()) {
+    if (!group.under_mail) {
+      group.add(app, out);
+      continue;
+    }
+    if (mail == nullptr) mail = &AddMail(app);
+    group.add(*mail, out);
+  }
 }
 
 void AddCommandsFor(CLI::App& app, Command* out, const std::vector<std::string>& words) {
@@ -41,16 +68,10 @@ void AddCommandsFor(CLI::App& app, Command* out, const std::vector<std::string>&
   }
   const std::string first = names.empty() ? "" : names[0];
   const std::string second = names.size() < 2 ? "" : names[1];
-  if (first == "user") return AddUserCommands(app, out);
-  if (first == "webdomain") return AddWebDomainCommands(app, out);
-  if (first == "mail") {
-    if (second == "domain") return AddMail(app, [out](CLI::App& m) { AddMailDomainCommands(m, out); });
-    if (second == "box") return AddMail(app, [out](CLI::App& m) { AddMailboxCommands(m, out); });
-    if (second == "responder")
-      return AddMail(app, [out](CLI::App& m) { AddResponderCommand(m, out); });
-    if (second == "whitelist" || second == "blacklist")
-      return AddMail(app, [out](CLI::App& m) { AddSenderListCommands(m, out); });
-    if (second == "sync") return AddMail(app, [out](CLI::App& m) { AddSyncCommand(m, out); });
+  for (const CommandGroup& group : Groups()) {
+    if (!group.under_mail && Names(group, first)) return group.add(app, out);
+    if (group.under_mail && first == "mail" && Names(group, second))
+      return group.add(AddMail(app), out);
   }
   // Anything else gets the whole tree, and with it the parser's own message.
   AddCommands(app, out);
