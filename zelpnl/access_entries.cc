@@ -1,6 +1,5 @@
 #include "access_entries.h"
 
-#include "commands.h"
 #include "email/access_entries.h"
 #include "email/mta_interface.h"
 #include "validation.h"
@@ -8,14 +7,14 @@
 
 namespace zelpnl {
 
-void RefuseForeignAccessEntry(Host& host, const std::string& key, const std::string& object) {
-  const std::optional<email::AccessEntry> entry = host.Mta().FindAccessEntry({key});
+void RefuseForeignAccessEntry(email::MtaInterface& mta, const std::string& key, const std::string& object) {
+  const std::optional<email::AccessEntry> entry = mta.FindAccessEntry({key});
   if (entry && !entry->panel) throw pnl_err::Error("conflict", object, email::NotThePanels(*entry));
 }
 
-void RefuseAccessEntryOfNewDomain(Host& host, const std::string& domain) {
+void RefuseAccessEntryOfNewDomain(email::MtaInterface& mta, const std::string& domain) {
   const std::string object = "mail domain " + Quote(domain);
-  const std::optional<email::AccessEntry> entry = host.Mta().FindAccessEntry({domain});
+  const std::optional<email::AccessEntry> entry = mta.FindAccessEntry({domain});
   if (!entry) return;
   if (!entry->panel) throw pnl_err::Error("conflict", object, email::NotThePanels(*entry));
   const char* list = entry->value == "OK"       ? "whitelist"

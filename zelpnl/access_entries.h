@@ -11,19 +11,22 @@
 
 #include <string>
 
+namespace email {
+class MtaInterface;
+}
+
 namespace zelpnl {
 
-class Host;
 
 // Throws pnl_err::Error("conflict", object, the access map holds "KEY
 // VALUE", which the panel did not write) when the access map holds a line
 // under key (letter case aside) that the panel did not write. For the
 // suspension of a mail domain (key: its name) or a mailbox (key: L@D).
-void RefuseForeignAccessEntry(Host& host, const std::string& key, const std::string& object);
+void RefuseForeignAccessEntry(email::MtaInterface& mta, const std::string& key, const std::string& object);
 
 // For a new mail domain: as RefuseForeignAccessEntry, and also refuses
 // when the domain is on one of the panel's sender lists, whose entry would
 // become the domain's suspension.
-void RefuseAccessEntryOfNewDomain(Host& host, const std::string& domain);
+void RefuseAccessEntryOfNewDomain(email::MtaInterface& mta, const std::string& domain);
 
 }  // namespace zelpnl

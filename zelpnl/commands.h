@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "host.h"
-#include "zelapi/log.h"
+#include "mail_log.h"
 
 namespace zelpnl {
 
@@ -31,11 +31,6 @@ void AddUserCommands(CLI::App& app, Command* out);
 void AddWebDomainCommands(CLI::App& app, Command* out);
 
 // Under "mail".
-// The log channel of the mail commands ("mail" of zelpnl).
-inline const pnl_log::Module& MailLog() {
-  static const pnl_log::Module log("mail", "zelpnl");
-  return log;
-}
 void AddMailDomainCommands(CLI::App& mail, Command* out);
 void AddMailboxCommands(CLI::App& mail, Command* out);
 void AddResponderCommand(CLI::App& mail, Command* out);

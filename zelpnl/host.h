@@ -26,6 +26,7 @@
 #include "failure.h"
 #include "file_change.h"
 #include "output.h"
+#include "request.h"
 #include "run_log.h"
 
 namespace pnl_db {
@@ -108,6 +109,8 @@ class Host {
   pnl_db::Cache& Db() const;
   email::MtaInterface& Mta() const;
   FileChange& Files() const;
+  // The three of them, for a mail operation.
+  Request MailRequest() const { return {Db(), Mta(), Files()}; }
 
  private:
   GlobalOptions options_;

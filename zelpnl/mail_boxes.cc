@@ -1,346 +1,74 @@
-// zelpnl mail box add|list|show|suspend|resume|delete|set.
-//
-// A new mailbox row is posted, then the back-end creates it in the files;
-// when that fails the row is deleted again. Aliases and forwards are rows of
-// their own, written to the files by SetAliases; when SetAliases fails, the
-// mailbox's rows are read back from the files (CacheAliases), so the panel
-// shows what the files hold. A deletion clears the files first. The
-// back-end's calls go through FileChange::Change, whose undo steps are those
-// rules (in a batch they run at its end, when the files fail there).
-#include <algorithm>
-#include <list>
-#include <set>
-#include <tuple>
-
-#include "access_entries.h"
+// zelpnl mail box add|list|show|suspend|resume|delete|set: the command
+// line of the mailbox operations (mailboxes.h) and the rendering of their
+// results, as JSON and as text.
 #include "commands.h"
-#include "email/mta_interface.h"
-#include "records.h"
-#include "row_checks.h"
-#include "validation.h"
-#include "zelapi/err.h"
-#include "zelapi/log.h"
+#include "mailboxes.h"
 
 namespace zelpnl {
 
 namespace {
 
-// The values of --alias, --forward and the like, checked and canonical.
-struct Changes {
-  std::vector<std::string> add_aliases;
-  std::vector<std::string> del_aliases;
-  std::vector<std::string> add_forwards;
-  std::vector<std::string> del_forwards;
-  int forward_only = -1;  // -1 unchanged, 0 no, 1 yes
-  bool allow_programs = false;
-};
-
-// What the command line gave, before checking.
-struct RawChanges {
-  std::vector<std::string> add_aliases;
-  std::vector<std::string> del_aliases;
-  std::vector<std::string> add_forwards;
-  std::vector<std::string> del_forwards;
-  std::string forward_only;
-  bool allow_programs = false;
-};
-
-void RefuseTwice(const std::vector<std::string>& values, const std::string& kind) {
-  std::set<std::string> seen;
-  for (const std::string& value : values)
-    if (!seen.insert(value).second) throw Invalid(kind, value, "is given twice");
+// mailbox: address, unicode, local, domain, enabled, forward_only, aliases,
+// forwards, responder (null, or enabled, subject, text, period_days).
+nlohmann::ordered_json MailboxJson(const MailboxView& box) {
+  nlohmann::ordered_json responder = nullptr;
+  if (box.responder)
+    responder = {
+        {"enabled", box.responder->enabled},
+        {"subject", box.responder->subject},
+        {"text", box.responder->text},
+        {"period_days", box.responder->period_days},
+    };
+  return {
+      {"address", box.address},
+      {"unicode", box.unicode},
+      {"local", box.local},
+      {"domain", box.domain},
+      {"enabled", box.enabled},
+      {"forward_only", box.forward_only},
+      {"aliases", box.aliases},
+      {"forwards", box.forwards},
+      {"responder", responder},
+  };
 }
 
-void RefuseBoth(const std::vector<std::string>& added, const std::vector<std::string>& removed,
-                const std::string& kind, const std::string& option) {
-  for (const std::string& value : added)
-    for (const std::string& other : removed)
-      if (value == other)
-        throw Invalid(kind, value, "is given both to add and to remove (" + option + ")");
+std::string ResponderState(const MailboxView& box) {
+  if (!box.responder) return "-";
+  return box.responder->enabled ? "on" : "off";
 }
 
-// Checks and canonicalises the options for the mailbox at address.
-Changes CheckChanges(const RawChanges& raw, const Address& address) {
-  Changes c;
-  for (const std::string& a : raw.add_aliases) {
-    c.add_aliases.push_back(AliasName(a, address.domain));
-    if (c.add_aliases.back() == address.local)
-      throw Invalid("alias", a, "is the mailbox's own address");
-  }
-  for (const std::string& a : raw.del_aliases) {
-    // A name the panel would not write may still be removed as it stands.
-    try {
-      c.del_aliases.push_back(AliasName(a, address.domain));
-    } catch (const Invalid&) {
-      c.del_aliases.push_back(a);
-    }
-  }
-  for (const std::string& f : raw.add_forwards) {
-    c.add_forwards.push_back(ForwardTarget(f, raw.allow_programs));
-    if (c.add_forwards.back() == address.Text())
-      throw Invalid("forward target", f, "is the mailbox's own address; mail would loop");
-  }
-  for (const std::string& f : raw.del_forwards) {
-    try {
-      c.del_forwards.push_back(ForwardTarget(f, true));
-    } catch (const Invalid&) {
-      c.del_forwards.push_back(f);
-    }
-  }
-  c.allow_programs = raw.allow_programs;
-  if (raw.forward_only == "yes") c.forward_only = 1;
-  if (raw.forward_only == "no") c.forward_only = 0;
-  RefuseTwice(c.add_aliases, "alias");
-  RefuseTwice(c.del_aliases, "alias");
-  RefuseTwice(c.add_forwards, "forward target");
-  RefuseTwice(c.del_forwards, "forward target");
-  RefuseBoth(c.add_aliases, c.del_aliases, "alias", "--alias and --no-alias");
-  RefuseBoth(c.add_forwards, c.del_forwards, "forward target", "--forward and --no-forward");
-  return c;
-}
-
-// Refuses an alias whose address is taken by a mailbox or another alias.
-void CheckAliasFree(pnl_db::Cache& db, const MailDomainRow& domain, const std::string& local) {
-  const std::string address = local + "@" + domain->name.Value();
-  if (MailboxExists(db, domain->id.Value(), local))
-    throw pnl_err::Error("exists", "alias " + Quote(address), "is a mailbox");
-  const std::string owner = AliasOwner(db, domain->id.Value(), local);
-  if (!owner.empty())
-    throw pnl_err::Error("exists", "alias " + Quote(address),
-                         "is already an alias of " + owner + "@" + domain->name.Value());
-}
-
-// Reads a mailbox's aliases and forwards back from the files, after a
-// failure (the failure told is the one that made it run).
-void ReadBackAliases(Host& host, int64_t id) {
-  MailboxRow mailbox = MailboxById(host.Db(), id);
-  if (!mailbox) return;
-  try {
-    host.Mta().CacheAliases(mailbox);
-  } catch (const std::exception& e) {
-    MailLog().Error("reading back the aliases of mailbox " + mailbox->name.Value() +
-                " after a failure: " + e.what());
-  }
-}
-
-// SetAliases, after the rows it writes passed their checks; when either
-// fails, the mailbox's rows are read back from the files.
-void WriteAliases(Host& host, MailboxRow& mailbox, const std::list<std::string>& removed,
-                  bool allow_programs) {
-  const int64_t id = mailbox->id.Value();
-  host.Files().Change(
-      [&] {
-        CheckMailboxRows(host.Db(), id, allow_programs);
-        host.Mta().SetAliases(mailbox, removed);
-      },
-      [&host, id] { ReadBackAliases(host, id); });
-}
-
-void Add(Host& host, const Output& out, const Address& address, const Changes& changes) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow domain = RequireMailDomain(db, address.domain);
-  if (MailboxExists(db, domain->id.Value(), address.local))
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()), "already exists");
-  const std::string owner = AliasOwner(db, domain->id.Value(), address.local);
-  if (!owner.empty())
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
-                         "is an alias of " + owner + "@" + address.domain);
-  for (const std::string& alias : changes.add_aliases) CheckAliasFree(db, domain, alias);
-  const email::MtaInterface::MailboxLeftover leftover =
-      host.Mta().FindMailboxLeftover(address.local, address.domain);
-  if (!leftover.foreign.empty())
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
-                         "the virtual user table has a line for it already, pointing to " +
-                             Quote(leftover.foreign) +
-                             "; remove that line, or run \"zelpnl mail sync\" to take it over");
-  if (leftover.found)
-    MailLog().Info("mailbox " + address.Text() +
-               ": replacing the lines an earlier add left in the files");
-
-  MailboxRow mailbox = db.Get<zel_db::EmailTable>();
-  mailbox->New();
-  mailbox->name = address.local;
-  mailbox->domain = domain->id;
-  mailbox->enabled = true;
-  // Created with local delivery: an aliases entry without any target would
-  // not build. Forward-only comes with the forwards below.
-  mailbox->forward_only = false;
-  mailbox->Post();
-  const int64_t id = mailbox->id.Value();
-  host.Files().Change(
-      [&] {
-        // An earlier add's lines go first, so the key is written once.
-        if (leftover.found) host.Mta().DeleteEmail(mailbox);
-        host.Mta().CreateEmail(mailbox);
-        if (changes.add_aliases.empty() && changes.add_forwards.empty() &&
-            changes.forward_only != 1)
-          return;
-        for (const std::string& alias : changes.add_aliases) AddAliasRow(db, id, alias);
-        for (const std::string& target : changes.add_forwards) AddForwardRow(db, id, target);
-        mailbox->forward_only = changes.forward_only == 1;
-        mailbox->Post();
-        try {
-          host.Mta().SetAliases(mailbox, {});
-        } catch (...) {
-          try {
-            host.Mta().DeleteEmail(mailbox);
-          } catch (const std::exception& e) {
-            MailLog().Error("removing the half-made mailbox " + address.Text() + ": " + e.what());
-          }
-          throw;
-        }
-      },
-      // Its aliases' and forwards' rows go with it.
-      [&host, id] { DeleteRowById(host.Db(), "email", id); });
-  if (!out.json()) return;
-  mailbox = RequireMailbox(db, address);
-  out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
-}
-
-std::string ResponderState(const nlohmann::ordered_json& box) {
-  if (box["responder"].is_null()) return "-";
-  return box["responder"]["enabled"] ? "on" : "off";
-}
-
-std::vector<std::string> AliasAddresses(const nlohmann::ordered_json& box) {
+// The aliases as addresses, the domain in Unicode.
+std::vector<std::string> AliasAddresses(const MailboxView& box) {
+  const std::string domain = box.unicode.substr(box.unicode.rfind('@') + 1);
   std::vector<std::string> out;
-  const std::string domain = box["unicode"].get<std::string>().substr(
-      box["unicode"].get<std::string>().rfind('@') + 1);
-  for (const auto& alias : box["aliases"]) out.push_back(alias.get<std::string>() + "@" + domain);
+  for (const std::string& alias : box.aliases) out.push_back(alias + "@" + domain);
   return out;
 }
 
-void List(Host& host, const Output& out, const std::string& domain_name) {
-  pnl_db::Cache& db = host.Db();
-  std::optional<int64_t> domain_id;
-  if (!domain_name.empty()) domain_id = RequireMailDomain(db, domain_name)->id.Value();
-  const std::vector<Address> addresses = MailboxAddresses(db, domain_id);
+void PrintList(const Output& out, const std::vector<MailboxView>& boxes) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
-  for (const Address& address : addresses) {
-    MailboxRow mailbox = RequireMailbox(db, address);
-    nlohmann::ordered_json box = MailboxJson(db, mailbox);
-    std::vector<std::string> forwards = box["forwards"];
-    rows.push_back({box["unicode"], box["enabled"] ? "active" : "suspended",
-                    YesNo(box["forward_only"]), JoinOrDash(AliasAddresses(box)),
-                    JoinOrDash(forwards), ResponderState(box)});
-    list.push_back(std::move(box));
+  for (const MailboxView& box : boxes) {
+    rows.push_back({box.unicode, box.enabled ? "active" : "suspended", YesNo(box.forward_only),
+                    JoinOrDash(AliasAddresses(box)), JoinOrDash(box.forwards),
+                    ResponderState(box)});
+    list.push_back(MailboxJson(box));
   }
   out.Print({{"mailboxes", list}},
             Table({"ADDRESS", "STATE", "FORWARD ONLY", "ALIASES", "FORWARDS", "RESPONDER"}, rows));
 }
 
-void Show(Host& host, const Output& out, const Address& address) {
-  pnl_db::Cache& db = host.Db();
-  MailboxRow mailbox = RequireMailbox(db, address);
-  nlohmann::ordered_json box = MailboxJson(db, mailbox);
-  std::vector<std::string> forwards = box["forwards"];
-  out.Print({{"mailbox", box}},
-            Fields({{"address", box["unicode"]},
-                    {"state", box["enabled"] ? "active" : "suspended"},
-                    {"forward only", YesNo(box["forward_only"])},
+void PrintOne(const Output& out, const MailboxView& box) {
+  out.Print({{"mailbox", MailboxJson(box)}},
+            Fields({{"address", box.unicode},
+                    {"state", box.enabled ? "active" : "suspended"},
+                    {"forward only", YesNo(box.forward_only)},
                     {"aliases", JoinOrDash(AliasAddresses(box))},
-                    {"forwards", JoinOrDash(forwards)},
+                    {"forwards", JoinOrDash(box.forwards)},
                     {"responder", ResponderState(box)}}));
 }
 
-enum class Change { kSuspend, kResume };
-
-void SetState(Host& host, const Output& out, const Address& address, Change change,
-              bool allow_programs) {
-  pnl_db::Cache& db = host.Db();
-  MailboxRow mailbox = RequireMailbox(db, address);
-  const int64_t id = mailbox->id.Value();
-  const bool was = mailbox->enabled.Value();
-  auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email", id, was); };
-  if (change == Change::kSuspend) {
-    // The suspension writes the mailbox's access entry: never over one the
-    // panel did not write.
-    RefuseForeignAccessEntry(host, address.Text(), "mailbox " + Quote(address.Text()));
-    host.Files().Change(
-        [&] {
-          CheckMailboxRows(db, id, true);
-          host.Mta().SuspendEmail(mailbox);
-        },
-        restore);
-    mailbox->enabled = false;
-  } else {
-    // A resume writes the forwards back into the files.
-    host.Files().Change(
-        [&] {
-          CheckMailboxRows(db, id, allow_programs);
-          host.Mta().ResumeEmail(mailbox);
-        },
-        restore);
-    mailbox->enabled = true;
-  }
-  mailbox->Post();
-  if (out.json()) out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
-}
-
-void Delete(Host& host, const Output& out, const Address& address) {
-  pnl_db::Cache& db = host.Db();
-  MailboxRow mailbox = RequireMailbox(db, address);
-  host.Files().Change([&] { host.Mta().DeleteEmail(mailbox); });
-  mailbox->Delete();
-  out.Print({{"deleted", {{"mailbox", address.Text()}}}}, "");
-}
-
-void Set(Host& host, const Output& out, const Address& address, const Changes& changes) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow domain;
-  MailboxRow mailbox = RequireMailbox(db, address, &domain);
-  const int64_t id = mailbox->id.Value();
-  const std::vector<std::string> aliases = AliasesOf(db, id);
-  const std::vector<std::string> forwards = ForwardsOf(db, id);
-  auto has = [](const std::vector<std::string>& list, const std::string& value) {
-    return std::find(list.begin(), list.end(), value) != list.end();
-  };
-
-  // Every refusal before the first write.
-  for (const std::string& alias : changes.add_aliases) {
-    if (has(aliases, alias))
-      throw pnl_err::Error("exists", "alias " + Quote(alias + "@" + address.domain),
-                           "is already an alias of " + address.Text());
-    CheckAliasFree(db, domain, alias);
-  }
-  for (const std::string& alias : changes.del_aliases)
-    if (!has(aliases, alias))
-      throw pnl_err::Error("unknown", "alias " + Quote(alias + "@" + address.domain),
-                           "is not an alias of " + address.Text());
-  for (const std::string& target : changes.add_forwards)
-    if (has(forwards, target))
-      throw pnl_err::Error("exists", "forward target " + Quote(target),
-                           "is already a forward of " + address.Text());
-  for (const std::string& target : changes.del_forwards)
-    if (!has(forwards, target))
-      throw pnl_err::Error("unknown", "forward target " + Quote(target),
-                           "is not a forward of " + address.Text());
-  const bool forward_only =
-      changes.forward_only == -1 ? mailbox->forward_only.Value() : changes.forward_only == 1;
-  const size_t forwards_after =
-      forwards.size() + changes.add_forwards.size() - changes.del_forwards.size();
-  if (forward_only && forwards_after == 0)
-    throw pnl_err::Error("invalid", "mailbox " + Quote(address.Text()),
-                         "would be forward-only without any forward, so its mail would go "
-                         "nowhere; keep a forward or set --forward-only no");
-
-  for (const std::string& alias : changes.del_aliases) DeleteAliasRow(db, id, alias);
-  for (const std::string& target : changes.del_forwards) DeleteForwardRow(db, id, target);
-  for (const std::string& alias : changes.add_aliases) AddAliasRow(db, id, alias);
-  for (const std::string& target : changes.add_forwards) AddForwardRow(db, id, target);
-  if (forward_only != mailbox->forward_only.Value()) {
-    mailbox->forward_only = forward_only;
-    mailbox->Post();
-  }
-  const std::list<std::string> removed(changes.del_aliases.begin(), changes.del_aliases.end());
-  WriteAliases(host, mailbox, removed, changes.allow_programs);
-  if (!out.json()) return;
-  mailbox = RequireMailbox(db, address);
-  out.Print({{"mailbox", MailboxJson(db, mailbox)}}, "");
-}
-
-void AddChangeOptions(CLI::App* cmd, RawChanges& raw, bool removals) {
+void AddChangeOptions(CLI::App* cmd, MailboxChangeOptions& raw, bool removals) {
   cmd->add_option("--alias", raw.add_aliases,
                   "Add an alias: another local part (or address) of the mailbox's domain")
       ->option_text("A")
@@ -369,8 +97,9 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   box->require_subcommand(1);
   auto address = std::make_shared<std::string>();
   auto domain = std::make_shared<std::string>();
-  auto raw = std::make_shared<RawChanges>();
+  auto raw = std::make_shared<MailboxChangeOptions>();
   auto forward_only = std::make_shared<bool>(false);
+  auto forward_only_word = std::make_shared<std::string>();
 
   CLI::App* add = box->add_subcommand(
       "add", "Add a mailbox: its virtual user table line and its aliases entry");
@@ -380,58 +109,72 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   AddChangeOptions(add, *raw, false);
   add->callback([=] {
     const Address a = MailAddress(*address);
-    RawChanges checked = *raw;
-    Changes changes = CheckChanges(checked, a);
+    MailboxChanges changes = CheckMailboxChanges(*raw, a);
     if (*forward_only) {
       if (changes.add_forwards.empty())
         throw Invalid("mailbox", *address,
                       "--forward-only needs at least one --forward: without local delivery and "
                       "forwards its mail would go nowhere");
-      changes.forward_only = 1;
+      changes.forward_only = true;
     }
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Add(h, o, a, changes); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailboxView box = AddMailbox(h.MailRequest(), a, changes);
+              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+            }};
   });
 
   CLI::App* list = box->add_subcommand("list", "List the mailboxes, of one mail domain or all");
   list->add_option("DOMAIN", *domain, "Only this mail domain's mailboxes");
   list->callback([=] {
     const std::string name = domain->empty() ? "" : DomainName(*domain);
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { List(h, o, name); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              PrintList(o, ListMailboxes(h.MailRequest(), name));
+            }};
   });
 
   CLI::App* show = box->add_subcommand("show", "Show a mailbox with its aliases and forwards");
   show->add_option("ADDRESS", *address, "The mailbox")->required();
   show->callback([=] {
     const Address a = KnownAddress(*address);
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Show(h, o, a); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              PrintOne(o, ShowMailbox(h.MailRequest(), a));
+            }};
   });
 
-  for (const auto& [verb, help, change] :
-       {std::tuple<const char*, const char*, Change>{
-            "suspend", "Suspend a mailbox: mail to it is rejected", Change::kSuspend},
-        std::tuple<const char*, const char*, Change>{
-            "resume", "Resume a suspended mailbox: delivery, aliases and forwards are restored",
-            Change::kResume}}) {
-    CLI::App* cmd = box->add_subcommand(verb, help);
-    cmd->add_option("ADDRESS", *address, "The mailbox")->required();
-    auto allow = std::make_shared<bool>(false);
-    if (change == Change::kResume)
-      cmd->add_flag("--allow-program-targets", *allow,
-                    "Write forward targets that pipe to a program or write to a file back too");
-    const Change c = change;
-    cmd->callback([=] {
-      const Address a = KnownAddress(*address);
-      const bool programs = *allow;
-      *out = {Needs::kMail, [=](Host& h, const Output& o) { SetState(h, o, a, c, programs); }};
-    });
-  }
+  CLI::App* suspend = box->add_subcommand("suspend", "Suspend a mailbox: mail to it is rejected");
+  suspend->add_option("ADDRESS", *address, "The mailbox")->required();
+  suspend->callback([=] {
+    const Address a = KnownAddress(*address);
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailboxView box = SuspendMailbox(h.MailRequest(), a);
+              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+            }};
+  });
+
+  CLI::App* resume = box->add_subcommand(
+      "resume", "Resume a suspended mailbox: delivery, aliases and forwards are restored");
+  resume->add_option("ADDRESS", *address, "The mailbox")->required();
+  auto allow = std::make_shared<bool>(false);
+  resume->add_flag("--allow-program-targets", *allow,
+                   "Write forward targets that pipe to a program or write to a file back too");
+  resume->callback([=] {
+    const Address a = KnownAddress(*address);
+    const bool programs = *allow;
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailboxView box = ResumeMailbox(h.MailRequest(), a, programs);
+              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+            }};
+  });
 
   CLI::App* del = box->add_subcommand(
       "delete", "Delete a mailbox: its lines, its aliases' lines and its rows");
   del->add_option("ADDRESS", *address, "The mailbox")->required();
   del->callback([=] {
     const Address a = KnownAddress(*address);
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Delete(h, o, a); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              DeleteMailbox(h.MailRequest(), a);
+              o.Print({{"deleted", {{"mailbox", a.Text()}}}}, "");
+            }};
   });
 
   CLI::App* set = box->add_subcommand(
@@ -439,20 +182,23 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
              "the files");
   set->add_option("ADDRESS", *address, "The mailbox")->required();
   AddChangeOptions(set, *raw, true);
-  set->add_option("--forward-only", raw->forward_only,
+  set->add_option("--forward-only", *forward_only_word,
                   "yes: deliver only to the forwards; no: keep a local copy too")
       ->check(CLI::IsMember({"yes", "no"}))
       ->option_text("yes|no");
   set->callback([=] {
     const Address a = KnownAddress(*address);
-    const Changes changes = CheckChanges(*raw, a);
-    if (changes.add_aliases.empty() && changes.del_aliases.empty() &&
-        changes.add_forwards.empty() && changes.del_forwards.empty() &&
-        changes.forward_only == -1)
+    MailboxChangeOptions options = *raw;
+    if (!forward_only_word->empty()) options.forward_only = *forward_only_word == "yes";
+    const MailboxChanges changes = CheckMailboxChanges(options, a);
+    if (changes.Empty())
       throw Invalid("mailbox", *address,
                     "nothing to change: give --alias, --no-alias, --forward, --no-forward or "
                     "--forward-only");
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Set(h, o, a, changes); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailboxView box = SetMailbox(h.MailRequest(), a, changes);
+              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+            }};
   });
 }
 

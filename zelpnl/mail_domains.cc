@@ -56,7 +56,7 @@ void Add(Host& host, const Output& out, const std::string& name, const std::stri
   if (!taken.empty())
     throw pnl_err::Error("conflict", "mail domain " + Quote(name),
                          taken + "; it cannot be a mail domain of the panel");
-  RefuseAccessEntryOfNewDomain(host, name);
+  RefuseAccessEntryOfNewDomain(host.Mta(), name);
 
   MailDomainRow row = db.Get<zel_db::EmailDomainTable>();
   row->New();
@@ -133,7 +133,7 @@ void SetState(Host& host, const Output& out, const std::string& name, Change cha
   // A suspension writes the domain's access entry: never over one the panel
   // did not write.
   if (change == Change::kSuspend || (change == Change::kUpdate && !was))
-    RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
+    RefuseForeignAccessEntry(host.Mta(), name, "mail domain " + Quote(name));
   switch (change) {
     case Change::kSuspend:
       host.Files().Change(
@@ -171,7 +171,7 @@ void Set(Host& host, const Output& out, const std::string& name, const std::stri
   const int64_t id = row->id.Value();
   const std::string old_action = row->def_action.Value();
   const std::string old_redirect = row->redirect.Value();
-  if (!row->enabled.Value()) RefuseForeignAccessEntry(host, name, "mail domain " + Quote(name));
+  if (!row->enabled.Value()) RefuseForeignAccessEntry(host.Mta(), name, "mail domain " + Quote(name));
   row->def_action = action;
   row->redirect = redirect;
   // The files take the new action from the row in memory; it is stored once

@@ -362,29 +362,21 @@ nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& do
   };
 }
 
-nlohmann::ordered_json MailboxJson(pnl_db::Cache& db, const MailboxRow& mailbox) {
+MailboxView MailboxViewOf(pnl_db::Cache& db, const MailboxRow& mailbox) {
   const int64_t id = mailbox->id.Value();
-  const std::string address = AddressOf(db, mailbox);
-  nlohmann::ordered_json responder = nullptr;
-  if (ResponderRow row = FindResponder(db, id)) {
-    responder = {
-        {"enabled", row->enabled.Value()},
-        {"subject", row->subject.Value()},
-        {"text", row->text.Value()},
-        {"period_days", row->period_days.Value()},
-    };
-  }
-  return {
-      {"address", address},
-      {"unicode", DisplayAddress(address)},
-      {"local", mailbox->name.Value()},
-      {"domain", address.substr(address.rfind('@') + 1)},
-      {"enabled", mailbox->enabled.Value()},
-      {"forward_only", mailbox->forward_only.Value()},
-      {"aliases", AliasesOf(db, id)},
-      {"forwards", ForwardsOf(db, id)},
-      {"responder", responder},
-  };
+  MailboxView view;
+  view.address = AddressOf(db, mailbox);
+  view.unicode = DisplayAddress(view.address);
+  view.local = mailbox->name.Value();
+  view.domain = view.address.substr(view.address.rfind('@') + 1);
+  view.enabled = mailbox->enabled.Value();
+  view.forward_only = mailbox->forward_only.Value();
+  view.aliases = AliasesOf(db, id);
+  view.forwards = ForwardsOf(db, id);
+  if (ResponderRow row = FindResponder(db, id))
+    view.responder = ResponderView{row->enabled.Value(), row->subject.Value(), row->text.Value(),
+                                   row->period_days.Value()};
+  return view;
 }
 
 }  // namespace zelpnl

@@ -152,12 +152,29 @@ void RestoreDomainAction(pnl_db::Cache& db, int64_t domain_id, const std::string
 void RestoreResponder(pnl_db::Cache& db, int64_t responder_id, bool enabled,
                       const std::string& subject, const std::string& text);
 
+// A mailbox as the panel shows it.
+struct ResponderView {
+  bool enabled = false;
+  std::string subject;
+  std::string text;
+  int64_t period_days = 0;
+};
+struct MailboxView {
+  std::string address;  // L@D, the domain in ASCII
+  std::string unicode;  // the same with the domain in Unicode
+  std::string local;
+  std::string domain;   // ASCII
+  bool enabled = true;
+  bool forward_only = false;
+  std::vector<std::string> aliases;   // local parts, in the order added
+  std::vector<std::string> forwards;  // targets, in the order added
+  std::optional<ResponderView> responder;
+};
+MailboxView MailboxViewOf(pnl_db::Cache& db, const MailboxRow& mailbox);
+
 // Descriptions for --json (and the source of the text forms):
 //   mail domain: name, unicode, owner (null when none), enabled,
-//     default_action, redirect, mailboxes (count);
-//   mailbox: address, unicode, local, domain, enabled, forward_only, aliases,
-//     forwards, responder (null, or enabled, subject, text, period_days).
+//     default_action, redirect, mailboxes (count).
 nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& domain);
-nlohmann::ordered_json MailboxJson(pnl_db::Cache& db, const MailboxRow& mailbox);
 
 }  // namespace zelpnl

@@ -1,0 +1,70 @@
+// zelpnl mailboxes: the panel's mailbox operations, over a Request, with
+// typed arguments and results; the command line and any other front door
+// render the results.
+//
+// A new mailbox row is posted, then the back-end creates it in the files;
+// when that fails the row is deleted again. Aliases and forwards are rows of
+// their own, written to the files by SetAliases; when SetAliases fails, the
+// mailbox's rows are read back from the files (CacheAliases), so the panel
+// shows what the files hold. A deletion clears the files first. The
+// back-end's calls go through FileChange::Change, whose undo steps are those
+// rules (in a batch they run at its end, when the files fail there).
+//
+// Operations throw pnl_err::Error for a refusal or a failure (Invalid only
+// from CheckMailboxChanges, before anything is opened).
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "records.h"
+#include "request.h"
+#include "validation.h"
+
+namespace zelpnl {
+
+// The aliases, forwards and forward-only flag a command adds, removes or
+// sets, as given.
+struct MailboxChangeOptions {
+  std::vector<std::string> add_aliases;
+  std::vector<std::string> del_aliases;
+  std::vector<std::string> add_forwards;
+  std::vector<std::string> del_forwards;
+  std::optional<bool> forward_only;  // nullopt: unchanged
+  bool allow_programs = false;       // forward targets may be programs and files
+};
+
+// The same, checked and canonical (CheckMailboxChanges).
+struct MailboxChanges {
+  std::vector<std::string> add_aliases;
+  std::vector<std::string> del_aliases;
+  std::vector<std::string> add_forwards;
+  std::vector<std::string> del_forwards;
+  std::optional<bool> forward_only;
+  bool allow_programs = false;
+
+  bool Empty() const {
+    return add_aliases.empty() && del_aliases.empty() && add_forwards.empty() &&
+           del_forwards.empty() && !forward_only;
+  }
+};
+
+// Checks and canonicalises the changes for the mailbox at address. Throws
+// Invalid naming the value refused.
+MailboxChanges CheckMailboxChanges(const MailboxChangeOptions& options, const Address& address);
+
+MailboxView AddMailbox(const Request& request, const Address& address,
+                       const MailboxChanges& changes);
+// Every mailbox, or those of one mail domain ("" for all), by address.
+std::vector<MailboxView> ListMailboxes(const Request& request, const std::string& domain);
+MailboxView ShowMailbox(const Request& request, const Address& address);
+MailboxView SuspendMailbox(const Request& request, const Address& address);
+// allow_programs: forward targets that are programs or files are written
+// back too.
+MailboxView ResumeMailbox(const Request& request, const Address& address, bool allow_programs);
+void DeleteMailbox(const Request& request, const Address& address);
+MailboxView SetMailbox(const Request& request, const Address& address,
+                       const MailboxChanges& changes);
+
+}  // namespace zelpnl
