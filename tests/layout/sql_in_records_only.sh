@@ -4,9 +4,9 @@
 # statement. Exits 1 naming each line that does.
 set -u
 dir=${1:?usage: sql_in_records_only.sh ZELPNL_SOURCE_DIR}
-[ -f "$dir/records.cc" ] || { echo "no records.cc in $dir" >&2; exit 2; }
+[ -f "$dir/ops/records.cc" ] || { echo "no records.cc in $dir" >&2; exit 2; }
 statements='\b(SELECT|INSERT[[:space:]]+INTO|UPDATE[[:space:]]+[a-z_]+[[:space:]]+SET|DELETE[[:space:]]+FROM|CREATE[[:space:]]+TABLE|ALTER[[:space:]]+TABLE|DROP[[:space:]]+TABLE)\b|\.Query\('
-found=$(grep -nE "$statements" "$dir"/*.cc "$dir"/*.h | grep -v "^$dir/records.cc:")
+found=$(grep -nE "$statements" "$dir"/*/*.cc "$dir"/*/*.h | grep -v "^$dir/ops/records.cc:")
 if [ -n "$found" ]; then
   echo "SQL outside records.cc:"
   echo "$found"

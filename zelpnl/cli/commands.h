@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host.h"
+#include "run.h"
 #include "mail_log.h"
 
 namespace zelpnl {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "commands.h"
-#include "host.h"
+#include "run.h"
 
 int main(int argc, char** argv) {
   CLI::App app{
