@@ -18,6 +18,7 @@
 #include "zelapi/err.h"
 #include "zelapi/fd.h"
 #include "zelapi/file.h"
+#include "zelapi/hash.h"
 
 namespace zel_aliasdb {
 
@@ -94,7 +95,9 @@ void SyncFolder(pnl_file::Ops& ops, const std::string& folder) {
 
 // Keys seen so far, for sendmail's duplicate warning: an open-addressing
 // table of entry numbers (4 bytes a slot), the keys themselves kept by the
-// caller.
+// caller. Not the engine's KeyIndex (zelapi/conf/store.h): that one keeps
+// each key's hash beside it and removes entries, which a set that only
+// grows does not need, at twice the memory for a file of a million names.
 class SeenKeys {
  public:
   SeenKeys(std::size_t expected, std::function<std::string_view(std::uint32_t)> key_of)
@@ -106,7 +109,7 @@ class SeenKeys {
   // Adds the key of entry id; returns false when that key was there before.
   bool Insert(std::string_view key, std::uint32_t id) {
     if ((count_ + 1) * 2 > slots_.size()) Grow();
-    std::size_t i = std::hash<std::string_view>()(key) & (slots_.size() - 1);
+    std::size_t i = pnl_hash::Hash64(key) & (slots_.size() - 1);
     while (slots_[i] != 0) {
       if (key_of_(slots_[i] - 1) == key) return false;
       i = (i + 1) & (slots_.size() - 1);
@@ -123,7 +126,7 @@ class SeenKeys {
     slots_.assign(old.size() * 2, 0);
     for (std::uint32_t s : old) {
       if (s == 0) continue;
-      std::size_t i = std::hash<std::string_view>()(key_of_(s - 1)) & (slots_.size() - 1);
+      std::size_t i = pnl_hash::Hash64(key_of_(s - 1)) & (slots_.size() - 1);
       while (slots_[i] != 0) i = (i + 1) & (slots_.size() - 1);
       slots_[i] = s;
     }
