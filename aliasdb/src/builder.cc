@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +16,9 @@
 #include "zelaliasdb/hash_map.h"
 #include "zelaliasdb/sendmail_oracle.h"
 #include "zelapi/err.h"
+#include "zelapi/fd.h"
+#include "zelapi/file.h"
+#include "zelapi/hash.h"
 
 namespace zel_aliasdb {
 
@@ -26,94 +28,76 @@ pnl_err::Error Fail(const std::string& object, const std::string& what, int err)
   return pnl_err::Error("aliasdb", object, what + ": " + std::strerror(err));
 }
 
-std::string FolderOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
+using pnl_file::Fd;
+using pnl_file::FolderOf;
 
-std::string BaseOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// An open descriptor, closed at the end of its scope.
-struct Fd {
-  int fd = -1;
-  explicit Fd(int f) : fd(f) {}
-  ~Fd() {
-    if (fd >= 0) ::close(fd);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-};
-
-std::string ReadAll(int fd, const std::string& path) {
-  struct stat st {};
-  if (::fstat(fd, &st) != 0) throw Fail(path, "cannot read", errno);
+std::string ReadAll(pnl_file::Ops& ops, int fd, const std::string& path) {
+  pnl_file::FileId id;
+  int err = ops.Fstat(fd, id);
+  if (err != 0) throw Fail(path, "cannot read", err);
   // One byte more than the file holds, so the end shows without growing
   // (and copying) the buffer; a file that grew meanwhile still reads whole.
   std::string text;
-  text.resize(static_cast<std::size_t>(st.st_size) + 1);
+  text.resize(static_cast<std::size_t>(id.size) + 1);
   std::size_t done = 0;
   for (;;) {
     if (done == text.size()) text.resize(text.size() * 2);
-    const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw Fail(path, "cannot read", errno);
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
+    std::size_t got = 0;
+    if ((err = ops.Read(fd, text.data() + done, text.size() - done, got)) != 0)
+      throw Fail(path, "cannot read", err);
+    if (got == 0) break;
+    done += got;
   }
   text.resize(done);
   return text;
 }
 
-// The temporary names of a map being built: removed unless committed.
+// The temporary names of a map being built, beside the target (the name
+// reserved, and the one makemap makes of it): removed unless committed.
 class TempMap {
  public:
-  // Reserves a name beside target (".NAME.XXXXXX" in its folder).
-  explicit TempMap(const std::string& target) {
-    reserved_ = FolderOf(target) + "/." + BaseOf(target) + ".XXXXXX";
-    const int fd = ::mkostemp(reserved_.data(), O_CLOEXEC);
-    if (fd < 0) throw Fail(target, "cannot make a temporary file beside it", errno);
-    ::close(fd);
+  TempMap(pnl_file::Ops& ops, const std::string& target) : temp_(ops) {
+    const int err = temp_.Make(FolderOf(target), pnl_file::BaseName(target));
+    if (err != 0) throw Fail(target, "cannot make a temporary file beside it", err);
+    // The map library and makemap open the file by its name.
+    temp_.Close();
+    temp_.AlsoRemove(temp_.path() + ".db");
   }
-  ~TempMap() {
-    if (!committed_) {
-      ::unlink(reserved_.c_str());
-      ::unlink((reserved_ + ".db").c_str());
-    }
-  }
-  TempMap(const TempMap&) = delete;
-  TempMap& operator=(const TempMap&) = delete;
 
-  const std::string& reserved() const { return reserved_; }
-  void Commit() { committed_ = true; }
+  const std::string& reserved() const { return temp_.path(); }
+  void Commit() { temp_.Commit(); }
 
  private:
-  std::string reserved_;
-  bool committed_ = false;
+  pnl_file::safe::TempFile temp_;
 };
 
 // Gives the new map the mode and owner of the one it replaces.
-void TakeOver(const std::string& map, const std::string& target) {
-  struct stat old {};
-  const bool had = ::stat(target.c_str(), &old) == 0;
-  const mode_t mode = had ? (old.st_mode & 07777) : 0640;
-  if (::chmod(map.c_str(), mode) != 0) throw Fail(map, "cannot set its mode", errno);
-  if (had && ::chown(map.c_str(), old.st_uid, old.st_gid) != 0 && errno != EPERM)
-    throw Fail(map, "cannot set its owner", errno);
+void TakeOver(pnl_file::Ops& ops, const std::string& map, const std::string& target) {
+  pnl_file::FileId old;
+  const bool had = ops.Stat(target, old) == 0;
+  const unsigned mode = had ? old.mode : 0640;
+  int fd = -1;
+  int err = ops.Open(map, O_RDONLY, 0, fd);
+  if (err != 0) throw Fail(map, "cannot set its mode", err);
+  Fd file(fd, ops);
+  if ((err = ops.Fchmod(fd, mode)) != 0) throw Fail(map, "cannot set its mode", err);
+  if (had && (err = ops.Fchown(fd, old.uid, old.gid)) != 0 && err != EPERM)
+    throw Fail(map, "cannot set its owner", err);
 }
 
-void SyncFolder(const std::string& folder) {
-  Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dir.fd < 0) throw Fail(folder, "cannot open the folder to flush it", errno);
-  if (::fsync(dir.fd) != 0) throw Fail(folder, "cannot flush the folder", errno);
+void SyncFolder(pnl_file::Ops& ops, const std::string& folder) {
+  int fd = -1;
+  int err = ops.Open(folder, O_RDONLY | O_DIRECTORY, 0, fd);
+  if (err != 0) throw Fail(folder, "cannot open the folder to flush it", err);
+  Fd dir(fd, ops);
+  if ((err = ops.Fsync(fd)) != 0) throw Fail(folder, "cannot flush the folder", err);
 }
 
 // Keys seen so far, for sendmail's duplicate warning: an open-addressing
 // table of entry numbers (4 bytes a slot), the keys themselves kept by the
-// caller.
+// caller. Not the engine's KeyIndex (zelapi/conf/store.h): that one keeps
+// each key's hash beside it and removes entries, which a set that only
+// grows does not need, at twice the memory for a file of a million names.
 class SeenKeys {
  public:
   SeenKeys(std::size_t expected, std::function<std::string_view(std::uint32_t)> key_of)
@@ -125,7 +109,7 @@ class SeenKeys {
   // Adds the key of entry id; returns false when that key was there before.
   bool Insert(std::string_view key, std::uint32_t id) {
     if ((count_ + 1) * 2 > slots_.size()) Grow();
-    std::size_t i = std::hash<std::string_view>()(key) & (slots_.size() - 1);
+    std::size_t i = pnl_hash::Hash64(key) & (slots_.size() - 1);
     while (slots_[i] != 0) {
       if (key_of_(slots_[i] - 1) == key) return false;
       i = (i + 1) & (slots_.size() - 1);
@@ -142,7 +126,7 @@ class SeenKeys {
     slots_.assign(old.size() * 2, 0);
     for (std::uint32_t s : old) {
       if (s == 0) continue;
-      std::size_t i = std::hash<std::string_view>()(key_of_(s - 1)) & (slots_.size() - 1);
+      std::size_t i = pnl_hash::Hash64(key_of_(s - 1)) & (slots_.size() - 1);
       while (slots_[i] != 0) i = (i + 1) & (slots_.size() - 1);
       slots_[i] = s;
     }
@@ -171,26 +155,29 @@ BuildReport Build(const BuildOptions& options) {
   const std::string folder = FolderOf(file);
   BuildReport report;
 
-  Fd source(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (source.fd < 0) {
-    if (errno == ENOENT) {
-      report.output.push_back("newaliases: cannot open " + file + ": " + std::strerror(errno));
+  // Every file-system call below goes through the platform's seam, so that
+  // a test can make any of them fail.
+  const std::shared_ptr<pnl_file::Ops> ops = pnl_file::CurrentOps();
+  int source_fd = -1;
+  if (const int err = ops->Open(file, O_RDONLY, 0, source_fd); err != 0) {
+    if (err == ENOENT) {
+      report.output.push_back("newaliases: cannot open " + file + ": " + std::strerror(err));
       return report;
     }
-    throw Fail(file, "cannot open", errno);
+    throw Fail(file, "cannot open", err);
   }
+  Fd source(source_fd, *ops);
   int rc;
-  while ((rc = ::flock(source.fd, LOCK_EX)) != 0 && errno == EINTR) {
+  while ((rc = ::flock(source.get(), LOCK_EX)) != 0 && errno == EINTR) {
   }
   if (rc != 0) throw Fail(file, "cannot lock", errno);
-  AliasesFile parsed(ReadAll(source.fd, file));
+  AliasesFile parsed(ReadAll(*ops, source.get(), file));
   // sendmail works in its queue folder: its temporary files need a full path.
   const SendmailOracle oracle(options.sendmail, options.config, std::filesystem::absolute(folder).string());
 
   if (parsed.has_nul()) {
     // sendmail takes the same lock: let it go first.
-    ::close(source.fd);
-    source.fd = -1;
+    source.Close();
     std::string output;
     report.exit_code = oracle.RebuildWhole(file, output);
     SplitOutput(output, report.output);
@@ -203,7 +190,7 @@ BuildReport Build(const BuildOptions& options) {
   // duplicate warning (views into the text, or kept here for the lines
   // sendmail decided).
   const std::size_t expected = parsed.PhysicalLines();
-  TempMap temp(target);
+  TempMap temp(*ops, target);
   std::string map_path;
   std::unique_ptr<MapWriter> writer;
   if (options.writer == Writer::kMakemap) {
@@ -260,11 +247,12 @@ BuildReport Build(const BuildOptions& options) {
   writer->Finish();
   writer.reset();
 
-  TakeOver(map_path, target);
-  if (::rename(map_path.c_str(), target.c_str()) != 0) throw Fail(target, "cannot rename the new map into place", errno);
+  TakeOver(*ops, map_path, target);
+  if (const int err = ops->Rename(map_path, target); err != 0)
+    throw Fail(target, "cannot rename the new map into place", err);
   temp.Commit();
-  if (options.writer == Writer::kMakemap) ::unlink(temp.reserved().c_str());
-  SyncFolder(folder);
+  if (options.writer == Writer::kMakemap) ops->Unlink(temp.reserved());
+  SyncFolder(*ops, folder);
   report.built = true;
   report.output.push_back(file + ": " + std::to_string(report.aliases) + " aliases, longest " +
                           std::to_string(report.longest) + " bytes, " + std::to_string(report.total) +

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,8 +9,7 @@
 #include <cstring>
 
 #include "zelapi/err.h"
-
-extern char** environ;
+#include "zelapi/spawn.h"
 
 namespace zel_aliasdb {
 
@@ -36,27 +34,13 @@ Child::Child(const std::vector<std::string>& argv, bool with_input, const std::s
     ::close(output_fd_);
     throw Fail(program_, "cannot make a pipe", saved);
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (with_input)
-    posix_spawn_file_actions_adddup2(&actions, pipe_fds[0], 0);
-  else
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, output_fd_, 1);
-  posix_spawn_file_actions_adddup2(&actions, output_fd_, 2);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  pnl_proc::SpawnOptions options;
+  options.in = with_input ? pipe_fds[0] : pnl_proc::SpawnOptions::kDevNull;
+  options.out = output_fd_;
+  options.err = output_fd_;
   // The child starts with no signal blocked, whatever the builder blocks.
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-  const int rc = ::posix_spawn(&pid_, program_.c_str(), &actions, &attr, args.data(), environ);
-  posix_spawnattr_destroy(&attr);
-  posix_spawn_file_actions_destroy(&actions);
+  options.signals = pnl_proc::SpawnOptions::Signals::kNoneBlocked;
+  const int rc = pnl_proc::Spawn(program_, argv, options, pid_);
   if (with_input) ::close(pipe_fds[0]);
   if (rc != 0) {
     pid_ = -1;
@@ -114,7 +98,7 @@ int Child::Wait() {
     while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }
     pid_ = -1;
-    status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    status_ = pnl_proc::ExitStatus(status);
     ReadOutput();
   }
   return status_;

@@ -8,6 +8,7 @@
 
 #include "child.h"
 #include "zelapi/err.h"
+#include "zelapi/file.h"
 
 namespace zel_aliasdb {
 
@@ -91,7 +92,7 @@ class MakemapWriter : public MapWriter {
   MakemapWriter(const std::string& makemap, const std::string& base)
       : base_(base),
         makemap_(makemap),
-        child_({makemap, "-N", "-f", "-r", "-e", "-t", "\t", "hash", base}, true, FolderOf(base)) {
+        child_({makemap, "-N", "-f", "-r", "-e", "-t", "\t", "hash", base}, true, pnl_file::FolderOf(base)) {
     buffer_.reserve(kFlushAt + 8192);
   }
 
@@ -121,12 +122,6 @@ class MakemapWriter : public MapWriter {
 
  private:
   static constexpr std::size_t kFlushAt = 1 << 16;
-
-  static std::string FolderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-  }
 
   std::string base_;
   std::string makemap_;

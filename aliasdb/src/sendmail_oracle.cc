@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "child.h"
 #include "zelaliasdb/aliases_file.h"
 #include "zelaliasdb/hash_map.h"
 #include "zelapi/err.h"
+#include "zelapi/file.h"
 
 namespace zel_aliasdb {
 
@@ -20,37 +22,34 @@ namespace {
 // the question is answered.
 class TempAliases {
  public:
-  TempAliases(const std::string& dir, std::string_view content) {
+  TempAliases(const std::string& dir, std::string_view content) : ops_(pnl_file::CurrentOps()) {
     path_ = dir + "/.zelaliasdb-line.XXXXXX";
-    const int fd = ::mkostemp(path_.data(), O_CLOEXEC);
-    if (fd < 0)
-      throw pnl_err::Error("aliasdb", dir, std::string("cannot make a temporary file: ") + std::strerror(errno));
+    int fd = -1;
+    int err = ops_->MakeTemp(path_, fd);
+    if (err != 0)
+      throw pnl_err::Error("aliasdb", dir, std::string("cannot make a temporary file: ") + std::strerror(err));
     std::size_t done = 0;
-    int err = 0;
     while (done < content.size()) {
-      const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        err = errno;
-        break;
-      }
-      done += static_cast<std::size_t>(n);
+      std::size_t written = 0;
+      if ((err = ops_->Write(fd, content.data() + done, content.size() - done, written)) != 0) break;
+      done += written;
     }
-    ::close(fd);
+    ops_->Close(fd);
     if (err != 0) {
-      ::unlink(path_.c_str());
+      ops_->Unlink(path_);
       throw pnl_err::Error("aliasdb", path_, std::string("cannot write: ") + std::strerror(err));
     }
   }
   ~TempAliases() {
-    ::unlink((path_ + ".db").c_str());
-    ::unlink(path_.c_str());
+    ops_->Unlink(path_ + ".db");
+    ops_->Unlink(path_);
   }
   TempAliases(const TempAliases&) = delete;
   TempAliases& operator=(const TempAliases&) = delete;
   const std::string& path() const { return path_; }
 
  private:
+  std::shared_ptr<pnl_file::Ops> ops_;
   std::string path_;
 };
 

@@ -1,6 +1,8 @@
 // Mail addresses of header fields and of the envelope.
 #include "zelresponder/address.h"
 
+#include "zelapi/str.h"
+
 namespace zelresponder {
 
 namespace {
@@ -120,12 +122,6 @@ bool IsHostName(std::string_view text) {
     }
   }
   return labels >= 2 && !all_digits;
-}
-
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
 }
 
 bool HasControl(std::string_view text) {
@@ -285,7 +281,7 @@ bool IsReplyAddress(std::string_view address, std::string* why) {
 }
 
 bool OneMailbox(std::string_view value, std::string& address, std::string* why) {
-  value = Trim(value);
+  value = str::TrimView(value);
   if (value.empty()) return No(why, "it is empty");
   if (HasControl(value)) return No(why, "it holds a control character");
   size_t lt = std::string_view::npos, gt = std::string_view::npos;
@@ -342,7 +338,7 @@ bool OneMailbox(std::string_view value, std::string& address, std::string* why) 
     return true;
   }
   if (gt == std::string_view::npos) return No(why, "its angle brackets do not pair");
-  if (!Trim(value.substr(gt + 1)).empty())
+  if (!str::TrimView(value.substr(gt + 1)).empty())
     return No(why, "it has text after the address in angle brackets");
   if (!IsDisplayName(value.substr(0, lt), why)) return false;
   const std::string_view inner = value.substr(lt + 1, gt - lt - 1);
@@ -354,7 +350,7 @@ bool OneMailbox(std::string_view value, std::string& address, std::string* why) 
 }
 
 bool OnePath(std::string_view value, std::string& address, std::string* why) {
-  value = Trim(value);
+  value = str::TrimView(value);
   if (HasControl(value)) return No(why, "it holds a control character");
   if (value.size() >= 2 && value.front() == '<' && value.back() == '>')
     value = value.substr(1, value.size() - 2);

@@ -1,6 +1,8 @@
 // Reading the envelope line and the header of an incoming message.
 #include "zelresponder/message.h"
 
+#include "zelapi/str.h"
+
 namespace zelresponder {
 
 namespace {
@@ -17,14 +19,6 @@ bool IsFieldName(std::string_view name) {
     if (u < 33 || u > 126 || c == ':') return false;
   }
   return true;
-}
-
-std::string_view TrimBlanks(std::string_view text) {
-  size_t begin = 0;
-  while (begin < text.size() && IsBlank(text[begin])) ++begin;
-  size_t end = text.size();
-  while (end > begin && IsBlank(text[end - 1])) --end;
-  return text.substr(begin, end - begin);
 }
 
 // The sender of sendmail's envelope line "From SENDER DATE": the first word,
@@ -100,18 +94,18 @@ Message Message::Parse(std::string_view text) {
     }
     const size_t colon = line.find(':');
     // Blanks before the colon are the obsolete syntax, still read.
-    if (colon == std::string_view::npos || !IsFieldName(TrimBlanks(line.substr(0, colon)))) {
+    if (colon == std::string_view::npos || !IsFieldName(str::TrimView(line.substr(0, colon)))) {
       message.broken_ = true;
       ended = true;
       break;
     }
     HeaderField field;
-    field.name = std::string(TrimBlanks(line.substr(0, colon)));
+    field.name = std::string(str::TrimView(line.substr(0, colon)));
     field.value = std::string(line.substr(colon + 1));
     message.fields_.push_back(std::move(field));
   }
   if (!ended) message.cut_ = true;
-  for (HeaderField& field : message.fields_) field.value = std::string(TrimBlanks(field.value));
+  for (HeaderField& field : message.fields_) field.value = std::string(str::TrimView(field.value));
   return message;
 }
 

@@ -43,20 +43,15 @@ std::string Clean(std::string_view text) {
   return out;
 }
 
-std::string Trim(std::string_view text) {
-  size_t begin = 0;
-  while (begin < text.size() && text[begin] == ' ') ++begin;
-  size_t end = text.size();
-  while (end > begin && text[end - 1] == ' ') --end;
-  return std::string(text.substr(begin, end - begin));
-}
+// Spaces only: a tab left in a subject stays as written.
+std::string TrimSpaces(std::string_view text) { return std::string(str::TrimView(text, " ")); }
 
 // text cut to at most limit bytes: after its last whole word when a blank
 // allows it, else at the last character boundary of UTF-8.
 std::string CutWords(const std::string& text, size_t limit) {
   if (text.size() <= limit) return text;
   const size_t blank = text.rfind(' ', limit);
-  if (blank != std::string::npos && blank > 0) return Trim(text.substr(0, blank));
+  if (blank != std::string::npos && blank > 0) return TrimSpaces(text.substr(0, blank));
   size_t end = limit;
   while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
   return text.substr(0, end);
@@ -240,10 +235,10 @@ std::string QuotedPrintable(const std::string& text) {
 }  // namespace
 
 std::string ReplySubject(const Message& original, const std::string& own) {
-  std::string subject = Trim(Clean(own));
+  std::string subject = TrimSpaces(Clean(own));
   if (subject.empty()) {
     const HeaderField* field = original.Find("Subject");
-    const std::string theirs = field ? CutWords(Trim(Clean(field->value)), kMaxSubject) : "";
+    const std::string theirs = field ? CutWords(TrimSpaces(Clean(field->value)), kMaxSubject) : "";
     if (theirs.empty()) {
       subject = "Re: (no subject)";
     } else if (theirs.size() >= 3 && (theirs[0] == 'R' || theirs[0] == 'r') &&

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,37 +14,16 @@
 #include <vector>
 
 #include "zelapi/err.h"
+#include "zelapi/fd.h"
+#include "zelapi/spawn.h"
 #include "zelapi/str.h"
 #include "zelresponder/responder.h"
-
-extern char** environ;
 
 namespace zelresponder {
 
 namespace {
 
-// A file descriptor closed when it goes.
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() { Close(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  bool open() const { return fd_ >= 0; }
-  void Close() noexcept {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-  void Reset(int fd) noexcept {
-    Close();
-    fd_ = fd;
-  }
-
- private:
-  int fd_ = -1;
-};
+using pnl_file::Fd;
 
 void MakePipe(const std::string& command, Fd& read_end, Fd& write_end) {
   int fds[2];
@@ -110,21 +88,16 @@ SendResult SendThroughCommand(const std::string& command, const std::string& tex
   MakePipe(command, in_read, in_write);
   MakePipe(command, out_read, out_write);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in_read.get(), 0);
-  posix_spawn_file_actions_adddup2(&actions, out_write.get(), 1);
-  posix_spawn_file_actions_adddup2(&actions, out_write.get(), 2);
+  pnl_proc::SpawnOptions options;
+  options.in = in_read.get();
+  options.out = out_write.get();
+  options.err = out_write.get();
   // "$@" gives the shell's positional parameters, each as one word, with no
   // splitting or expansion: the arguments never pass through its parser.
-  const std::string script = command + " \"$@\"";
-  std::vector<const char*> argv = {"/bin/sh", "-c", script.c_str(), "zelpnl-responder"};
-  for (const std::string& arg : args) argv.push_back(arg.c_str());
-  argv.push_back(nullptr);
+  std::vector<std::string> argv = {"/bin/sh", "-c", command + " \"$@\"", "zelpnl-responder"};
+  argv.insert(argv.end(), args.begin(), args.end());
   pid_t pid = -1;
-  const int spawned = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr,
-                                    const_cast<char* const*>(argv.data()), environ);
-  posix_spawn_file_actions_destroy(&actions);
+  const int spawned = pnl_proc::Spawn("/bin/sh", argv, options, pid);
   in_read.Close();
   out_write.Close();
   if (spawned != 0) {
@@ -195,13 +168,7 @@ SendResult SendThroughCommand(const std::string& command, const std::string& tex
       break;
     }
   }
-  if (lost) {
-    result.status = 127;
-  } else if (WIFEXITED(status)) {
-    result.status = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    result.status = 128 + WTERMSIG(status);
-  }
+  result.status = lost ? 127 : pnl_proc::ExitStatus(status);
   result.took_all = !broken && written == text.size();
   ResponderLog().Debug("ran \"" + Escaped(CommandLine(command, args)) +
                        "\" status=" + std::to_string(result.status));

@@ -6,6 +6,7 @@
 
 #include "zelapi/conf/parse.h"
 #include "zelapi/err.h"
+#include "zelapi/hash.h"
 
 namespace zel_conf {
 
@@ -99,58 +100,20 @@ void KeyIndex::Erase(std::uint32_t hash, std::int32_t record) {
 
 namespace {
 
-// The eight bytes of w with each ASCII capital made small, all at once: the
-// low seven bits of each byte are compared with 'A' and 'Z' by additions
-// that cannot carry into the next byte; bytes of 0x80 and above stay.
-inline std::uint64_t LowerWord(std::uint64_t w) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101ull;
-  constexpr std::uint64_t kHigh = 0x8080808080808080ull;
-  const std::uint64_t low = w & ~kHigh;
-  const std::uint64_t from_a = low + (0x80 - 'A') * kOnes;      // high bit: at least 'A'
-  const std::uint64_t past_z = low + (0x80 - 'Z' - 1) * kOnes;  // high bit: beyond 'Z'
-  const std::uint64_t upper = from_a & ~past_z & ~w & kHigh;
-  return w | (upper >> 2);  // 0x80 >> 2 is the 0x20 between 'A' and 'a'
-}
-
 inline unsigned char LowerByte(unsigned char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<unsigned char>(c + ('a' - 'A')) : c;
 }
 
-// Store::Hash of key, with each word passed through fold first (the last,
-// short word too, its missing bytes zero).
-template <class Fold>
-std::uint32_t HashWith(std::string_view key, Fold fold) {
-  // Eight bytes at a time, each word mixed in by a multiply and a shift;
-  // the last step spreads every input bit over the low bits the index uses.
-  std::uint64_t h = 0x9e3779b97f4a7c15ull ^ key.size();
-  const char* p = key.data();
-  std::size_t n = key.size();
-  for (; n >= 8; p += 8, n -= 8) {
-    std::uint64_t w;
-    std::memcpy(&w, p, 8);
-    h = (h ^ fold(w)) * 0xbf58476d1ce4e5b9ull;
-    h ^= h >> 31;
-  }
-  if (n > 0) {
-    std::uint64_t w = 0;
-    for (std::size_t i = 0; i < n; ++i)
-      w |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
-    h = (h ^ fold(w)) * 0xbf58476d1ce4e5b9ull;
-    h ^= h >> 31;
-  }
-  h *= 0x94d049bb133111ebull;
-  h ^= h >> 32;
-  return static_cast<std::uint32_t>(h);
-}
-
 }  // namespace
 
+// The low bits are the ones the index uses; the platform's hash spreads
+// every input bit over them.
 std::uint32_t Store::Hash(std::string_view key) {
-  return HashWith(key, [](std::uint64_t w) { return w; });
+  return static_cast<std::uint32_t>(pnl_hash::Hash64(key));
 }
 
 std::uint32_t Store::FoldedHash(std::string_view key) {
-  return HashWith(key, [](std::uint64_t w) { return LowerWord(w); });
+  return static_cast<std::uint32_t>(pnl_hash::Hash64Folded(key));
 }
 
 bool Store::FoldedEqual(std::string_view a, std::string_view b) {
@@ -163,7 +126,7 @@ bool Store::FoldedEqual(std::string_view a, std::string_view b) {
     std::uint64_t x, y;
     std::memcpy(&x, p, 8);
     std::memcpy(&y, q, 8);
-    if (x != y && LowerWord(x) != LowerWord(y)) return false;
+    if (x != y && pnl_hash::LowerWord(x) != pnl_hash::LowerWord(y)) return false;
   }
   for (std::size_t i = 0; i < n; ++i)
     if (LowerByte(static_cast<unsigned char>(p[i])) != LowerByte(static_cast<unsigned char>(q[i])))

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "zelapi/err.h"
+#include "zelapi/fd.h"
 
 namespace pnl_file {
 
@@ -58,55 +59,6 @@ std::atomic<bool>& Replaced() {
 [[noreturn]] void Fail(const std::string& path, const std::string& step, int err) {
   throw pnl_err::Error("file", path, step + ": " + std::strerror(err));
 }
-
-// Closes a descriptor unless released; errors at this point are moot.
-class FdGuard {
- public:
-  FdGuard(Ops& ops, int fd) : ops_(ops), fd_(fd) {}
-  ~FdGuard() {
-    if (fd_ >= 0) ops_.Close(fd_);
-  }
-  FdGuard(const FdGuard&) = delete;
-  FdGuard& operator=(const FdGuard&) = delete;
-  int fd() const { return fd_; }
-  int Release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  Ops& ops_;
-  int fd_;
-};
-
-// The temporary file of a save: closed and removed unless committed.
-class TempFile {
- public:
-  TempFile(Ops& ops, std::string path, int fd) : ops_(ops), path_(std::move(path)), fd_(fd) {}
-  ~TempFile() {
-    if (fd_ >= 0) ops_.Close(fd_);
-    if (!committed_) ops_.Unlink(path_);
-  }
-  TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-
-  const std::string& path() const { return path_; }
-  int fd() const { return fd_; }
-  // Closes the descriptor; returns close's result.
-  int Close() {
-    int fd = fd_;
-    fd_ = -1;
-    return ops_.Close(fd);
-  }
-  void Commit() { committed_ = true; }
-
- private:
-  Ops& ops_;
-  std::string path_;
-  int fd_;
-  bool committed_ = false;
-};
 
 // How old a temporary file without a holder must be before a later save
 // takes it for the leftover of a save that was killed.
@@ -263,7 +215,7 @@ bool ReadFile(const std::string& path, std::string& data, FileId& id) {
   int err = ops->Open(path, O_RDONLY, 0, fd);
   if (err == ENOENT) return false;
   if (err != 0) Fail(path, "cannot open for reading", err);
-  FdGuard guard(*ops, fd);
+  Fd guard(fd, *ops);
   if ((err = ops->Fstat(fd, id)) != 0) Fail(path, "cannot stat", err);
   data.clear();
   // One read past the expected size tells the end; a file that grows while
@@ -289,7 +241,7 @@ bool CloseToOthers(const std::string& path, unsigned* old_mode) {
   int fd = -1;
   // O_NONBLOCK: a FIFO put in the file's place must not hold the caller.
   if (ops->Open(path, O_RDONLY | O_NONBLOCK, 0, fd) != 0) return false;
-  FdGuard guard(*ops, fd);
+  Fd guard(fd, *ops);
   FileId id;
   if (ops->Fstat(fd, id) != 0) return false;
   if (id.uid != ::geteuid() || (id.mode & 07) == 0) return false;
@@ -311,6 +263,29 @@ std::string BaseName(const std::string& path) {
 }
 
 namespace safe {
+
+TempFile::~TempFile() {
+  if (fd_ >= 0) ops_.Close(fd_);
+  if (committed_ || path_.empty()) return;
+  ops_.Unlink(path_);
+  for (const std::string& also : also_) ops_.Unlink(also);
+}
+
+int TempFile::Make(const std::string& folder, const std::string& name) {
+  std::string path = (folder == "/" ? "" : folder) + "/." + name + ".XXXXXX";
+  int fd = -1;
+  const int err = ops_.MakeTemp(path, fd);
+  if (err != 0) return err;
+  path_ = std::move(path);
+  fd_ = fd;
+  return 0;
+}
+
+int TempFile::Close() {
+  const int fd = fd_;
+  fd_ = -1;
+  return ops_.Close(fd);
+}
 
 Folder::Folder(const std::string& path) { Open(path); }
 
@@ -377,11 +352,11 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
   if (!folder.IsOpen() || folder.Path() != dir) folder.Open(dir);
 
   RemoveStaleTemps(dir, BaseName(target));
-  std::string temp_path = (dir == "/" ? "" : dir) + "/." + BaseName(target) + ".XXXXXX";
-  int fd = -1;
-  int err = ops->MakeTemp(temp_path, fd);
+  TempFile temp(*ops);
+  int err = temp.Make(dir, BaseName(target));
   if (err != 0) Fail(path, "cannot create temporary file in " + dir, err);
-  TempFile temp(*ops, temp_path, fd);
+  const int fd = temp.fd();
+  const std::string& temp_path = temp.path();
   // Held until the descriptor is closed: a later save leaves a temporary
   // file alone while its save lives.
   ::flock(fd, LOCK_EX | LOCK_NB);
@@ -449,7 +424,7 @@ void FlushFileSystem(const std::string& path) {
   int fd = -1;
   int err = ops->Open(path, O_RDONLY | O_NONBLOCK, 0, fd);
   if (err != 0) Fail(path, "cannot open to flush its file system", err);
-  FdGuard guard(*ops, fd);
+  Fd guard(fd, *ops);
   if ((err = ops->SyncFileSystem(fd)) != 0) Fail(path, "cannot flush its file system", err);
 }
 

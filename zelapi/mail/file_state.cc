@@ -8,6 +8,7 @@
 #include "zelapi/db.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
+#include "zelapi/hash.h"
 #include "zelapi/mail/tables.h"
 
 namespace zel_db {
@@ -16,30 +17,6 @@ namespace {
 
 constexpr char kHookName[] = "zel_db.file_state";
 constexpr char kMissing[] = "missing";
-
-// 64-bit hash of a file's content, eight bytes at a time. Not a checksum
-// against tampering: it only tells a rewritten file from the old one when
-// stat cannot (same size, same time stamp).
-uint64_t ContentHash(const std::string& data) {
-  const uint64_t kMul = 0x9E3779B97F4A7C15ull;
-  uint64_t h = 0x243F6A8885A308D3ull ^ data.size();
-  size_t i = 0;
-  for (; i + 8 <= data.size(); i += 8) {
-    uint64_t w = 0;
-    for (int b = 7; b >= 0; --b) w = (w << 8) | static_cast<unsigned char>(data[i + b]);
-    h = (h ^ w) * kMul;
-    h ^= h >> 29;
-  }
-  uint64_t tail = 0;
-  for (size_t j = data.size(); j > i; --j) tail = (tail << 8) | static_cast<unsigned char>(data[j - 1]);
-  h = (h ^ tail) * kMul;
-  h ^= h >> 33;
-  h *= 0xFF51AFD7ED558CCDull;
-  h ^= h >> 33;
-  h *= 0xC4CEB9FE1A85EC53ull;
-  h ^= h >> 33;
-  return h;
-}
 
 bool Stored(pnl_db::Cache& cache, const std::string& path, std::string& state) {
   pnl_db::Query q = cache.Query("SELECT state FROM file_state WHERE path = ?", {path});
@@ -95,7 +72,7 @@ std::string FileState(const std::string& path) {
                 static_cast<unsigned long long>(data.size()),
                 static_cast<long long>(id.mtime_ns / 1000000000),
                 static_cast<long long>(id.mtime_ns % 1000000000),
-                static_cast<unsigned long long>(ContentHash(data)));
+                static_cast<unsigned long long>(pnl_hash::Hash64(data)));
   return text;
 }
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,67 +14,20 @@
 #include <utility>
 
 #include "zelapi/err.h"
+#include "zelapi/fd.h"
 #include "zelapi/log.h"
-
-extern char** environ;
+#include "zelapi/spawn.h"
 
 namespace pnl_proc {
 namespace {
+
+using pnl_file::Fd;
 
 // How often a reader whose pipe stays open checks whether the command's own
 // process has ended (a background child may hold the pipe for ever).
 constexpr int kExitCheckMillis = 100;
 // What is still read from the pipe once the command's process has ended.
 constexpr size_t kDrainLimit = 1 << 20;
-
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() { Close(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  Fd& operator=(Fd&& other) noexcept {
-    if (this != &other) {
-      Close();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-
-  int get() const { return fd_; }
-  void Close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_ = -1;
-};
-
-class SpawnActions {
- public:
-  SpawnActions() { ::posix_spawn_file_actions_init(&actions_); }
-  ~SpawnActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-  SpawnActions(const SpawnActions&) = delete;
-  SpawnActions& operator=(const SpawnActions&) = delete;
-  posix_spawn_file_actions_t* get() { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-};
-
-class SpawnAttributes {
- public:
-  SpawnAttributes() { ::posix_spawnattr_init(&attributes_); }
-  ~SpawnAttributes() { ::posix_spawnattr_destroy(&attributes_); }
-  SpawnAttributes(const SpawnAttributes&) = delete;
-  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-  posix_spawnattr_t* get() { return &attributes_; }
-
- private:
-  posix_spawnattr_t attributes_;
-};
 
 pnl_err::Error SystemError(const std::string& command, const std::string& what, int error) {
   return pnl_err::Error("proc", command, what + ": " + std::strerror(error));
@@ -90,18 +42,12 @@ double SecondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-int StatusOf(int wait_status) {
-  if (WIFEXITED(wait_status)) return WEXITSTATUS(wait_status);
-  if (WIFSIGNALED(wait_status)) return 128 + WTERMSIG(wait_status);
-  return 127;
-}
-
 int WaitFor(pid_t pid) {
   int wait_status = 0;
   while (::waitpid(pid, &wait_status, 0) < 0) {
     if (errno != EINTR) return 127;  // not our child any more: nothing to report
   }
-  return StatusOf(wait_status);
+  return ExitStatus(wait_status);
 }
 
 // Reads what is in the pipe now. Returns false at end of file or on error.
@@ -143,7 +89,7 @@ int Collect(pid_t pid, int fd, std::string& output) {
       } while (done < 0 && errno == EINTR);
       if (done == pid) {
         ReadAvailable(fd, output, kDrainLimit);
-        return StatusOf(wait_status);
+        return ExitStatus(wait_status);
       }
       if (done < 0) return 127;
     }
@@ -197,37 +143,16 @@ RunResult ShellRunner::Run(const std::string& command, int mode) {
       throw SystemError(command, "cannot make a pipe", errno);
   }
 
-  SpawnActions actions;
-  ::posix_spawn_file_actions_addopen(actions.get(), STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  if (mode == 0) {
-    ::posix_spawn_file_actions_addopen(actions.get(), STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    ::posix_spawn_file_actions_addopen(actions.get(), STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  } else {
-    ::posix_spawn_file_actions_adddup2(actions.get(), write_end.get(), STDOUT_FILENO);
-    if (mode == 2)
-      ::posix_spawn_file_actions_adddup2(actions.get(), write_end.get(), STDERR_FILENO);
+  SpawnOptions options;
+  if (mode != 0) {
+    options.out = write_end.get();
+    options.err = mode == 2 ? write_end.get() : SpawnOptions::kOurs;
   }
-
   // The command starts with no blocked signals and default dispositions,
   // whatever the host ignores or blocks (SIGPIPE, SIGCHLD).
-  SpawnAttributes attributes;
-  sigset_t none;
-  sigemptyset(&none);
-  sigset_t all;
-  sigfillset(&all);
-  sigdelset(&all, SIGKILL);
-  sigdelset(&all, SIGSTOP);
-  ::posix_spawnattr_setsigmask(attributes.get(), &none);
-  ::posix_spawnattr_setsigdefault(attributes.get(), &all);
-  ::posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-  std::string dash_c = "-c";
-  std::string line = command;
-  std::string shell = shell_;
-  char* argv[] = {shell.data(), dash_c.data(), line.data(), nullptr};
+  options.signals = SpawnOptions::Signals::kNoneBlockedAllDefault;
   pid_t pid = 0;
-  const int spawned = ::posix_spawn(&pid, shell_.c_str(), actions.get(), attributes.get(), argv,
-                                    environ);
+  const int spawned = Spawn(shell_, {shell_, "-c", command}, options, pid);
   write_end.Close();
   if (spawned != 0) {
     result.status = 127;

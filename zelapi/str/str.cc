@@ -67,10 +67,12 @@ std::string Replace(const std::string& text, const std::string& from, const std:
   return result;
 }
 
-std::string Trim(const std::string& text) {
-  const size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return std::string();
-  const size_t last = text.find_last_not_of(" \t");
+std::string Trim(const std::string& text) { return std::string(TrimView(text)); }
+
+std::string_view TrimView(std::string_view text, std::string_view chars) {
+  const size_t first = text.find_first_not_of(chars);
+  if (first == std::string_view::npos) return std::string_view();
+  const size_t last = text.find_last_not_of(chars);
   return text.substr(first, last - first + 1);
 }
 

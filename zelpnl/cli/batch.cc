@@ -30,6 +30,7 @@
 #include "words.h"
 #include "zelapi/err.h"
 #include "zelapi/log.h"
+#include "zelapi/str.h"
 
 namespace zelpnl {
 
@@ -74,13 +75,6 @@ struct Plan {
   std::vector<Line> lines;
   size_t refused = 0;
 };
-
-std::string Trim(const std::string& text) {
-  size_t start = 0, end = text.size();
-  while (start < end && (text[start] == ' ' || text[start] == '\t')) ++start;
-  while (end > start && (text[end - 1] == ' ' || text[end - 1] == '\t')) --end;
-  return text.substr(start, end - start);
-}
 
 std::string ReadInput(const std::string& source) {
   if (source == "-") {
@@ -151,7 +145,7 @@ Plan Read(const std::string& source, bool stop_on_error) {
     if (!raw.empty() && raw.back() == '\r') raw.pop_back();
     Line line;
     line.number = number;
-    line.text = Trim(raw);
+    line.text = str::Trim(raw);
     try {
       if (raw.find('\0') != std::string::npos)
         throw Invalid("batch line", line.text, "holds a NUL byte");

@@ -14,6 +14,12 @@
 // while ours holds it, saying the file is locked). The report lists the
 // messages sendmail would print, in its words, and its summary line.
 //
+// The builder's own file-system calls (opening and reading the aliases file,
+// the temporary name, the mode and owner, the rename, the flush of the
+// folder) go through the platform's seam, pnl_file::Ops, as the panel's do,
+// so a test can make any of them fail; the map's pages are written by
+// Berkeley DB or by makemap, outside it.
+//
 // Nothing is shared between calls; Build may run on several threads for
 // different files.
 #pragma once

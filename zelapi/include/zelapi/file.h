@@ -144,6 +144,42 @@ class Folder {
   std::string path_;
 };
 
+// A temporary file made beside a file that is to be replaced: a new name
+// ".NAME.XXXXXX" in the same folder (mode 0600), made through an Ops, so that
+// the finished file can be renamed over the old one. Unless committed, the
+// file is closed and removed when the object goes, together with any name
+// given to AlsoRemove (the files a library made from its name by adding a
+// suffix). WriteFile below writes through it; a caller whose file is written
+// by someone else (a database library, a program) closes it and passes the
+// name on. Costs one mkstemp; the Ops must outlive the object. One thread at
+// a time; neither copied nor moved.
+class TempFile {
+ public:
+  explicit TempFile(Ops& ops) : ops_(ops) {}
+  ~TempFile();
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+
+  // Makes ".name.XXXXXX" in folder ("/" and other folders alike). Returns 0,
+  // or the error number of Ops::MakeTemp (nothing was made). Call once.
+  int Make(const std::string& folder, const std::string& name);
+  const std::string& path() const { return path_; }
+  int fd() const { return fd_; }
+  // Closes the descriptor (the name stays); returns Ops::Close's result.
+  int Close();
+  // Removes path too when the object goes uncommitted.
+  void AlsoRemove(std::string path) { also_.push_back(std::move(path)); }
+  // The file was renamed into place (or taken over): nothing is removed.
+  void Commit() { committed_ = true; }
+
+ private:
+  Ops& ops_;
+  std::string path_;
+  int fd_ = -1;
+  std::vector<std::string> also_;
+  bool committed_ = false;
+};
+
 // Replaces the file at path with data, atomically: a temporary file beside
 // it (".<name>.XXXXXX"), write, mode and owner of original (or 0644 and the
 // caller's owner when original is null or does not exist), fsync, rename

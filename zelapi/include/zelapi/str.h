@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace str {
 
@@ -44,6 +45,11 @@ std::string Replace(const std::string& text, const std::string& from, const std:
 
 // Blanks (space, tab) removed at both ends.
 std::string Trim(const std::string& text);
+
+// The part of text left when every character of chars is taken off both
+// ends (by default the blanks, space and tab, as Trim): a view into text,
+// valid as long as text is, made without a copy.
+std::string_view TrimView(std::string_view text, std::string_view chars = " \t");
 
 // text as one /bin/sh word: unchanged when it is not empty and every
 // character is one /bin/sh reads as itself in any word (letters, digits and
