@@ -1,219 +1,58 @@
-// zelpnl mail domain add|list|show|suspend|resume|update|delete|set.
-//
-// A new row is posted, then the back-end called; when the back-end fails the
-// row is deleted again. A state change (suspend, resume, set) goes to the
-// files first and is posted only when they took it. A deletion removes the
-// files' lines (the domain's mailboxes first) and then the rows. The
-// back-end's calls go through FileChange::Change, whose undo steps are those
-// rules (in a batch they run at its end, when the files fail there).
-#include "access_entries.h"
+// zelpnl mail domain add|list|show|suspend|resume|update|delete|set: the
+// command line of the mail domain operations (mail_domains.h) and the
+// rendering of their results, as JSON and as text.
 #include "commands.h"
-#include "email/mta_interface.h"
-#include "records.h"
-#include "row_checks.h"
+#include "mail_domains.h"
 #include "validation.h"
-#include "zelapi/err.h"
 
 namespace zelpnl {
 
 namespace {
 
-const std::vector<std::string> kActions = {"error", "ignore", "redir_email", "redir_domain"};
-
-std::string ActionText(const nlohmann::ordered_json& d) {
-  const std::string action = d["default_action"];
-  const std::string redirect = d["redirect"];
-  return redirect.empty() ? action : action + " " + redirect;
+// mail domain: name, unicode, owner (null when none), enabled,
+// default_action, redirect, mailboxes (count).
+nlohmann::ordered_json DomainJson(const MailDomainView& d) {
+  return {
+      {"name", d.name},
+      {"unicode", d.unicode},
+      {"owner", d.owner.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(d.owner)},
+      {"enabled", d.enabled},
+      {"default_action", d.default_action},
+      {"redirect", d.redirect},
+      {"mailboxes", d.mailboxes},
+  };
 }
 
-std::string OwnerText(const nlohmann::ordered_json& d) {
-  return d["owner"].is_null() ? "-" : d["owner"].get<std::string>();
+std::string ActionText(const MailDomainView& d) {
+  return d.redirect.empty() ? d.default_action : d.default_action + " " + d.redirect;
 }
 
-void Add(Host& host, const Output& out, const std::string& name, const std::string& owner,
-         const std::string& action, const std::string& redirect) {
-  pnl_db::Cache& db = host.Db();
-  WebDomainRow web = FindWebDomain(db, name);
-  if (!web)
-    throw pnl_err::Error("unknown", "web domain " + Quote(name),
-                         "does not exist; a mail domain must be a web domain of the panel first "
-                         "(zelpnl webdomain add " + name + " --owner USER)");
-  if (FindMailDomain(db, name))
-    throw pnl_err::Error("exists", "mail domain " + Quote(name), "already exists");
-  // A mail domain belongs to whoever owns its web domain.
-  const int64_t owner_id = web->users.Value();
-  if (!owner.empty() && RequireUser(db, owner)->id.Value() != owner_id) {
-    const std::string web_owner = UserNameById(db, owner_id);
-    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
-                         "belongs to the owner of its web domain (" +
-                             (web_owner.empty() ? std::string("the web domain has none")
-                                                : web_owner) +
-                             "), not to " + owner);
-  }
-  // A name sendmail takes as the server's own would hand the domain's mail
-  // to the system's users.
-  const std::string taken = host.Mta().ServerNameReason(name);
-  if (!taken.empty())
-    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
-                         taken + "; it cannot be a mail domain of the panel");
-  RefuseAccessEntryOfNewDomain(host.Mta(), name);
+std::string OwnerText(const MailDomainView& d) { return d.owner.empty() ? "-" : d.owner; }
 
-  MailDomainRow row = db.Get<zel_db::EmailDomainTable>();
-  row->New();
-  row->name = name;
-  row->enabled = true;
-  row->def_action = action;
-  row->redirect = redirect;
-  if (owner_id) row->users = owner_id;
-  row->Post();
-  const int64_t id = row->id.Value();
-  // A catch-all line for a domain the panel does not know: left by an add
-  // that ended before its row was kept, or made by hand. The domain's lines
-  // are replaced, so the key is written once.
-  const bool leftover = host.Mta().HasDomainLeftover(name);
-  if (leftover)
-    MailLog().Info("mail domain " + name + ": replacing its lines in the files");
-  host.Files().Change(
-      [&] {
-        if (leftover) host.Mta().DeleteDomain(row);
-        host.Mta().CreateDomain(row);
-      },
-      [&host, id] { DeleteRowById(host.Db(), "email_domain", id); });
-  if (!out.json()) return;
-  row = RequireMailDomain(db, name);
-  out.Print({{"domain", MailDomainJson(db, row)}}, "");
-}
-
-void List(Host& host, const Output& out) {
-  pnl_db::Cache& db = host.Db();
+void PrintList(const Output& out, const std::vector<MailDomainView>& domains) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   std::vector<std::vector<std::string>> rows;
-  for (const std::string& name : MailDomainNames(db)) {
-    MailDomainRow d = RequireMailDomain(db, name);
-    nlohmann::ordered_json item = MailDomainJson(db, d);
-    rows.push_back({item["unicode"], OwnerText(item), item["enabled"] ? "active" : "suspended",
-                    ActionText(item), std::to_string(item["mailboxes"].get<int64_t>())});
-    list.push_back(std::move(item));
+  for (const MailDomainView& d : domains) {
+    rows.push_back({d.unicode, OwnerText(d), d.enabled ? "active" : "suspended", ActionText(d),
+                    std::to_string(d.mailboxes)});
+    list.push_back(DomainJson(d));
   }
   out.Print({{"domains", list}},
             Table({"DOMAIN", "OWNER", "STATE", "DEFAULT ACTION", "MAILBOXES"}, rows));
 }
 
-void Show(Host& host, const Output& out, const std::string& name) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow row = RequireMailDomain(db, name);
-  nlohmann::ordered_json item = MailDomainJson(db, row);
-  std::vector<std::string> boxes;
-  for (const std::string& local : MailboxNamesOf(db, row->id.Value()))
-    boxes.push_back(local + "@" + item["unicode"].get<std::string>());
-  item["mailbox_list"] = boxes;
-  std::vector<std::pair<std::string, std::string>> fields = {
-      {"domain", item["unicode"]},
-      {"ascii", item["name"]},
-      {"owner", OwnerText(item)},
-      {"state", item["enabled"] ? "active" : "suspended"},
-      {"default action", ActionText(item)},
-      {"mailboxes", JoinOrDash(boxes)},
-  };
-  out.Print({{"domain", item}}, Fields(fields));
-}
-
-enum class Change { kSuspend, kResume, kUpdate };
-
-void SetState(Host& host, const Output& out, const std::string& name, Change change,
-              bool allow_programs) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow row = RequireMailDomain(db, name);
-  const int64_t id = row->id.Value();
-  const bool was = row->enabled.Value();
-  auto restore = [&host, id, was] { SetEnabledById(host.Db(), "email_domain", id, was); };
-  // A suspension writes no forwards; a resume or an update writes every
-  // mailbox's back.
-  const bool programs = change == Change::kSuspend || allow_programs;
-  // A suspension writes the domain's access entry: never over one the panel
-  // did not write.
-  if (change == Change::kSuspend || (change == Change::kUpdate && !was))
-    RefuseForeignAccessEntry(host.Mta(), name, "mail domain " + Quote(name));
-  switch (change) {
-    case Change::kSuspend:
-      host.Files().Change(
-          [&] {
-            CheckDomainRows(db, id, programs);
-            host.Mta().SuspendDomain(row);
-          },
-          restore);
-      row->enabled = false;
-      break;
-    case Change::kResume:
-      host.Files().Change(
-          [&] {
-            CheckDomainRows(db, id, programs);
-            host.Mta().ResumeDomain(row);
-          },
-          restore);
-      row->enabled = true;
-      break;
-    case Change::kUpdate:
-      host.Files().Change([&] {
-        CheckDomainRows(db, id, programs);
-        host.Mta().UpdateDomain(row);
-      });
-      break;
-  }
-  row->Post();
-  if (out.json()) out.Print({{"domain", MailDomainJson(db, row)}}, "");
-}
-
-void Set(Host& host, const Output& out, const std::string& name, const std::string& action,
-         const std::string& redirect, bool allow_programs) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow row = RequireMailDomain(db, name);
-  const int64_t id = row->id.Value();
-  const std::string old_action = row->def_action.Value();
-  const std::string old_redirect = row->redirect.Value();
-  if (!row->enabled.Value()) RefuseForeignAccessEntry(host.Mta(), name, "mail domain " + Quote(name));
-  row->def_action = action;
-  row->redirect = redirect;
-  // The files take the new action from the row in memory; it is stored once
-  // they have it (a suspended domain keeps its suspension and gets the action
-  // when it is resumed).
-  try {
-    host.Files().Change(
-        [&] {
-          CheckDomainRows(db, id, allow_programs);
-          host.Mta().UpdateDomain(row);
-        },
-        [&host, id, old_action, old_redirect] {
-                       RestoreDomainAction(host.Db(), id, old_action, old_redirect);
-                     });
-  } catch (...) {
-    row->Reset();
-    throw;
-  }
-  row->Post();
-  if (out.json()) out.Print({{"domain", MailDomainJson(db, row)}}, "");
-}
-
-void Delete(Host& host, const Output& out, const std::string& name) {
-  pnl_db::Cache& db = host.Db();
-  MailDomainRow row = RequireMailDomain(db, name);
-  const std::vector<std::string> locals = MailboxNamesInOrderAdded(db, row->id.Value());
-  std::vector<std::string> deleted;
-  // Each mailbox's lines go, then its rows; then the domain's. The files are
-  // saved once, at the end, with all of it gone; when that fails the rows
-  // stay deleted (the files' text lost the lines too).
-  host.Files().Change([&] {
-    for (const std::string& local : locals) {
-      const Address address{local, name};
-      MailboxRow mailbox = RequireMailbox(db, address);
-      host.Mta().DeleteEmail(mailbox);
-      mailbox->Delete();
-      deleted.push_back(address.Text());
-    }
-    host.Mta().DeleteDomain(row);
-    row->Delete();
-  });
-  out.Print({{"deleted", {{"domain", name}, {"mailboxes", deleted}}}}, "");
+void PrintDetail(const Output& out, const MailDomainDetail& detail) {
+  const MailDomainView& d = detail.domain;
+  nlohmann::ordered_json item = DomainJson(d);
+  item["mailbox_list"] = detail.mailboxes;
+  out.Print({{"domain", item}}, Fields({
+                                    {"domain", d.unicode},
+                                    {"ascii", d.name},
+                                    {"owner", OwnerText(d)},
+                                    {"state", d.enabled ? "active" : "suspended"},
+                                    {"default action", ActionText(d)},
+                                    {"mailboxes", JoinOrDash(detail.mailboxes)},
+                                }));
 }
 
 // The values common to add and set: the action and its redirect.
@@ -236,7 +75,7 @@ void AddActionOptions(CLI::App* cmd, ActionOptions& options, bool required) {
                       "What mail to unknown local parts gets: error (rejected), ignore "
                       "(discarded), redir_email (sent to the --redirect address), redir_domain "
                       "(sent to the same local part at the --redirect domain)")
-          ->check(CLI::IsMember(kActions))
+          ->check(CLI::IsMember(MailDomainActions()))
           ->option_text("ACTION");
   if (required) action->required();
   cmd->add_option("--redirect", options.redirect,
@@ -267,46 +106,58 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
     const std::string user = owner->empty() ? "" : UserName(*owner);
     const std::string redirect = Redirect(action->action, action->redirect, domain_name);
     const std::string act = action->action;
-    *out = {Needs::kMail,
-            [=](Host& h, const Output& o) { Add(h, o, domain_name, user, act, redirect); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailDomainView d = AddMailDomain(h.MailRequest(), domain_name, user, act, redirect);
+              if (o.json()) o.Print({{"domain", DomainJson(d)}}, "");
+            }};
   });
 
   CLI::App* list = domain->add_subcommand("list", "List the mail domains");
-  list->callback([=] { *out = {Needs::kMail, [](Host& h, const Output& o) { List(h, o); }}; });
+  list->callback([=] {
+    *out = {Needs::kMail,
+            [](Host& h, const Output& o) { PrintList(o, ListMailDomains(h.MailRequest())); }};
+  });
 
   CLI::App* show = domain->add_subcommand("show", "Show one mail domain and its mailboxes");
   show->add_option("NAME", *name, "Mail domain")->required();
   show->callback([=] {
     const std::string domain_name = DomainName(*name);
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Show(h, o, domain_name); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              PrintDetail(o, ShowMailDomain(h.MailRequest(), domain_name));
+            }};
   });
 
+  using StateChange = MailDomainView (*)(const Request&, const std::string&, bool);
   struct StateCommand {
     const char* verb;
     const char* help;
-    Change change;
+    StateChange change;  // nullptr: suspend
   };
   const StateCommand states[] = {
       {"suspend",
        "Suspend a mail domain: its catch-all line rejects mail and the access map refuses it",
-       Change::kSuspend},
+       nullptr},
       {"resume", "Resume a suspended mail domain: its default action and access are restored",
-       Change::kResume},
+       &ResumeMailDomain},
       {"update",
        "Write the mail domain's state (active or suspended, default action) to the files again",
-       Change::kUpdate},
+       &UpdateMailDomain},
   };
   for (const StateCommand& state : states) {
     CLI::App* cmd = domain->add_subcommand(state.verb, state.help);
     cmd->add_option("NAME", *name, "Mail domain")->required();
     auto allow = std::make_shared<bool>(false);
-    if (state.change != Change::kSuspend) AddAllowPrograms(cmd, *allow);
-    const Change change = state.change;
+    if (state.change != nullptr) AddAllowPrograms(cmd, *allow);
+    const StateChange change = state.change;
     cmd->callback([=] {
       const std::string domain_name = DomainName(*name);
       const bool programs = *allow;
-      *out = {Needs::kMail,
-              [=](Host& h, const Output& o) { SetState(h, o, domain_name, change, programs); }};
+      *out = {Needs::kMail, [=](Host& h, const Output& o) {
+                const MailDomainView d =
+                    change == nullptr ? SuspendMailDomain(h.MailRequest(), domain_name)
+                                      : change(h.MailRequest(), domain_name, programs);
+                if (o.json()) o.Print({{"domain", DomainJson(d)}}, "");
+              }};
     });
   }
 
@@ -315,7 +166,10 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
   del->add_option("NAME", *name, "Mail domain")->required();
   del->callback([=] {
     const std::string domain_name = DomainName(*name);
-    *out = {Needs::kMail, [=](Host& h, const Output& o) { Delete(h, o, domain_name); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const std::vector<std::string> deleted = DeleteMailDomain(h.MailRequest(), domain_name);
+              o.Print({{"deleted", {{"domain", domain_name}, {"mailboxes", deleted}}}}, "");
+            }};
   });
 
   CLI::App* set = domain->add_subcommand("set", "Change a mail domain's default action");
@@ -328,8 +182,11 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
     const std::string redirect = Redirect(action->action, action->redirect, domain_name);
     const std::string act = action->action;
     const bool programs = *set_allow;
-    *out = {Needs::kMail,
-            [=](Host& h, const Output& o) { Set(h, o, domain_name, act, redirect, programs); }};
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailDomainView d =
+                  SetMailDomainAction(h.MailRequest(), domain_name, act, redirect, programs);
+              if (o.json()) o.Print({{"domain", DomainJson(d)}}, "");
+            }};
   });
 }
 

@@ -349,17 +349,14 @@ void RestoreResponder(pnl_db::Cache& db, int64_t responder_id, bool enabled,
            {enabled ? 1 : 0, subject, text, Key(responder_id)});
 }
 
-nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& domain) {
-  const std::string owner = UserNameById(db, domain->users.Value());
-  return {
-      {"name", domain->name.Value()},
-      {"unicode", domain->name.Unicode()},
-      {"owner", owner.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(owner)},
-      {"enabled", domain->enabled.Value()},
-      {"default_action", domain->def_action.Value()},
-      {"redirect", domain->redirect.Value()},
-      {"mailboxes", MailboxCount(db, domain->id.Value())},
-  };
+MailDomainView MailDomainViewOf(pnl_db::Cache& db, const MailDomainRow& domain) {
+  return {domain->name.Value(),
+          domain->name.Unicode(),
+          UserNameById(db, domain->users.Value()),
+          domain->enabled.Value(),
+          domain->def_action.Value(),
+          domain->redirect.Value(),
+          MailboxCount(db, domain->id.Value())};
 }
 
 MailboxView MailboxViewOf(pnl_db::Cache& db, const MailboxRow& mailbox) {

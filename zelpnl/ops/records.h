@@ -12,8 +12,6 @@
 // released before it closes. Used from the request's thread only.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -172,9 +170,16 @@ struct MailboxView {
 };
 MailboxView MailboxViewOf(pnl_db::Cache& db, const MailboxRow& mailbox);
 
-// Descriptions for --json (and the source of the text forms):
-//   mail domain: name, unicode, owner (null when none), enabled,
-//     default_action, redirect, mailboxes (count).
-nlohmann::ordered_json MailDomainJson(pnl_db::Cache& db, const MailDomainRow& domain);
+// A mail domain as the panel shows it.
+struct MailDomainView {
+  std::string name;     // ASCII
+  std::string unicode;
+  std::string owner;    // the owning user's name, "" for none
+  bool enabled = true;
+  std::string default_action;
+  std::string redirect;
+  int64_t mailboxes = 0;  // how many
+};
+MailDomainView MailDomainViewOf(pnl_db::Cache& db, const MailDomainRow& domain);
 
 }  // namespace zelpnl
