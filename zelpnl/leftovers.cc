@@ -1,6 +1,6 @@
 #include "leftovers.h"
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "zelapi/cf.h"
 

@@ -16,7 +16,7 @@
 #include "commands.h"
 #include "email/mta_interface.h"
 #include "leftovers.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "row_checks.h"
 #include "validation.h"
 #include "zelapi/err.h"

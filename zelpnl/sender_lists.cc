@@ -7,7 +7,7 @@
 #include "access_entries.h"
 #include "commands.h"
 #include "email/mta_interface.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 #include "zelapi/log.h"

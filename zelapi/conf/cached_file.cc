@@ -5,7 +5,7 @@
 #include <exception>
 #include <utility>
 
-#include "zelapi/conf/parse.h"
+#include "zelapi/conf/parse_context.h"
 #include "zelapi/err.h"
 
 namespace zel_conf {

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "zelapi/conf/cache.h"
-#include "engine.h"
+#include "cache_registry.h"
 #include "store.h"
 #include "zelapi/file.h"
 

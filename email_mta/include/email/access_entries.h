@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "email/records.h"
+#include "email/file_views.h"
 
 namespace email {
 

@@ -53,7 +53,7 @@
 #include <string>
 #include <vector>
 
-#include "zelapi/conf/record.h"
+#include "zelapi/conf/field.h"
 #include "zelapi/smart_ptr.h"
 
 class Cf;
