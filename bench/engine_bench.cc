@@ -49,7 +49,7 @@
 #include <typeinfo>
 #include <vector>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "zelapi/conf/conf.h"
 #include "zelapi/file.h"

@@ -5,7 +5,7 @@
 #include <typeinfo>
 #include <utility>
 
-#include "email/records.h"
+#include "email/file_views.h"
 
 namespace email {
 

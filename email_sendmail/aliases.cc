@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/db.h"

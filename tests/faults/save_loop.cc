@@ -13,7 +13,7 @@
 #include <exception>
 #include <string>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "sandbox.h"
 #include "zelapi/err.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "memory_files.h"
 #include "sandbox.h"

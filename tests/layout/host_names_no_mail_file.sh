@@ -6,7 +6,7 @@
 set -u
 dir=${1:?usage: host_names_no_mail_file.sh ZELPNL_SOURCE_DIR}
 [ -f "$dir/ops/host.cc" ] || { echo "no host.cc in $dir" >&2; exit 2; }
-names='"sendmail-[a-z]+"|email/(tables|records|sendmail_like)\.h|\b(VirtualUserTable|AliasTable|AccessDb|LocalHostNames)\b|SendmailLikeInterface'
+names='"sendmail-[a-z]+"|email/(tables|file_views|sendmail_like)\.h|\b(VirtualUserTable|AliasTable|AccessDb|LocalHostNames)\b|SendmailLikeInterface'
 found=$(grep -nE "$names" "$dir"/*/*.cc "$dir"/*/*.h | grep -v "^$dir/cli/init.cc:")
 if [ -n "$found" ]; then
   echo "The host names a mail file or table:"

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "cached_file.h"
-#include "engine.h"
+#include "cache_registry.h"
 
 // ------------------------------------------------------------ registry
 

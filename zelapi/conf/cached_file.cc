@@ -2,58 +2,31 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
 #include <utility>
 
-#include "zelapi/conf/parse.h"
+#include "line_writer.h"
 #include "zelapi/err.h"
 
 namespace zel_conf {
 
 namespace {
 
+using Guard = std::lock_guard<std::recursive_mutex>;
+
 bool HasLineEnd(const std::string& text) {
   return std::memchr(text.data(), '\n', text.size()) != nullptr ||
          std::memchr(text.data(), '\r', text.size()) != nullptr;
 }
 
-// Lines of text, the last one counted also without its line end.
-std::size_t CountLines(std::string_view text) {
-  std::size_t lines = 1;
-  const char* p = text.data();
-  const char* const end = p + text.size();
-  while (p < end) {
-    const void* nl = std::memchr(p, '\n', static_cast<std::size_t>(end - p));
-    if (nl == nullptr) break;
-    ++lines;
-    p = static_cast<const char*>(nl) + 1;
-  }
-  return lines;
+void ClearFields(dd::Record& fields) {
+  for (std::size_t i = 0; i < fields.FieldCount(); ++i) fields.FieldAt(i).Erase();
 }
 
-// The bytes of a logical line as its lines joined: without its line ends
-// and, where a backslash joins lines, the backslash before a joined one.
-std::size_t JoinedSize(std::string_view text, bool backslash) {
-  std::size_t size = text.size();
-  for (std::size_t p = 0; p < text.size(); ++p) {
-    if (text[p] != '\n') continue;
-    --size;
-    if (backslash && p > 0 && p + 1 < text.size() && text[p - 1] == '\\') --size;
-  }
-  return size;
-}
-
-// Whether a logical line takes in the line after it: it ends in a backslash
-// (before its line end, or before the end of the file).
-bool JoinsNext(std::string_view text, const pnl_token::Params& rules) {
-  if (!rules.BackslashJoins()) return false;
-  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  return !text.empty() && text.back() == '\\';
-}
-
-std::string Shown(std::string text) {
-  if (!text.empty() && text.back() == '\n') text.pop_back();
-  return text;
+// Content versions are drawn from one counter of the process, so a copy
+// dropped from the cache and read again never repeats an earlier number.
+std::uint64_t NextVersion() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
 }
 
 }  // namespace
@@ -67,86 +40,26 @@ CachedFile::~CachedFile() = default;
   throw pnl_err::Error("conf", path_, why);
 }
 
-[[noreturn]] void CachedFile::Lost(const ConfDataSet& c) const {
-  Refuse("record '" + c.lost_key_ +
+[[noreturn]] void CachedFile::Lost(const CursorPosition& at) const {
+  Refuse("record '" + at.lost_key +
          "' was changed or removed on disk by someone else since it was read; read it again");
 }
 
-// ------------------------------------------------------------ loading
-
-CachedFile::Parsers CachedFile::MakeParsers(const TableDef& def) {
-  Parsers parsers;
-  for (const TableDef::View& view : def.views) {
-    parsers.emplace_back(view.factory());
-    const dd::Record& record = *parsers.back();
-    if (record.FieldCount() == 0)
-      throw pnl_err::Error("conf", view.label, "a record view needs at least its key field");
-  }
-  return parsers;
-}
-
-int CachedFile::Claim(Cf& cf, const Parsers& parsers) {
-  const pnl_token::Token::Type first = cf.token_type();
-  if (first == pnl_token::Token::LineEnd || first == pnl_token::Token::End) return -1;
-  for (std::size_t v = 0; v < parsers.size(); ++v) {
-    cf.Rewind();
-    cf.Offer(parsers[v].get());
-    bool claimed;
-    try {
-      claimed = parsers[v]->Parse(cf);
-    } catch (const std::exception&) {
-      claimed = false;
-    }
-    if (claimed) return static_cast<int>(v);
-  }
-  cf.Rewind();
-  return -1;
-}
+// ------------------------------------------------------------ identity
 
 void CachedFile::Load() {
   std::shared_ptr<const TableDef> def = engine_.impl_->Table(table_);
-  std::string data;
-  pnl_file::FileId id;
-  if (!pnl_file::ReadFile(path_, data, id)) {
-    data.clear();
-    id = pnl_file::FileId();
-  }
-  Install(std::move(data), id, std::move(def));
+  DiskText disk = ReadDisk(path_);
+  Install(std::move(disk.data), disk.id, std::move(def));
 }
-
-namespace {
-
-// Content versions are drawn from one counter of the process, so a copy
-// dropped from the cache and read again never repeats an earlier number.
-std::uint64_t NextVersion() {
-  static std::atomic<std::uint64_t> last{0};
-  return ++last;
-}
-
-}  // namespace
 
 void CachedFile::Install(std::string data, const pnl_file::FileId& id,
                          std::shared_ptr<const TableDef> def) {
-  Parsers parsers = MakeParsers(*def);
-  std::vector<std::size_t> counts;
-  for (const auto& p : parsers) {
-    const dd::Record& record = *p;
-    counts.push_back(record.FieldCount());
-  }
-  Store fresh;
-  fresh.Reset(std::move(data), counts, def->fold_keys);
-  const std::string& text = fresh.base();
-  fresh.ReserveLines(CountLines(text));
-  Cf cf(text, *def->rules);
-  while (cf.NextLine()) {
-    const std::int32_t line = fresh.AppendLine(cf.line_offset(), cf.line_end() - cf.line_offset());
-    const int view = Claim(cf, parsers);
-    if (view >= 0 && cf.stored()) fresh.AddRecord(line, cf.line_offset(), cf, view);
-  }
-  fresh.IndexAll();
+  ViewParsers views(*def);
+  Store fresh = BuildStore(std::move(data), *def, views);
   if (loaded_) Relocate(fresh, *def);
   store_ = std::move(fresh);
-  parsers_ = std::move(parsers);
+  views_ = std::move(views);
   def_ = std::move(def);
   id_ = id;
   version_ = NextVersion();
@@ -155,33 +68,33 @@ void CachedFile::Install(std::string data, const pnl_file::FileId& id,
 }
 
 void CachedFile::Relocate(const Store& fresh, const TableDef& def) {
-  for (ConfDataSet* c : cursors_) {
-    const int view = def.ViewIndex(def_->views[static_cast<std::size_t>(c->view_)].rname);
-    if (c->state_ == ConfDataSet::kOnRecord) {
-      const std::string key(store_.Key(c->record_));
-      const std::int32_t r = fresh.FindNth(view, key, store_.Occurrence(c->record_));
+  for (CursorPosition* c : cursors_) {
+    const int view = def.ViewIndex(def_->views[static_cast<std::size_t>(c->view)].rname);
+    if (c->state == CursorPosition::kOnRecord) {
+      const std::string key(store_.Key(c->record));
+      const std::int32_t r = fresh.FindNth(view, key, store_.Occurrence(c->record));
       if (r >= 0) {
-        c->record_ = r;
+        c->record = r;
       } else {
-        c->state_ = ConfDataSet::kLost;
-        c->lost_key_ = key;
+        c->state = CursorPosition::kLost;
+        c->lost_key = key;
       }
-    } else if (c->state_ == ConfDataSet::kAfterDelete && c->next_line_ >= 0) {
-      const std::int32_t old = store_.RecordFrom(c->view_, c->next_line_);
+    } else if (c->state == CursorPosition::kAfterDelete && c->next_line >= 0) {
+      const std::int32_t old = store_.RecordFrom(c->view, c->next_line);
       if (old < 0) {
-        c->next_line_ = -1;
+        c->next_line = -1;
       } else {
         const std::string key(store_.Key(old));
         const std::int32_t r = fresh.FindNth(view, key, store_.Occurrence(old));
         if (r >= 0) {
-          c->next_line_ = fresh.record(r).line;
+          c->next_line = fresh.record(r).line;
         } else {
-          c->state_ = ConfDataSet::kLost;
-          c->lost_key_ = key;
+          c->state = CursorPosition::kLost;
+          c->lost_key = key;
         }
       }
     }
-    c->view_ = view;
+    c->view = view;
   }
 }
 
@@ -231,263 +144,233 @@ SmartPtr<HeadDataSet> CachedFile::NewCursor(const std::string& rname) {
     if (view < 0) throw pnl_err::Error("conf", rname, "is not a record view of table " + table_);
   }
   SmartPtr<HeadDataSet> head(def_->views[static_cast<std::size_t>(view)].factory());
-  ConfDataSet& c = *head;
   const dd::Record& record = *head;
-  const dd::Record& parser = *parsers_[static_cast<std::size_t>(view)];
-  if (record.FieldCount() != parser.FieldCount())
+  if (record.FieldCount() != views_.Parser(view).FieldCount())
     throw pnl_err::Error("conf", rname, "made a view with another number of fields");
-  c.file_ = shared_from_this();
-  c.head_ = head.get();
-  c.view_ = view;
-  c.state_ = ConfDataSet::kNone;
-  c.loaded_.assign(record.FieldCount(), std::string());
-  c.loaded_raw_ = false;
-  cursors_.push_back(&c);
+  auto at = std::make_unique<CursorPosition>();
+  at->view = view;
+  at->loaded.assign(record.FieldCount(), std::string());
+  cursors_.push_back(at.get());
+  CursorBinding::Bind(*head, shared_from_this(), *head, std::move(at));
   return head;
 }
 
-void CachedFile::Unbind(ConfDataSet& cursor) noexcept {
-  auto it = std::find(cursors_.begin(), cursors_.end(), &cursor);
-  if (it != cursors_.end()) cursors_.erase(it);
+void CachedFile::Unbind(CursorPosition& at) noexcept {
+  try {
+    Guard guard(mu_);
+    auto it = std::find(cursors_.begin(), cursors_.end(), &at);
+    if (it != cursors_.end()) cursors_.erase(it);
+  } catch (...) {
+    // Locking can only fail on a broken mutex; the cursor goes away anyway.
+  }
 }
 
-void CachedFile::Position(ConfDataSet& c, std::int32_t record) {
-  c.state_ = ConfDataSet::kOnRecord;
-  c.record_ = record;
-  c.from_create_ = false;
-  const std::size_t n = c.FieldCount();
-  c.loaded_.resize(n);
+void CachedFile::MoveTo(CursorPosition& at, dd::Record& fields, std::int32_t record) {
+  at.state = CursorPosition::kOnRecord;
+  at.record = record;
+  at.from_create = false;
+  const std::size_t n = fields.FieldCount();
+  at.loaded.resize(n);
   for (std::size_t i = 0; i < n; ++i) {
     const std::string_view stored = store_.Value(record, i);
-    c.FieldAt(i).Load(stored);
-    c.loaded_[i].assign(stored.data(), stored.size());
+    fields.FieldAt(i).Load(stored);
+    at.loaded[i].assign(stored.data(), stored.size());
   }
-  c.loaded_raw_ = true;
+  at.loaded_raw = true;
 }
 
-bool CachedFile::Find(ConfDataSet& c, const std::string& key) {
+bool CachedFile::FindLocked(CursorPosition& at, dd::Record& fields, const std::string& key) {
   Check();
-  const std::int32_t r = store_.Find(c.view_, key);
+  const std::int32_t r = store_.Find(at.view, key);
   if (r < 0) {
-    c.state_ = ConfDataSet::kNone;
-    c.ClearFields();
+    at.state = CursorPosition::kNone;
+    ClearFields(fields);
     return false;
   }
-  Position(c, r);
+  MoveTo(at, fields, r);
   return true;
 }
 
-void CachedFile::First(ConfDataSet& c) {
-  Check();
-  const std::int32_t r = store_.RecordFrom(c.view_, store_.head());
-  if (r < 0)
-    c.state_ = ConfDataSet::kEof;
-  else
-    Position(c, r);
+bool CachedFile::Find(CursorPosition& at, dd::Record& fields, const std::string& key) {
+  Guard guard(mu_);
+  return FindLocked(at, fields, key);
 }
 
-void CachedFile::Next(ConfDataSet& c) {
+void CachedFile::Assert(CursorPosition& at, dd::Record& fields, const std::string& key) {
+  Guard guard(mu_);
+  if (!FindLocked(at, fields, key)) Refuse("no record with key '" + key + "'");
+}
+
+std::uint64_t CachedFile::Version() {
+  Guard guard(mu_);
+  Check();
+  return version_;
+}
+
+void CachedFile::First(CursorPosition& at, dd::Record& fields) {
+  Guard guard(mu_);
+  Check();
+  const std::int32_t r = store_.RecordFrom(at.view, store_.head());
+  if (r < 0)
+    at.state = CursorPosition::kEof;
+  else
+    MoveTo(at, fields, r);
+}
+
+void CachedFile::Next(CursorPosition& at, dd::Record& fields) {
+  Guard guard(mu_);
   std::int32_t r = -1;
-  switch (c.state_) {
-    case ConfDataSet::kOnRecord:
-      r = store_.RecordFrom(c.view_, store_.line(store_.record(c.record_).line).next);
+  switch (at.state) {
+    case CursorPosition::kOnRecord:
+      r = store_.RecordFrom(at.view, store_.line(store_.record(at.record).line).next);
       break;
-    case ConfDataSet::kAfterDelete:
-      r = store_.RecordFrom(c.view_, c.next_line_);
+    case CursorPosition::kAfterDelete:
+      r = store_.RecordFrom(at.view, at.next_line);
       break;
-    case ConfDataSet::kEof:
+    case CursorPosition::kEof:
       return;
-    case ConfDataSet::kLost:
-      Lost(c);
+    case CursorPosition::kLost:
+      Lost(at);
     default:
       Refuse("Next without a current record");
   }
   if (r < 0)
-    c.state_ = ConfDataSet::kEof;
+    at.state = CursorPosition::kEof;
   else
-    Position(c, r);
+    MoveTo(at, fields, r);
 }
 
-void CachedFile::New(ConfDataSet& c) {
+bool CachedFile::AtEnd(const CursorPosition& at) {
+  // Another cursor's re-read may move this one: read the state under the lock.
+  Guard guard(mu_);
+  return at.state == CursorPosition::kNone || at.state == CursorPosition::kEof;
+}
+
+bool CachedFile::OnNew(const CursorPosition& at) {
+  Guard guard(mu_);
+  return at.state == CursorPosition::kNew;
+}
+
+void CachedFile::New(CursorPosition& at, dd::Record& fields) {
+  Guard guard(mu_);
   Check();
-  c.ClearFields();
-  c.state_ = ConfDataSet::kNew;
-  c.from_create_ = false;
-  c.loaded_.assign(c.FieldCount(), std::string());
-  c.loaded_raw_ = false;
+  ClearFields(fields);
+  at.state = CursorPosition::kNew;
+  at.from_create = false;
+  at.loaded.assign(fields.FieldCount(), std::string());
+  at.loaded_raw = false;
 }
 
-void CachedFile::Create(ConfDataSet& c, const std::string& key) {
+void CachedFile::Create(CursorPosition& at, dd::Record& fields, const std::string& key) {
   if (HasLineEnd(key)) Refuse("a key cannot hold a line end");
+  Guard guard(mu_);
   Check();
-  const std::int32_t r = store_.Find(c.view_, key);
+  const std::int32_t r = store_.Find(at.view, key);
   if (r >= 0) {
-    Position(c, r);
+    MoveTo(at, fields, r);
     return;
   }
-  c.ClearFields();
-  c.loaded_.assign(c.FieldCount(), std::string());
-  c.loaded_raw_ = false;
-  c.state_ = ConfDataSet::kNone;
-  dd::Field& key_field = c.FieldAt(0);
+  ClearFields(fields);
+  at.loaded.assign(fields.FieldCount(), std::string());
+  at.loaded_raw = false;
+  at.state = CursorPosition::kNone;
+  dd::Field& key_field = fields.FieldAt(0);
   key_field.Set(key);
-  c.loaded_[0] = key_field.Str();
-  c.state_ = ConfDataSet::kNew;
-  c.from_create_ = true;
+  at.loaded[0] = key_field.Str();
+  at.state = CursorPosition::kNew;
+  at.from_create = true;
 }
 
-void CachedFile::Post(ConfDataSet& c, const std::string& note, ConfDataSet* other) {
-  switch (c.state_) {
-    case ConfDataSet::kOnRecord:
+void CachedFile::Post(CursorPosition& at, HeadDataSet& head, const std::string& note,
+                      const CursorPosition* other) {
+  Guard guard(mu_);
+  switch (at.state) {
+    case CursorPosition::kOnRecord:
       Check();
-      if (c.state_ == ConfDataSet::kLost) Lost(c);
-      Update(c, note);
+      if (at.state == CursorPosition::kLost) Lost(at);
+      Update(at, head, note);
       return;
-    case ConfDataSet::kNew: {
+    case CursorPosition::kNew: {
       Check();
-      if (c.from_create_) {
+      if (at.from_create) {
         // Created while the key was missing: if someone added it since,
         // this post changes that record instead of adding a second one.
-        const std::int32_t r = store_.Find(c.view_, c.FieldAt(0).Str());
+        const dd::Record& fields = head;
+        const std::int32_t r = store_.Find(at.view, fields.FieldAt(0).Str());
         if (r >= 0) {
-          c.state_ = ConfDataSet::kOnRecord;
-          c.record_ = r;
-          Update(c, note);
+          at.state = CursorPosition::kOnRecord;
+          at.record = r;
+          Update(at, head, note);
           return;
         }
       }
       std::int32_t after = -1;
-      if (other != nullptr && other->state_ == ConfDataSet::kOnRecord) {
-        const std::int32_t line = store_.record(other->record_).line;
+      if (other != nullptr && other->state == CursorPosition::kOnRecord) {
+        const std::int32_t line = store_.record(other->record).line;
         after = line;
         for (std::int32_t k = store_.BlockSize(line); k > 1; --k) after = store_.line(after).next;
       }
-      Insert(c, note, after);
+      Insert(at, head, note, after);
       return;
     }
-    case ConfDataSet::kLost:
-      Lost(c);
+    case CursorPosition::kLost:
+      Lost(at);
     default:
       Refuse("no current record to post");
   }
 }
 
-bool CachedFile::Delete(ConfDataSet& c, bool must_exist, bool checked) {
-  if (c.state_ == ConfDataSet::kLost) Lost(c);
-  if (c.state_ != ConfDataSet::kOnRecord) {
+bool CachedFile::Delete(CursorPosition& at, bool must_exist) {
+  Guard guard(mu_);
+  return DeleteLocked(at, must_exist, false);
+}
+
+bool CachedFile::DeleteKey(CursorPosition& at, dd::Record& fields, const std::string& key) {
+  Guard guard(mu_);
+  if (!FindLocked(at, fields, key)) return false;
+  // Find has just made the disk check.
+  return DeleteLocked(at, true, true);
+}
+
+bool CachedFile::DeleteLocked(CursorPosition& at, bool must_exist, bool checked) {
+  if (at.state == CursorPosition::kLost) Lost(at);
+  if (at.state != CursorPosition::kOnRecord) {
     if (must_exist) Refuse("no current record to delete");
     return false;
   }
   if (!checked) Check();
-  if (c.state_ == ConfDataSet::kLost) Lost(c);
-  const std::int32_t line = store_.record(c.record_).line;
+  if (at.state == CursorPosition::kLost) Lost(at);
+  const std::int32_t line = store_.record(at.record).line;
   Store::Edit edit;
   edit.kind = Store::Edit::kRemove;
   edit.line = line;
   edit.count = store_.BlockSize(line);
-  Commit(edit, std::string(), {std::string(store_.Key(c.record_))}, [&] {
+  Commit(edit, std::string(), {std::string(store_.Key(at.record))}, [&] {
     const std::int32_t next = store_.RemoveLines(edit.line, edit.count);
-    for (ConfDataSet* x : cursors_) {
-      if (x->state_ == ConfDataSet::kOnRecord && !store_.record(x->record_).alive) {
-        x->state_ = ConfDataSet::kAfterDelete;
-        x->next_line_ = next;
-      } else if (x->state_ == ConfDataSet::kAfterDelete && x->next_line_ >= 0 &&
-                 !store_.LineAlive(x->next_line_)) {
-        x->next_line_ = next;
+    for (CursorPosition* x : cursors_) {
+      if (x->state == CursorPosition::kOnRecord && !store_.record(x->record).alive) {
+        x->state = CursorPosition::kAfterDelete;
+        x->next_line = next;
+      } else if (x->state == CursorPosition::kAfterDelete && x->next_line >= 0 &&
+                 !store_.LineAlive(x->next_line)) {
+        x->next_line = next;
       }
     }
   });
   return true;
 }
 
-// ------------------------------------------------------------ writing
-
-bool CachedFile::SpanEdit(const ConfDataSet& c, const std::vector<bool>& changed,
-                          std::string& text) const {
-  struct Piece {
-    std::uint32_t start, size;
-    std::size_t field;
-  };
-  std::vector<Piece> pieces;
-  for (std::size_t i = 0; i < changed.size(); ++i) {
-    if (!changed[i]) continue;
-    const FieldSlot& s = store_.Slot(c.record_, i);
-    if (s.start == FieldSlot::kNoSpan || s.size == 0) return false;
-    pieces.push_back(Piece{s.start, s.size, i});
-  }
-  std::sort(pieces.begin(), pieces.end(), [](const Piece& a, const Piece& b) { return a.start < b.start; });
-  const std::string_view line = store_.LineText(store_.record(c.record_).line);
-  text.clear();
-  std::size_t at = 0;
-  for (const Piece& p : pieces) {
-    if (p.start < at || p.start + p.size > line.size()) return false;  // overlapping spans
-    text.append(line.substr(at, p.start - at));
-    text.append(c.FieldAt(p.field).Str());
-    at = p.start + p.size;
-  }
-  text.append(line.substr(at));
-  return true;
-}
-
-std::string CachedFile::Template(ConfDataSet& c, bool keep_missing_line_end) const {
-  std::string text = c.head_->NewRecordTemplate();
-  if (text.empty() || text.back() != '\n') text += '\n';
-  if (keep_missing_line_end) text.pop_back();
-  return text;
-}
-
-bool CachedFile::ReadBack(int view, const std::string& text, const std::vector<std::string>& want,
-                          ParsedRecord& parsed, std::string& why) const {
-  const pnl_token::Params& rules = *def_->rules;
-  // Where lines continue each other, a line that continues nothing is put
-  // after the text: a text ending in a backslash would take it in, as it
-  // would take in the line that follows it in the file.
-  std::string probe = text;
-  const bool followed = rules.HasContinuation() && !text.empty() && text.back() == '\n';
-  if (followed) probe += "-\n";
-  Cf cf(probe, rules);
-  if (!cf.NextLine() || cf.line_end() != text.size()) {
-    why = followed && cf.line_end() > text.size() ? "the record would take in the line after it"
-                                                   : "the record would not be one line";
-    return false;
-  }
-  if (rules.LongestLineBytes() > 0) {
-    const std::size_t bytes = JoinedSize(text, rules.BackslashJoins());
-    if (bytes > rules.LongestLineBytes()) {
-      why = "the line would be " + std::to_string(bytes) + " bytes, over the longest the file takes (" +
-            std::to_string(rules.LongestLineBytes()) + " bytes)";
-      return false;
-    }
-  }
-  const int claimed = Claim(cf, parsers_);
-  if (claimed != view || !cf.stored()) {
-    why = "the line '" + Shown(text) + "' would not read back as a record of " +
-          def_->views[static_cast<std::size_t>(view)].label;
-    return false;
-  }
-  const dd::Record& parser = *parsers_[static_cast<std::size_t>(view)];
-  for (std::size_t i = 0; i < want.size(); ++i) {
-    const dd::Field& f = parser.FieldAt(i);
-    const std::string back = f.Canonical(cf.stored_value(i));
-    if (back != want[i]) {
-      why = "field " + f.Name() + " '" + want[i] + "' would read back as '" + back + "'";
-      return false;
-    }
-  }
-  TakeParsed(cf, 0, view, parsed);
-  return true;
-}
-
-void CachedFile::Update(ConfDataSet& c, const std::string& note) {
-  const std::size_t n = c.FieldCount();
-  if (c.loaded_raw_) {
-    for (std::size_t i = 0; i < n; ++i) c.loaded_[i] = c.FieldAt(i).Canonical(c.loaded_[i]);
-    c.loaded_raw_ = false;
+void CachedFile::Update(CursorPosition& at, HeadDataSet& head, const std::string& note) {
+  dd::Record& fields = head;
+  const std::size_t n = fields.FieldCount();
+  if (at.loaded_raw) {
+    for (std::size_t i = 0; i < n; ++i) at.loaded[i] = fields.FieldAt(i).Canonical(at.loaded[i]);
+    at.loaded_raw = false;
   }
   std::vector<bool> changed(n);
   bool any = false;
   for (std::size_t i = 0; i < n; ++i) {
-    changed[i] = c.FieldAt(i).Str() != c.loaded_[i];
+    changed[i] = fields.FieldAt(i).Str() != at.loaded[i];
     any = any || changed[i];
   }
   if (!any) {
@@ -495,76 +378,61 @@ void CachedFile::Update(ConfDataSet& c, const std::string& note) {
     // the after-save step): callers post to have the table brought up to date.
     Store::Edit edit;
     edit.kind = Store::Edit::kUpdate;
-    edit.line = store_.record(c.record_).line;
+    edit.line = store_.record(at.record).line;
     edit.text = std::string(store_.LineText(edit.line));
-    Commit(edit, note, {std::string(store_.Key(c.record_))}, [] {});
+    Commit(edit, note, {std::string(store_.Key(at.record))}, [] {});
     return;
   }
   // What the cursor did not change is taken from the copy, which may be
   // newer than what the cursor read.
   for (std::size_t i = 0; i < n; ++i)
-    if (!changed[i]) c.FieldAt(i).Load(store_.Value(c.record_, i));
+    if (!changed[i]) fields.FieldAt(i).Load(store_.Value(at.record, i));
   std::vector<std::string> want(n);
-  for (std::size_t i = 0; i < n; ++i) want[i] = c.FieldAt(i).Str();
-
-  const std::int32_t line = store_.record(c.record_).line;
-  const std::string_view old_text = store_.LineText(line);
-  const bool no_line_end = old_text.empty() || old_text.back() != '\n';
-  // A record over several lines is written anew as one line: what a span
-  // edit kept of its continuation lines would join the new text.
-  const bool one_line = old_text.find('\n') >= old_text.size() - (no_line_end ? 0 : 1);
-  std::string text;
-  ParsedRecord parsed;
-  std::string why;
-  bool ok = one_line && SpanEdit(c, changed, text) && ReadBack(c.view_, text, want, parsed, why);
-  if (!ok) {
-    text = Template(c, no_line_end);
-    ok = ReadBack(c.view_, text, want, parsed, why);
-  }
-  if (!ok) Refuse("record '" + std::string(store_.Key(c.record_)) + "': " + why);
+  for (std::size_t i = 0; i < n; ++i) want[i] = fields.FieldAt(i).Str();
 
   Store::Edit edit;
   edit.kind = Store::Edit::kUpdate;
-  edit.line = line;
-  edit.text = text;
-  const std::int32_t record = c.record_;
+  edit.line = store_.record(at.record).line;
+  ParsedRecord parsed;
+  std::string why;
+  const LineWriter writer(store_, *def_, views_);
+  if (!writer.Rewrite(at.record, at.view, head, changed, want, edit.text, parsed, why))
+    Refuse("record '" + std::string(store_.Key(at.record)) + "': " + why);
+
+  const std::int32_t record = at.record;
   std::vector<std::string> keys{std::string(store_.Key(record))};
   if (keys[0] != want[0]) keys.push_back(want[0]);
   Commit(edit, note, keys, [&] { store_.UpdateRecord(record, edit.text, parsed); });
-  c.loaded_ = std::move(want);
-  c.loaded_raw_ = false;
+  at.loaded = std::move(want);
+  at.loaded_raw = false;
 }
 
-void CachedFile::Insert(ConfDataSet& c, const std::string& note, std::int32_t after) {
-  const std::size_t n = c.FieldCount();
+void CachedFile::Insert(CursorPosition& at, HeadDataSet& head, const std::string& note,
+                        std::int32_t after) {
+  const dd::Record& fields = head;
+  const std::size_t n = fields.FieldCount();
   std::vector<std::string> want(n);
-  for (std::size_t i = 0; i < n; ++i) want[i] = c.FieldAt(i).Str();
-  // A line that ends in a backslash would take the new line in: the new
-  // line goes before it instead (the line before that one cannot end in a
-  // backslash, or the two would be one line).
-  const std::int32_t before = after < 0 ? store_.tail() : after;
-  if (before >= 0 && JoinsNext(store_.LineText(before), *def_->rules)) {
-    const std::int32_t prev = store_.line(before).prev;
-    after = prev >= 0 ? prev : Store::kAtStart;
-  }
+  for (std::size_t i = 0; i < n; ++i) want[i] = fields.FieldAt(i).Str();
+  const LineWriter writer(store_, *def_, views_);
   Store::Edit edit;
   edit.kind = Store::Edit::kInsert;
-  edit.line = after;
-  edit.text = Template(c, false);
+  edit.line = writer.InsertPoint(after);
   ParsedRecord parsed;
   std::string why;
-  if (!ReadBack(c.view_, edit.text, want, parsed, why))
+  if (!writer.NewLine(at.view, head, want, edit.text, parsed, why))
     Refuse("new record '" + want[0] + "': " + why);
   Commit(edit, note, {want[0]}, [&] {
     // The cursor moves onto the new record as part of the change, so that a
     // rebuilt copy carries it along.
-    c.record_ = store_.InsertRecord(edit.line, edit.text, parsed);
-    c.state_ = ConfDataSet::kOnRecord;
-    c.from_create_ = false;
+    at.record = store_.InsertRecord(edit.line, edit.text, parsed);
+    at.state = CursorPosition::kOnRecord;
+    at.from_create = false;
   });
-  c.loaded_ = std::move(want);
-  c.loaded_raw_ = false;
+  at.loaded = std::move(want);
+  at.loaded_raw = false;
 }
+
+// ------------------------------------------------------------ saving
 
 void CachedFile::NoteKeys(const std::vector<std::string>& keys) {
   for (const std::string& key : keys)

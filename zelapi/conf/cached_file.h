@@ -1,11 +1,14 @@
-// One cached configuration file: its in-memory copy (Store), the table
-// definition it was read with, the identity of the bytes on disk it
-// matches, its unsaved (deferred) changes, and the cursors open on it.
+// The file object: one cached configuration file of one table. It owns the
+// file's identity (path, table, the bytes on disk its copy matches), the
+// copy itself (Store, built by the loader), the unsaved changes of deferred
+// mode, the save of a change and the after-save step, and the positions of
+// the cursors bound to it. Loading is loader.h's job; the text of a written
+// line is line_writer.h's.
 //
-// Every member below the lock is used with mutex() held (a recursive
-// mutex: an after-save hook may open cursors on the same file). The
-// cursor operations of ConfDataSet are implemented here. Internal to the
-// engine.
+// Locking: the file has one recursive mutex (an after-save step may open
+// cursors on the same file). The cursor operations take it themselves;
+// every other member below the lock is used with mutex() held. Internal to
+// the engine.
 #pragma once
 
 #include <algorithm>
@@ -17,9 +20,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "zelapi/conf/cache.h"
-#include "engine.h"
+#include "cache_registry.h"
+#include "cursor_position.h"
+#include "loader.h"
 #include "store.h"
+#include "zelapi/conf/cache.h"
 #include "zelapi/file.h"
 
 namespace zel_conf {
@@ -39,37 +44,39 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   // The engine's bookkeeping (its own lock held).
   std::uint64_t last_use = 0;
 
+  // --- cursor operations, for ConfDataSet (each takes the lock) ---
+  // at is the position this file made for the cursor (NewCursor); fields
+  // and head are the cursor's own view. See ConfDataSet for the contracts.
+
+  bool Find(CursorPosition& at, dd::Record& fields, const std::string& key);
+  void Assert(CursorPosition& at, dd::Record& fields, const std::string& key);
+  void First(CursorPosition& at, dd::Record& fields);
+  void Next(CursorPosition& at, dd::Record& fields);
+  bool AtEnd(const CursorPosition& at);
+  bool OnNew(const CursorPosition& at);
+  void New(CursorPosition& at, dd::Record& fields);
+  void Create(CursorPosition& at, dd::Record& fields, const std::string& key);
+  // other: a position on this file, or null.
+  void Post(CursorPosition& at, HeadDataSet& head, const std::string& note,
+            const CursorPosition* other);
+  bool Delete(CursorPosition& at, bool must_exist);
+  bool DeleteKey(CursorPosition& at, dd::Record& fields, const std::string& key);
+  // See ConfDataSet::ContentVersion (makes the disk check).
+  std::uint64_t Version();
+  // Forgets a cursor's position: the file moves it no more. Never throws.
+  void Unbind(CursorPosition& at) noexcept;
+
   // --- with mutex() held ---
 
   // For ConfCache::Config: creates a missing file when create is set,
   // otherwise reads it (again) as needed.
   void Open(pnl_file::safe::Folder& folder, bool create);
-  // Reads the file again when it changed on disk or the table changed:
-  // one stat of the path (none when now, a stat just made, is given).
-  void Check(const pnl_file::FileId* now = nullptr);
-  // A new cursor of view rname bound to this file.
+  // A new cursor of view rname bound to this file (ConfRef::_Get).
   SmartPtr<HeadDataSet> NewCursor(const std::string& rname);
-  void Unbind(ConfDataSet& cursor) noexcept;
   // Deferred mode: saves the unsaved changes (reason 2).
   void Flush();
   // Drops unsaved changes; the file is read again at its next use.
   void Discard() noexcept;
-
-  // Cursor operations.
-  bool Find(ConfDataSet& c, const std::string& key);
-  void First(ConfDataSet& c);
-  void Next(ConfDataSet& c);
-  void New(ConfDataSet& c);
-  void Create(ConfDataSet& c, const std::string& key);
-  void Post(ConfDataSet& c, const std::string& note, ConfDataSet* other);
-  // checked: the caller has just made the disk check of this operation.
-  bool Delete(ConfDataSet& c, bool must_exist, bool checked = false);
-
-  // See ConfDataSet::ContentVersion (makes the disk check).
-  std::uint64_t Version() {
-    Check();
-    return version_;
-  }
 
   const Store& store() const { return store_; }
   // Memory held by the copy's texts.
@@ -85,27 +92,22 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   }
 
  private:
-  using Parsers = std::vector<std::unique_ptr<HeadDataSet>>;
-
-  static Parsers MakeParsers(const TableDef& def);
-  // The view that claims cf's current line (-1: none); see Cf.
-  static int Claim(Cf& cf, const Parsers& parsers);
+  // Reads the file again when it changed on disk or the table changed:
+  // one stat of the path (none when now, a stat just made, is given).
+  void Check(const pnl_file::FileId* now = nullptr);
   // Reads the file and replaces the copy, moving cursors to their records.
   void Load();
   void Install(std::string data, const pnl_file::FileId& id, std::shared_ptr<const TableDef> def);
+  // Moves every bound position from the copy to fresh, made with def.
   void Relocate(const Store& fresh, const TableDef& def);
 
-  void Position(ConfDataSet& c, std::int32_t record);
-  void Update(ConfDataSet& c, const std::string& note);
-  void Insert(ConfDataSet& c, const std::string& note, std::int32_t after);
-  // The new line for c's record by replacing the changed fields' spans;
-  // false when a span is unknown.
-  bool SpanEdit(const ConfDataSet& c, const std::vector<bool>& changed, std::string& text) const;
-  std::string Template(ConfDataSet& c, bool keep_missing_line_end) const;
-  // Parses text as one line: true when view claims it with exactly the
-  // values want; otherwise why holds the reason.
-  bool ReadBack(int view, const std::string& text, const std::vector<std::string>& want,
-                ParsedRecord& parsed, std::string& why) const;
+  // Puts at on record and loads the record's values into fields.
+  void MoveTo(CursorPosition& at, dd::Record& fields, std::int32_t record);
+  bool FindLocked(CursorPosition& at, dd::Record& fields, const std::string& key);
+  bool DeleteLocked(CursorPosition& at, bool must_exist, bool checked);
+  void Update(CursorPosition& at, HeadDataSet& head, const std::string& note);
+  void Insert(CursorPosition& at, HeadDataSet& head, const std::string& note, std::int32_t after);
+
   // Saves now (or only marks dirty in deferred mode) the copy with edit
   // applied; apply() makes the edit in the copy once it is safe to.
   // keys: the keys of the records the edit writes or removes, handed to
@@ -121,7 +123,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   // text (the file as it is now, saved or not).
   void Compact(std::string text);
 
-  [[noreturn]] void Lost(const ConfDataSet& c) const;
+  [[noreturn]] void Lost(const CursorPosition& at) const;
   [[noreturn]] void Refuse(const std::string& why) const;
 
   ConfCache& engine_;
@@ -130,7 +132,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   std::recursive_mutex mu_;
 
   std::shared_ptr<const TableDef> def_;
-  Parsers parsers_;
+  ViewParsers views_;
   Store store_;
   bool loaded_ = false;
   bool stale_ = false;
@@ -143,7 +145,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile> {
   // changed, each once.
   std::vector<std::string> changed_;
   std::unordered_set<std::string> changed_seen_;
-  std::vector<ConfDataSet*> cursors_;
+  std::vector<CursorPosition*> cursors_;  // the positions of the bound cursors
 };
 
 }  // namespace zel_conf

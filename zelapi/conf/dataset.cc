@@ -1,11 +1,24 @@
 #include "zelapi/conf/dataset.h"
 
-#include <mutex>
+#include <utility>
 
 #include "cached_file.h"
+#include "cursor_position.h"
 #include "zelapi/err.h"
 
-using Guard = std::lock_guard<std::recursive_mutex>;
+// The cursor keeps its file and its position and hands the position back
+// with each operation; the file reads and moves it under its own lock.
+
+namespace zel_conf {
+
+void CursorBinding::Bind(ConfDataSet& cursor, std::shared_ptr<CachedFile> file, HeadDataSet& head,
+                         std::unique_ptr<CursorPosition> at) {
+  cursor.file_ = std::move(file);
+  cursor.head_ = &head;
+  cursor.at_ = std::move(at);
+}
+
+}  // namespace zel_conf
 
 ConfDataSet::ConfDataSet() = default;
 
@@ -13,15 +26,9 @@ ConfDataSet::~ConfDataSet() { Release(); }
 
 void ConfDataSet::Release() noexcept {
   if (!file_) return;
-  try {
-    Guard guard(file_->mutex());
-    file_->Unbind(*this);
-  } catch (...) {
-    // Locking can only fail on a broken mutex; the cursor goes away anyway.
-  }
+  file_->Unbind(*at_);
   file_.reset();
-  state_ = kNone;
-  record_ = -1;
+  at_.reset();
 }
 
 zel_conf::CachedFile& ConfDataSet::Open() const {
@@ -29,99 +36,44 @@ zel_conf::CachedFile& ConfDataSet::Open() const {
   return *file_;
 }
 
-void ConfDataSet::ClearFields() {
-  for (std::size_t i = 0; i < FieldCount(); ++i) FieldAt(i).Erase();
-}
-
 const std::string& ConfDataSet::FileName() const {
   static const std::string none;
   return file_ ? file_->path() : none;
 }
 
-bool ConfDataSet::Find(const std::string& key) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  return f.Find(*this, key);
-}
+bool ConfDataSet::Find(const std::string& key) { return Open().Find(*at_, *this, key); }
 
-std::uint64_t ConfDataSet::ContentVersion() {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  return f.Version();
-}
+void ConfDataSet::Assert(const std::string& key) { Open().Assert(*at_, *this, key); }
 
-void ConfDataSet::First() {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  f.First(*this);
-}
+std::uint64_t ConfDataSet::ContentVersion() { return Open().Version(); }
 
-void ConfDataSet::Next() {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  f.Next(*this);
-}
+void ConfDataSet::First() { Open().First(*at_, *this); }
 
-bool ConfDataSet::Eof() const {
-  // Another cursor's re-read may move this one: read the state under the lock.
-  if (!file_) return state_ == kNone || state_ == kEof;
-  Guard guard(file_->mutex());
-  return state_ == kNone || state_ == kEof;
-}
+void ConfDataSet::Next() { Open().Next(*at_, *this); }
 
-bool ConfDataSet::IsNew() const {
-  if (!file_) return state_ == kNew;
-  Guard guard(file_->mutex());
-  return state_ == kNew;
-}
+// Without a file the cursor stands nowhere: at the end, on no new record.
+bool ConfDataSet::Eof() const { return file_ ? file_->AtEnd(*at_) : true; }
 
-void ConfDataSet::New() {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  f.New(*this);
-}
+bool ConfDataSet::IsNew() const { return file_ ? file_->OnNew(*at_) : false; }
 
-void ConfDataSet::Create(const std::string& key) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  f.Create(*this, key);
-}
+void ConfDataSet::New() { Open().New(*at_, *this); }
 
-void ConfDataSet::Assert(const std::string& key) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  if (!f.Find(*this, key))
-    throw pnl_err::Error("conf", f.path(), "no record with key '" + key + "'");
-}
+void ConfDataSet::Create(const std::string& key) { Open().Create(*at_, *this, key); }
 
-void ConfDataSet::Post(const std::string& note) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  f.Post(*this, note, nullptr);
-}
+void ConfDataSet::Post(const std::string& note) { Open().Post(*at_, *head_, note, nullptr); }
 
 void ConfDataSet::Post(ConfDataSet& other) {
   zel_conf::CachedFile& f = Open();
   if (!SameFile(other))
     throw pnl_err::Error("conf", f.path(), "Post after a cursor of another file");
-  Guard guard(f.mutex());
-  f.Post(*this, std::string(), &other);
+  f.Post(*at_, *head_, std::string(), other.at_.get());
 }
 
 void ConfDataSet::Delete() { _Delete(true); }
 
-bool ConfDataSet::_Delete(bool must_exist) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  return f.Delete(*this, must_exist);
-}
+bool ConfDataSet::_Delete(bool must_exist) { return Open().Delete(*at_, must_exist); }
 
-bool ConfDataSet::Delete(const std::string& key) {
-  zel_conf::CachedFile& f = Open();
-  Guard guard(f.mutex());
-  if (!f.Find(*this, key)) return false;
-  return f.Delete(*this, true, /*checked=*/true);
-}
+bool ConfDataSet::Delete(const std::string& key) { return Open().DeleteKey(*at_, *this, key); }
 
 HeadDataSet::HeadDataSet() = default;
 HeadDataSet::~HeadDataSet() = default;

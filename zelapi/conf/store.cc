@@ -4,7 +4,7 @@
 #include <cstring>
 #include <utility>
 
-#include "zelapi/conf/parse.h"
+#include "zelapi/conf/parse_context.h"
 #include "zelapi/err.h"
 #include "zelapi/hash.h"
 

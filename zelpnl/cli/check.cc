@@ -2,7 +2,7 @@
 // address now ("sendmail -bv", with the set-up's own sendmail.cf when the
 // configuration names one) and prints its answer.
 #include "commands.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"

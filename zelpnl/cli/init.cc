@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "commands.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/db.h"
 #include "zelapi/err.h"

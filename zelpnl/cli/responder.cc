@@ -4,7 +4,7 @@
 // fails, the row gets its earlier values back (a new row is deleted).
 #include "commands.h"
 #include "email/mta_interface.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 

@@ -8,7 +8,7 @@
 #include "commands.h"
 #include "email/access_entries.h"
 #include "email/mta_interface.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 #include "zelapi/log.h"

@@ -5,7 +5,7 @@
 
 #include "commands.h"
 #include "email/mta_interface.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/responder_settings.h"
 

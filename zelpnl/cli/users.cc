@@ -1,7 +1,7 @@
 // zelpnl user add|list|delete: the panel's users, owners of web and mail
 // domains.
 #include "commands.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 

@@ -1,7 +1,7 @@
 // zelpnl webdomain add|list|delete: the panel's own domain table, which a
 // mail domain must be listed in.
 #include "commands.h"
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 #include "zelapi/str.h"

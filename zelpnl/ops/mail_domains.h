@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "records.h"
+#include "panel_rows.h"
 #include "request.h"
 
 namespace zelpnl {

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "records.h"
+#include "panel_rows.h"
 #include "request.h"
 #include "validation.h"
 

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "records.h"
+#include "panel_rows.h"
 #include "validation.h"
 #include "zelapi/err.h"
 

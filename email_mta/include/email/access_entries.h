@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "email/access_entry.h"
-#include "email/records.h"
+#include "email/file_views.h"
 
 namespace email {
 

@@ -26,8 +26,8 @@
 #include <string>
 #include <vector>
 
+#include "email/file_views.h"
 #include "email/mta_interface.h"
-#include "email/records.h"
 #include "zelapi/file.h"
 
 namespace email {

@@ -12,7 +12,7 @@
 
 #include "counting_runner.h"
 #include "email/fail.h"
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "sandbox.h"

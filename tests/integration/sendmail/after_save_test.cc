@@ -9,7 +9,7 @@
 
 #include "counting_runner.h"
 #include "email/fail.h"
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "sandbox.h"
 #include "zelapi/api.h"

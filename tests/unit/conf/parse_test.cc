@@ -1,5 +1,5 @@
 // The parse context: what views see and what they store.
-#include "zelapi/conf/parse.h"
+#include "zelapi/conf/parse_context.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Fields and list fields: values, checks, splitting and joining.
-#include "zelapi/conf/record.h"
+#include "zelapi/conf/field.h"
 
 #include <gtest/gtest.h>
 

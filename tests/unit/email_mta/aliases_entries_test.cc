@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "email/records.h"
+#include "email/file_views.h"
 #include "email/tables.h"
 #include "sandbox.h"
 #include "zelapi/err.h"

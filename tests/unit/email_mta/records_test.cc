@@ -1,7 +1,7 @@
 // The record views of the four sendmail-family files, read from and written
 // to real files through the engine. No after-save step is installed here, so
 // saves run no command.
-#include "email/records.h"
+#include "email/file_views.h"
 
 #include <gtest/gtest.h>
 

@@ -53,13 +53,15 @@
 #include <string>
 #include <vector>
 
-#include "zelapi/conf/record.h"
+#include "zelapi/conf/field.h"
 #include "zelapi/smart_ptr.h"
 
 class Cf;
 class HeadDataSet;
 namespace zel_conf {
 class CachedFile;
+class CursorBinding;
+struct CursorPosition;
 }
 
 class ConfDataSet : public virtual dd::Record {
@@ -123,24 +125,16 @@ class ConfDataSet : public virtual dd::Record {
   void Release() noexcept;
 
  private:
-  friend class zel_conf::CachedFile;
-  enum State { kNone, kOnRecord, kNew, kAfterDelete, kEof, kLost };
+  // The engine binds a new cursor to its file through this one accessor.
+  friend class zel_conf::CursorBinding;
 
   zel_conf::CachedFile& Open() const;
-  void ClearFields();
 
   std::shared_ptr<zel_conf::CachedFile> file_;
   HeadDataSet* head_ = nullptr;
-  int view_ = -1;
-  State state_ = kNone;
-  std::int32_t record_ = -1;     // kOnRecord
-  std::int32_t next_line_ = -1;  // kAfterDelete: the line to continue from
-  bool from_create_ = false;     // kNew made by Create
-  std::string lost_key_;         // kLost: the key that vanished
-  std::vector<std::string> loaded_;  // field values as read (Str form)
-  // loaded_ holds the texts as stored instead, made Str form (Field::Canonical)
-  // only when a post needs them: moving onto a record costs no joining.
-  bool loaded_raw_ = false;
+  // Where the cursor stands, as the file made it: the cursor keeps it and
+  // hands it back with each operation; only the file reads it.
+  std::unique_ptr<zel_conf::CursorPosition> at_;
 };
 
 // The base of every record view.

@@ -1,9 +1,9 @@
-#include "zelapi/conf/parse.h"
+#include "zelapi/conf/parse_context.h"
 
 #include <cstring>
 
 #include "zelapi/conf/dataset.h"
-#include "zelapi/conf/record.h"
+#include "zelapi/conf/field.h"
 #include "zelapi/err.h"
 
 namespace {

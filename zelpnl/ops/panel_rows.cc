@@ -1,4 +1,4 @@
-#include "records.h"
+#include "panel_rows.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-// zelpnl records: the panel's rows. Finding them by the names an
+// zelpnl panel rows: the panel's rows. Finding them by the names an
 // administrator types, the lists and look-ups the commands show, the few
 // changes no table object covers (the rows of a mailbox's aliases and
 // forwards, undo steps, sender-list rows in a batch), and descriptions for

@@ -1,4 +1,4 @@
-#include "email/records.h"
+#include "email/file_views.h"
 
 #include <initializer_list>
 

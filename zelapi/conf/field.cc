@@ -1,4 +1,4 @@
-#include "zelapi/conf/record.h"
+#include "zelapi/conf/field.h"
 
 #include <cstring>
 #include <utility>
