@@ -1,12 +1,9 @@
-// zelpnl mail responder ADDRESS on|off|show: a mailbox's autoresponder. The
-// row (enabled, subject, text) is written first, then the back-end puts the
-// responder into the mailbox's aliases entry or takes it out; when that
-// fails, the row gets its earlier values back (a new row is deleted).
+// zelpnl mail responder ADDRESS on|off|show: the command line of a
+// mailbox's autoresponder (responders.h) and the rendering of its state.
 #include "commands.h"
-#include "email/mta_interface.h"
 #include "panel_rows.h"
+#include "responders.h"
 #include "validation.h"
-#include "zelapi/err.h"
 
 namespace zelpnl {
 
@@ -16,20 +13,16 @@ struct ResponderOptions {
   std::string action;
   std::string subject;
   std::string text;
-  bool has_subject = false;
-  bool has_text = false;
 };
 
-nlohmann::ordered_json ResponderJson(const std::string& address, const ResponderRow& row) {
-  if (!row)
-    return {{"address", address}, {"exists", false}, {"enabled", false}, {"subject", ""},
-            {"text", ""}, {"period_days", nullptr}};
-  return {{"address", address},
-          {"exists", true},
-          {"enabled", row->enabled.Value()},
-          {"subject", row->subject.Value()},
-          {"text", row->text.Value()},
-          {"period_days", row->period_days.Value()}};
+nlohmann::ordered_json ResponderJson(const ResponderState& r) {
+  return {{"address", r.address},
+          {"exists", r.exists},
+          {"enabled", r.enabled},
+          {"subject", r.subject},
+          {"text", r.text},
+          {"period_days",
+           r.period_days ? nlohmann::ordered_json(*r.period_days) : nlohmann::ordered_json(nullptr)}};
 }
 
 std::string ResponderTextForm(const nlohmann::ordered_json& r) {
@@ -51,51 +44,9 @@ std::string ResponderTextForm(const nlohmann::ordered_json& r) {
   return text;
 }
 
-void Show(Host& host, const Output& out, const Address& address) {
-  pnl_db::Cache& db = host.Db();
-  MailboxRow mailbox = RequireMailbox(db, address);
-  ResponderRow row = FindResponder(db, mailbox->id.Value());
-  const nlohmann::ordered_json r = ResponderJson(address.Text(), row);
-  out.Print({{"responder", r}}, ResponderTextForm(r));
-}
-
-void Switch(Host& host, const Output& out, const Address& address, const ResponderOptions& o) {
-  pnl_db::Cache& db = host.Db();
-  MailboxRow mailbox = RequireMailbox(db, address);
-  const bool on = o.action == "on";
-  ResponderRow row = FindResponder(db, mailbox->id.Value());
-  const bool is_new = !row;
-  bool old_enabled = false;
-  std::string old_subject, old_text;
-  if (is_new) {
-    row = db.Get<zel_db::EmailResponderTable>();
-    row->New();
-    row->email = mailbox->id;
-  } else {
-    old_enabled = row->enabled.Value();
-    old_subject = row->subject.Value();
-    old_text = row->text.Value();
-  }
-  const std::string text = o.has_text ? o.text : old_text;
-  if (on && text.empty())
-    throw pnl_err::Error("invalid", "responder of " + Quote(address.Text()),
-                         "has no text to answer with; give --text");
-  row->enabled = on;
-  if (o.has_subject) row->subject = o.subject;
-  if (o.has_text) row->text = o.text;
-  row->Post();
-  const int64_t id = row->id.Value();
-  host.Files().Change([&] { host.Mta().SetResponder(row); },
-                   [&host, id, is_new, old_enabled, old_subject, old_text] {
-                     if (is_new) {
-                       DeleteRowById(host.Db(), "email_responder", id);
-                       return;
-                     }
-                     RestoreResponder(host.Db(), id, old_enabled, old_subject, old_text);
-                   });
-  if (!out.json()) return;
-  row = FindResponder(db, mailbox->id.Value());
-  out.Print({{"responder", ResponderJson(address.Text(), row)}}, "");
+void Print(const Output& out, const ResponderState& state, bool with_text) {
+  const nlohmann::ordered_json r = ResponderJson(state);
+  out.Print({{"responder", r}}, with_text ? ResponderTextForm(r) : "");
 }
 
 }  // namespace
@@ -118,18 +69,26 @@ void AddResponderCommand(CLI::App& mail, Command* out) {
       responder->add_option("--text", options->text, "Text of the answers")->option_text("T");
   responder->callback([=] {
     const Address a = KnownAddress(*address);
-    ResponderOptions o = *options;
-    o.has_subject = subject->count() > 0;
-    o.has_text = text->count() > 0;
+    const ResponderOptions o = *options;
+    std::optional<std::string> new_subject, new_text;
+    if (subject->count() > 0) new_subject = o.subject;
+    if (text->count() > 0) new_text = o.text;
     if (o.action == "show") {
-      if (o.has_subject || o.has_text)
+      if (new_subject || new_text)
         throw Invalid("responder action", o.action, "takes no --subject or --text");
-      *out = {Needs::kMail, [=](Host& h, const Output& out) { Show(h, out, a); }};
+      *out = {Needs::kMail, [=](Host& h, const Output& out) {
+                Print(out, ShowResponder(h.MailRequest(), a), true);
+              }};
       return;
     }
-    if (o.has_subject) o.subject = ResponderSubject(o.subject);
-    if (o.has_text) o.text = ResponderText(o.text);
-    *out = {Needs::kMail, [=](Host& h, const Output& out) { Switch(h, out, a, o); }};
+    if (new_subject) new_subject = ResponderSubject(*new_subject);
+    if (new_text) new_text = ResponderText(*new_text);
+    const bool on = o.action == "on";
+    *out = {Needs::kMail, [=](Host& h, const Output& out) {
+              const ResponderState state =
+                  SwitchResponder(h.MailRequest(), a, on, new_subject, new_text);
+              if (out.json()) Print(out, state, false);
+            }};
   });
 }
 
