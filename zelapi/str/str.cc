@@ -67,6 +67,15 @@ std::string Replace(const std::string& text, const std::string& from, const std:
   return result;
 }
 
+std::string Join(const std::vector<std::string>& items, const std::string& separator) {
+  std::string out;
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (i > 0) out += separator;
+    out += items[i];
+  }
+  return out;
+}
+
 std::string Trim(const std::string& text) { return std::string(TrimView(text)); }
 
 std::string_view TrimView(std::string_view text, std::string_view chars) {

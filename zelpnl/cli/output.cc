@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "zelapi/str.h"
 #include "zelapi/warn.h"
 
 namespace zelpnl {
@@ -196,13 +197,7 @@ std::string Fields(const std::vector<std::pair<std::string, std::string>>& field
 }
 
 std::string JoinOrDash(const std::vector<std::string>& items) {
-  if (items.empty()) return "-";
-  std::string out;
-  for (const auto& item : items) {
-    if (!out.empty()) out += ", ";
-    out += item;
-  }
-  return out;
+  return items.empty() ? "-" : str::Join(items, ", ");
 }
 
 }  // namespace zelpnl

@@ -1,59 +1,18 @@
-// zelpnl webdomain add|list|delete: the panel's own domain table, which a
-// mail domain must be listed in.
+// zelpnl webdomain add|list|delete: the command line of the panel's own
+// domain table (users.h), which a mail domain must be listed in.
 #include "commands.h"
-#include "panel_rows.h"
+#include "users.h"
 #include "validation.h"
-#include "zelapi/err.h"
-#include "zelapi/str.h"
 
 namespace zelpnl {
 
 namespace {
 
-nlohmann::ordered_json WebDomainJson(pnl_db::Cache& db, const std::string& name, int64_t owner,
-                             bool mail) {
-  const std::string user = UserNameById(db, owner);
-  return {{"name", name},
-          {"unicode", str::IdnToUnicode(name)},
-          {"owner", user.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(user)},
-          {"mail", mail}};
-}
-
-void Add(Host& host, const Output& out, const std::string& name, const std::string& owner) {
-  pnl_db::Cache& db = host.Db();
-  UserRow user = RequireUser(db, owner);
-  if (FindWebDomain(db, name))
-    throw pnl_err::Error("exists", "web domain " + Quote(name), "already exists");
-  WebDomainRow row = db.Get<zel_db::DomainTable>();
-  row->New();
-  row->name = name;
-  row->users = user->id;
-  row->Post();
-  out.Print({{"webdomain", WebDomainJson(db, name, user->id.Value(), false)}}, "");
-}
-
-void List(Host& host, const Output& out) {
-  pnl_db::Cache& db = host.Db();
-  nlohmann::ordered_json list = nlohmann::ordered_json::array();
-  std::vector<std::vector<std::string>> rows;
-  for (const WebDomainListRow& domain : WebDomains(db)) {
-    nlohmann::ordered_json item = WebDomainJson(db, domain.name, domain.owner_id, domain.has_mail);
-    list.push_back(item);
-    rows.push_back({item["unicode"], item["owner"].is_null() ? "-" : item["owner"].get<std::string>(),
-                    YesNo(domain.has_mail)});
-  }
-  out.Print({{"webdomains", list}}, Table({"DOMAIN", "OWNER", "MAIL"}, rows));
-}
-
-void Delete(Host& host, const Output& out, const std::string& name) {
-  pnl_db::Cache& db = host.Db();
-  WebDomainRow row = RequireWebDomain(db, name);
-  if (FindMailDomain(db, name))
-    throw pnl_err::Error("in_use", "web domain " + Quote(name),
-                         "is a mail domain; delete the mail domain first (zelpnl mail domain "
-                         "delete " + name + ")");
-  row->Delete();
-  out.Print({{"deleted", {{"webdomain", name}}}}, "");
+nlohmann::ordered_json WebDomainJson(const WebDomainView& d) {
+  return {{"name", d.name},
+          {"unicode", d.unicode},
+          {"owner", d.owner.empty() ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(d.owner)},
+          {"mail", d.mail}};
 }
 
 }  // namespace
@@ -71,17 +30,32 @@ void AddWebDomainCommands(CLI::App& app, Command* out) {
   add->callback([=] {
     const std::string domain = DomainName(*name);
     const std::string user = UserName(*owner);
-    *out = {Needs::kDatabase, [=](Host& h, const Output& o) { Add(h, o, domain, user); }};
+    *out = {Needs::kDatabase, [=](Host& h, const Output& o) {
+              o.Print({{"webdomain", WebDomainJson(AddWebDomain(h.Db(), domain, user))}}, "");
+            }};
   });
 
   CLI::App* list = web->add_subcommand("list", "List the web domains");
-  list->callback([=] { *out = {Needs::kDatabase, [](Host& h, const Output& o) { List(h, o); }}; });
+  list->callback([=] {
+    *out = {Needs::kDatabase, [](Host& h, const Output& o) {
+              nlohmann::ordered_json list = nlohmann::ordered_json::array();
+              std::vector<std::vector<std::string>> rows;
+              for (const WebDomainView& d : ListWebDomains(h.Db())) {
+                list.push_back(WebDomainJson(d));
+                rows.push_back({d.unicode, d.owner.empty() ? "-" : d.owner, YesNo(d.mail)});
+              }
+              o.Print({{"webdomains", list}}, Table({"DOMAIN", "OWNER", "MAIL"}, rows));
+            }};
+  });
 
   CLI::App* del = web->add_subcommand("delete", "Delete a web domain that is no mail domain");
   del->add_option("NAME", *name, "Domain name")->required();
   del->callback([=] {
     const std::string domain = DomainName(*name);
-    *out = {Needs::kDatabase, [=](Host& h, const Output& o) { Delete(h, o, domain); }};
+    *out = {Needs::kDatabase, [=](Host& h, const Output& o) {
+              DeleteWebDomain(h.Db(), domain);
+              o.Print({{"deleted", {{"webdomain", domain}}}}, "");
+            }};
   });
 }
 

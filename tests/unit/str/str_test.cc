@@ -128,3 +128,9 @@ TEST(ShellWordTest, TheShellGivesBackTheTextExactly) {
 }
 
 }  // namespace
+
+TEST(StrTest, JoinPutsTheSeparatorBetweenEachTwoItems) {
+  EXPECT_EQ(str::Join({}, ", "), "");
+  EXPECT_EQ(str::Join({"a"}, ", "), "a");
+  EXPECT_EQ(str::Join({"a", "", "c"}, ", "), "a, , c");
+}

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace str {
 
@@ -42,6 +43,9 @@ std::string Str(long value);
 // Every occurrence of from in text replaced by to (from must not be empty;
 // an empty from returns text unchanged).
 std::string Replace(const std::string& text, const std::string& from, const std::string& to);
+
+// The items with separator between each two ("" for none).
+std::string Join(const std::vector<std::string>& items, const std::string& separator);
 
 // Blanks (space, tab) removed at both ends.
 std::string Trim(const std::string& text);
