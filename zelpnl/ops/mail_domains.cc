@@ -1,5 +1,7 @@
 #include "mail_domains.h"
 
+#include <functional>
+
 #include "access_entries.h"
 #include "email/mta_interface.h"
 #include "file_change.h"
@@ -94,7 +96,9 @@ MailDomainView SetState(const Request& request, const std::string& name, StateCh
   MailDomainRow row = RequireMailDomain(db, name);
   const int64_t id = row->id.Value();
   const bool was = row->enabled.Value();
-  auto restore = [request, id, was] { SetEnabledById(request.db, "email_domain", id, was); };
+  const auto restore = [request, id, was] {
+    SetEnabledById(request.db, "email_domain", id, was);
+  };
   // A suspension writes no forwards; a resume or an update writes every
   // mailbox's back.
   const bool programs = change == StateChange::kSuspend || allow_programs;
@@ -102,32 +106,26 @@ MailDomainView SetState(const Request& request, const std::string& name, StateCh
   // did not write.
   if (change == StateChange::kSuspend || (change == StateChange::kUpdate && !was))
     RefuseForeignAccessEntry(request.mta, name, "mail domain " + Quote(name));
-  switch (change) {
-    case StateChange::kSuspend:
-      request.files.Change(
-          [&] {
-            CheckDomainRows(db, id, programs);
-            request.mta.SuspendDomain(row);
-          },
-          restore);
-      row->enabled = false;
-      break;
-    case StateChange::kResume:
-      request.files.Change(
-          [&] {
-            CheckDomainRows(db, id, programs);
-            request.mta.ResumeDomain(row);
-          },
-          restore);
-      row->enabled = true;
-      break;
-    case StateChange::kUpdate:
-      request.files.Change([&] {
+  // An update keeps the row as it is: nothing to set back.
+  std::function<void()> undo;
+  if (change != StateChange::kUpdate) undo = restore;
+  request.files.Change(
+      [&] {
         CheckDomainRows(db, id, programs);
-        request.mta.UpdateDomain(row);
-      });
-      break;
-  }
+        switch (change) {
+          case StateChange::kSuspend:
+            request.mta.SuspendDomain(row);
+            break;
+          case StateChange::kResume:
+            request.mta.ResumeDomain(row);
+            break;
+          case StateChange::kUpdate:
+            request.mta.UpdateDomain(row);
+            break;
+        }
+      },
+      undo);
+  if (change != StateChange::kUpdate) row->enabled = change == StateChange::kResume;
   row->Post();
   return MailDomainViewOf(db, row);
 }

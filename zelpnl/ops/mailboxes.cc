@@ -195,27 +195,21 @@ MailboxView SetState(const Request& request, const Address& address, StateChange
   const int64_t id = mailbox->id.Value();
   const bool was = mailbox->enabled.Value();
   auto restore = [request, id, was] { SetEnabledById(request.db, "email", id, was); };
-  if (change == StateChange::kSuspend) {
-    // The suspension writes the mailbox's access entry: never over one the
-    // panel did not write.
+  const bool suspend = change == StateChange::kSuspend;
+  // The suspension writes the mailbox's access entry: never over one the
+  // panel did not write. A resume writes the forwards back into the files.
+  if (suspend)
     RefuseForeignAccessEntry(request.mta, address.Text(), "mailbox " + Quote(address.Text()));
-    request.files.Change(
-        [&] {
-          CheckMailboxRows(db, id, true);
+  request.files.Change(
+      [&] {
+        CheckMailboxRows(db, id, allow_programs);
+        if (suspend)
           request.mta.SuspendEmail(mailbox);
-        },
-        restore);
-    mailbox->enabled = false;
-  } else {
-    // A resume writes the forwards back into the files.
-    request.files.Change(
-        [&] {
-          CheckMailboxRows(db, id, allow_programs);
+        else
           request.mta.ResumeEmail(mailbox);
-        },
-        restore);
-    mailbox->enabled = true;
-  }
+      },
+      restore);
+  mailbox->enabled = !suspend;
   mailbox->Post();
   return MailboxViewOf(db, mailbox);
 }
@@ -223,6 +217,7 @@ MailboxView SetState(const Request& request, const Address& address, StateChange
 }  // namespace
 
 MailboxView SuspendMailbox(const Request& request, const Address& address) {
+  // A suspended entry holds no forward: any target may stand in the rows.
   return SetState(request, address, StateChange::kSuspend, true);
 }
 
