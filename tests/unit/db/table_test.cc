@@ -6,7 +6,10 @@
 #include <vector>
 
 #include "test_tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/query.h"
+#include "zelapi/db/table.h"
 #include "zelapi/err.h"
 
 using dbtest::DbTest;
