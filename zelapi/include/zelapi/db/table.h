@@ -133,6 +133,11 @@ class CustomTable {
   };
 
   void Register(Field* field);
+  // Post's two paths: Insert writes the new row and reads its key back,
+  // Update writes the changed columns of the current row. Both make their
+  // SQL through the one column builder in table.cc.
+  void Insert();
+  void Update();
   void Prepare();
   bool PositionBy(Prepared& sql, Filter&& filter, bool remember);
   bool Fetch(Prepared& sql, const std::vector<Value>& params);
