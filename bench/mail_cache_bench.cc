@@ -16,7 +16,7 @@
 
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/cf.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/proc.h"
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "email/tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
 #include "zelapi/mail/tables.h"

@@ -6,7 +6,8 @@
 #include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/str.h"
 

@@ -5,7 +5,7 @@
 #include "email/access_entries.h"
 #include "email/sendmail_like.h"
 #include "email/tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/str.h"

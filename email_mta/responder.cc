@@ -2,7 +2,7 @@
 // aliases entry while the responder is on.
 #include "email/sendmail_like.h"
 #include "email/tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/mail/tables.h"
 

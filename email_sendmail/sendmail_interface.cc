@@ -4,7 +4,7 @@
 
 #include "email/tables.h"
 #include "email_sendmail/after_save.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/tables.h"
 #include "zelapi/net.h"

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
+#include "zelapi/db/schema.h"
 
 namespace zelresponder {
 

@@ -18,7 +18,11 @@
 #include <utility>
 #include <vector>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/query.h"
+#include "zelapi/db/schema.h"
+#include "zelapi/db/table.h"
 
 namespace pnl_db {
 

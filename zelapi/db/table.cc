@@ -68,6 +68,53 @@ Value IntValue(int64_t number) {
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
+// The columns one post writes: the fields its mask picks, in field order.
+// Inserts and updates both take their column list and their parameters from
+// here, so the names in the SQL text and the values bound to its "?" cannot
+// come out in different orders.
+class PostColumns {
+ public:
+  PostColumns(const std::vector<Field*>& fields, uint64_t mask) : fields_(fields), mask_(mask) {}
+
+  bool Empty() const { return mask_ == 0; }
+  // The quoted column names joined by ", ", each followed by suffix: "" for
+  // an insert's column list, " = ?" for an update's SET.
+  std::string Names(const char* suffix) const {
+    std::string names;
+    for (size_t i = 0; i < fields_.size(); ++i) {
+      if (!Picks(i)) continue;
+      if (!names.empty()) names += ", ";
+      names += Ident(fields_[i]->Column()) + suffix;
+    }
+    return names;
+  }
+  // One "?" per column, joined by ", ": an insert's VALUES.
+  std::string Marks() const {
+    std::string marks;
+    for (size_t i = 0; i < fields_.size(); ++i) {
+      if (!Picks(i)) continue;
+      if (!marks.empty()) marks += ", ";
+      marks += "?";
+    }
+    return marks;
+  }
+  // Binds the columns' values to the parameters from 1 on, without copying
+  // them (the fields must not change before the statement has run). Returns
+  // the number of the next parameter.
+  int Bind(Statement& stmt) const {
+    int index = 1;
+    for (size_t i = 0; i < fields_.size(); ++i)
+      if (Picks(i)) stmt.Bind(index++, fields_[i]->Raw());
+    return index;
+  }
+
+ private:
+  bool Picks(size_t i) const { return (mask_ & (uint64_t{1} << i)) != 0; }
+
+  const std::vector<Field*>& fields_;
+  uint64_t mask_;
+};
+
 }  // namespace
 
 CustomTable::CustomTable(Cache& cache, std::string table)
@@ -342,86 +389,76 @@ void CustomTable::Delete() {
 
 void CustomTable::Post() {
   Prepare();
-  Cache::Impl& impl = Live().impl();
+  Live();  // a closed database is refused before a missing row
   if (state_ == kEnd) Fail("post: no current row (New() or a lookup first)");
+  if (state_ == kNew)
+    Insert();
+  else
+    Update();
+}
 
-  if (state_ == kNew) {
-    // The columns written: every field but an unassigned key, and but a
-    // column whose default SQLite computes (read back after the insert).
-    uint64_t mask = 0;
-    bool reload = false;
-    for (size_t i = 0; i < fields_.size(); ++i) {
-      Field* f = fields_[i];
-      if (f == key_ && !f->dirty_) continue;
-      if (!f->dirty_ && !columns_[i]->default_known) {
-        reload = true;
-        continue;
-      }
-      mask |= uint64_t{1} << i;
+void CustomTable::Insert() {
+  Cache::Impl& impl = Live().impl();
+  // The columns written: every field but an unassigned key, and but a
+  // column whose default SQLite computes (read back after the insert).
+  uint64_t mask = 0;
+  bool reload = false;
+  for (size_t i = 0; i < fields_.size(); ++i) {
+    Field* f = fields_[i];
+    if (f == key_ && !f->dirty_) continue;
+    if (!f->dirty_ && !columns_[i]->default_known) {
+      reload = true;
+      continue;
     }
-    Prepared& prepared = insert_sql_[mask];
-    std::string& sql = prepared.sql;
-    if (sql.empty()) {
-      std::string columns, marks;
-      for (size_t i = 0; i < fields_.size(); ++i) {
-        if (!(mask & (uint64_t{1} << i))) continue;
-        if (!columns.empty()) {
-          columns += ", ";
-          marks += ", ";
-        }
-        columns += Ident(fields_[i]->Column());
-        marks += "?";
-      }
-      sql = columns.empty() ? "INSERT INTO " + Ident(table_) + " DEFAULT VALUES"
-                            : "INSERT INTO " + Ident(table_) + " (" + columns + ") VALUES (" +
-                                  marks + ")";
-    }
-    try {
-      Statement stmt(impl, sql, &prepared.stmt);
-      int index = 1;
-      for (size_t i = 0; i < fields_.size(); ++i)
-        if (mask & (uint64_t{1} << i)) stmt.Bind(index++, fields_[i]->value_);
-      stmt.Step();
-    } catch (const SqlFailure& failure) {
-      Fail("new row: " + failure.message);
-    }
-    key_->value_ = IntValue(sqlite3_last_insert_rowid(impl.db));
-    ++info_->epoch;
-    if (impl.has_triggers) ++impl.global_epoch;
-    if (reload) {
-      const int64_t key = key_->Value();
-      const bool found = Named(table_, "key " + std::to_string(key), [&] {
-        return Fetch(FieldSql(key_->index_), {IntValue(key)});
-      });
-      if (!found) Fail("key " + std::to_string(key) + ": the new row is gone after its insert");
-    }
-    for (Field* f : fields_) f->dirty_ = false;
-    state_ = kRow;
-    filter_ = Filter();
-    return;
+    mask |= uint64_t{1} << i;
   }
+  const PostColumns columns(fields_, mask);
+  Prepared& prepared = insert_sql_[mask];
+  std::string& sql = prepared.sql;
+  if (sql.empty()) {
+    sql = columns.Empty() ? "INSERT INTO " + Ident(table_) + " DEFAULT VALUES"
+                          : "INSERT INTO " + Ident(table_) + " (" + columns.Names("") +
+                                ") VALUES (" + columns.Marks() + ")";
+  }
+  try {
+    Statement stmt(impl, sql, &prepared.stmt);
+    columns.Bind(stmt);
+    stmt.Step();
+  } catch (const SqlFailure& failure) {
+    Fail("new row: " + failure.message);
+  }
+  key_->value_ = IntValue(sqlite3_last_insert_rowid(impl.db));
+  ++info_->epoch;
+  if (impl.has_triggers) ++impl.global_epoch;
+  if (reload) {
+    const int64_t key = key_->Value();
+    const bool found = Named(table_, "key " + std::to_string(key), [&] {
+      return Fetch(FieldSql(key_->index_), {IntValue(key)});
+    });
+    if (!found) Fail("key " + std::to_string(key) + ": the new row is gone after its insert");
+  }
+  for (Field* f : fields_) f->dirty_ = false;
+  state_ = kRow;
+  filter_ = Filter();
+}
 
+void CustomTable::Update() {
+  Cache::Impl& impl = Live().impl();
   uint64_t mask = 0;
   for (size_t i = 0; i < fields_.size(); ++i)
     if (fields_[i]->dirty_) mask |= uint64_t{1} << i;
   if (mask == 0) return;  // nothing changed
+  const PostColumns columns(fields_, mask);
   Prepared& prepared = update_sql_[mask];
   std::string& sql = prepared.sql;
   if (sql.empty()) {
-    std::string sets;
-    for (size_t i = 0; i < fields_.size(); ++i) {
-      if (!(mask & (uint64_t{1} << i))) continue;
-      if (!sets.empty()) sets += ", ";
-      sets += Ident(fields_[i]->Column()) + " = ?";
-    }
-    sql = "UPDATE " + Ident(table_) + " SET " + sets + " WHERE " + Ident(key_->Column()) + " = ?";
+    sql = "UPDATE " + Ident(table_) + " SET " + columns.Names(" = ?") + " WHERE " +
+          Ident(key_->Column()) + " = ?";
   }
   try {
     Statement stmt(impl, sql, &prepared.stmt);
-    int index = 1;
-    for (size_t i = 0; i < fields_.size(); ++i)
-      if (mask & (uint64_t{1} << i)) stmt.Bind(index++, fields_[i]->value_);
-    stmt.Bind(index, key_->value_);
+    const int key_param = columns.Bind(stmt);
+    stmt.Bind(key_param, key_->value_);
     stmt.Step();
   } catch (const SqlFailure& failure) {
     Fail("key " + KeyText() + ": " + failure.message);

@@ -2,7 +2,8 @@
 // "email_access").
 #include <string>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/mail/tables.h"
 
 namespace zel_db {

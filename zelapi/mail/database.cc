@@ -3,7 +3,7 @@
 #include <mutex>
 #include <utility>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/tables.h"
 

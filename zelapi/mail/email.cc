@@ -5,7 +5,7 @@
 #include <cctype>
 
 #include "zelapi/cf.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/str.h"
 

@@ -5,7 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
 #include "zelapi/hash.h"

@@ -16,7 +16,8 @@
 #include <set>
 
 #include "zelapi/cf.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
 #include "zelapi/log.h"

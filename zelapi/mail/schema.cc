@@ -1,6 +1,7 @@
 // The panel database's schema, one migration step per version. A released
 // step is never edited: a change of the schema is a new step at the end.
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/schema.h"
 #include "zelapi/mail/tables.h"
 
 namespace zel_db {

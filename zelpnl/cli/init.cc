@@ -11,7 +11,7 @@
 #include "commands.h"
 #include "panel_rows.h"
 #include "validation.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/proc.h"

@@ -24,7 +24,7 @@
 #include <stdexcept>
 
 #include "sandbox.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/tables.h"
 

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "sandbox.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/responder_settings.h"
 #include "zelresponder/memory.h"
 

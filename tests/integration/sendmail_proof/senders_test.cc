@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "proof_fixture.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/tables.h"
 
 using proof::ProgramRun;

@@ -2,7 +2,8 @@
 // tables; entries the panel did not write are listed but never changed.
 #include <filesystem>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/schema.h"
 #include "zelapi/mail/tables.h"
 #include "zelpnl_fixture.h"
 

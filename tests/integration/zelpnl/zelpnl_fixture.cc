@@ -8,7 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/mail/tables.h"
 
 extern char** environ;

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "test_tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
+#include "zelapi/db/schema.h"
 #include "zelapi/err.h"
 
 using dbtest::DbTest;

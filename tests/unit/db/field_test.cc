@@ -5,7 +5,9 @@
 #include <string>
 
 #include "test_tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/query.h"
 #include "zelapi/err.h"
 
 using dbtest::DbTest;

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "test_tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 
 using dbtest::DbTest;

@@ -6,7 +6,10 @@
 #include <vector>
 
 #include "test_tables.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/query.h"
+#include "zelapi/db/table.h"
 #include "zelapi/err.h"
 
 using dbtest::DbTest;
@@ -104,6 +107,34 @@ TEST_F(DbTest, PostUpdatesOnlyTheColumnsThisCursorChanged) {
   check->Assert(std::to_string(key));
   EXPECT_EQ(check->name.Str(), "renamed");
   EXPECT_EQ(check->count.Value(), 9);
+}
+
+TEST_F(DbTest, PostAfterAnInsertUpdatesTheSameRow) {
+  auto items = cache_->Get<ItemTable>();
+  items->New();
+  items->name = "draft";
+  items->Post();
+  const int64_t key = items->id.Value();
+  items->name = "final";
+  items->Post();
+  EXPECT_EQ(items->id.Value(), key);
+  EXPECT_EQ(cache_->Query("SELECT count(*) FROM item").Int(), 1);
+  EXPECT_EQ(cache_->Query("SELECT name FROM item WHERE id = ?", {key}).Str(), "final");
+}
+
+TEST_F(DbTest, PostOfAnUnchangedRowWritesNothing) {
+  const int64_t key = AddItem("thing");
+  auto items = cache_->Get<ItemTable>();
+  items->Assert(std::to_string(key));
+  auto other = cache_->Get<ItemTable>();
+  other->Assert(std::to_string(key));
+  other->Delete();
+  // No statement runs, so the row being gone is not noticed either.
+  const uint64_t before = cache_->PrepareCount();
+  items->Post();
+  EXPECT_EQ(cache_->PrepareCount(), before);
+  EXPECT_FALSE(items->Eof());
+  EXPECT_EQ(items->name.Str(), "thing");
 }
 
 TEST_F(DbTest, PostOfARowDeletedMeanwhileFailsNamingTheKey) {

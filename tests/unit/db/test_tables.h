@@ -8,7 +8,10 @@
 #include <string>
 
 #include "sandbox.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/schema.h"
+#include "zelapi/db/table.h"
 #include "zelapi/err.h"
 
 namespace dbtest {

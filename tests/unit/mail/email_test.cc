@@ -7,7 +7,7 @@
 
 #include "mail_fixture.h"
 #include "zelapi/cf.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/email.h"
 #include "zelapi/mail/tables.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "mail_fixture.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/mail/tables.h"
 
 using mailtest::MailTest;

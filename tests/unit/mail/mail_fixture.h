@@ -9,7 +9,7 @@
 
 #include "sandbox.h"
 #include "zelapi/cf.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/mail/tables.h"
 

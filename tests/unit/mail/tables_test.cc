@@ -5,7 +5,8 @@
 #include <string>
 
 #include "mail_fixture.h"
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/query.h"
 #include "zelapi/mail/tables.h"
 
 using mailtest::ErrorOf;

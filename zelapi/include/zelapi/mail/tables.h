@@ -36,7 +36,10 @@
 
 #include <string>
 
-#include "zelapi/db.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/db/field.h"
+#include "zelapi/db/schema.h"
+#include "zelapi/db/table.h"
 
 namespace zel_db {
 
