@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -66,6 +67,14 @@ int RunShell(const std::string& command, std::string* output) {
   const int status = pclose(pipe);
   if (output) *output = text;
   return WEXITSTATUS(status);
+}
+
+std::vector<std::string> FolderListing(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::vector<std::string> Lines(const std::string& text) {

@@ -35,6 +35,10 @@ void WriteFile(const std::string& path, const std::string& text);
 // stderr together).
 int RunShell(const std::string& command, std::string* output = nullptr);
 
+// The names in a folder, sorted (no "." or ".."); throws what
+// std::filesystem throws when it cannot be read.
+std::vector<std::string> FolderListing(const std::string& dir);
+
 // The lines of text, each with its "\n" (a last line without one as it is).
 std::vector<std::string> Lines(const std::string& text);
 

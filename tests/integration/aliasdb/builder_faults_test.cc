@@ -5,7 +5,6 @@
 // map and no temporary file.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <map>
@@ -24,12 +23,7 @@ std::string TestName() { return ::testing::UnitTest::GetInstance()->current_test
 
 std::string Z(const std::string& s) { return s + std::string(1, '\0'); }
 
-std::vector<std::string> FolderListing(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
-}
+using zeltest::FolderListing;
 
 std::string ValueOf(const std::string& db, const std::string& key) {
   for (auto& [k, v] : zel_aliasdb::ReadHashMap(db))

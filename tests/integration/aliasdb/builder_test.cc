@@ -38,12 +38,7 @@ std::map<std::string, std::string> MapOf(const std::string& db) {
 
 std::string Z(const std::string& s) { return s + std::string(1, '\0'); }
 
-std::vector<std::string> FolderListing(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename());
-  std::sort(names.begin(), names.end());
-  return names;
-}
+using zeltest::FolderListing;
 
 class BuilderTest : public ::testing::Test {
  protected:

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "flush_counting_ops.h"
+#include "sandbox.h"
 #include "zelapi/err.h"
 
 namespace {
@@ -37,12 +38,7 @@ class FileTest : public ::testing::Test {
     out << in.rdbuf();
     return out.str();
   }
-  std::vector<std::string> Entries() const {
-    std::vector<std::string> names;
-    for (const auto& e : std::filesystem::directory_iterator(dir_)) names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> Entries() const { return zeltest::FolderListing(dir_); }
 
   std::string dir_;
 };
