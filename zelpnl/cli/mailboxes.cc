@@ -58,6 +58,11 @@ void PrintList(const Output& out, const std::vector<MailboxView>& boxes) {
             Table({"ADDRESS", "STATE", "FORWARD ONLY", "ALIASES", "FORWARDS", "RESPONDER"}, rows));
 }
 
+// After a change: the mailbox as it is now, for a program (text stays quiet).
+void PrintChanged(Host& host, const Output& out, const Address& address) {
+  if (out.json()) out.Print({{"mailbox", MailboxJson(ShowMailbox(host.MailRequest(), address))}}, "");
+}
+
 void PrintOne(const Output& out, const MailboxView& box) {
   out.Print({{"mailbox", MailboxJson(box)}},
             Fields({{"address", box.unicode},
@@ -118,8 +123,8 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
       changes.forward_only = true;
     }
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const MailboxView box = AddMailbox(h.MailRequest(), a, changes);
-              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+              AddMailbox(h.MailRequest(), a, changes);
+              PrintChanged(h, o, a);
             }};
   });
 
@@ -146,8 +151,8 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   suspend->callback([=] {
     const Address a = KnownAddress(*address);
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const MailboxView box = SuspendMailbox(h.MailRequest(), a);
-              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+              SuspendMailbox(h.MailRequest(), a);
+              PrintChanged(h, o, a);
             }};
   });
 
@@ -161,8 +166,8 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
     const Address a = KnownAddress(*address);
     const bool programs = *allow;
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const MailboxView box = ResumeMailbox(h.MailRequest(), a, programs);
-              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+              ResumeMailbox(h.MailRequest(), a, programs);
+              PrintChanged(h, o, a);
             }};
   });
 
@@ -196,8 +201,8 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
                     "nothing to change: give --alias, --no-alias, --forward, --no-forward or "
                     "--forward-only");
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const MailboxView box = SetMailbox(h.MailRequest(), a, changes);
-              if (o.json()) o.Print({{"mailbox", MailboxJson(box)}}, "");
+              SetMailbox(h.MailRequest(), a, changes);
+              PrintChanged(h, o, a);
             }};
   });
 }

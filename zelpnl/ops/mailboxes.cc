@@ -110,8 +110,7 @@ void WriteAliases(const Request& request, MailboxRow& mailbox,
 
 }  // namespace
 
-MailboxView AddMailbox(const Request& request, const Address& address,
-                       const MailboxChanges& changes) {
+void AddMailbox(const Request& request, const Address& address, const MailboxChanges& changes) {
   pnl_db::Cache& db = request.db;
   MailDomainRow domain = RequireMailDomain(db, address.domain);
   if (MailboxExists(db, domain->id.Value(), address.local))
@@ -167,7 +166,6 @@ MailboxView AddMailbox(const Request& request, const Address& address,
       },
       // Its aliases' and forwards' rows go with it.
       [request, id] { DeleteRowById(request.db, "email", id); });
-  return MailboxViewOf(db, RequireMailbox(db, address));
 }
 
 std::vector<MailboxView> ListMailboxes(const Request& request, const std::string& domain) {
@@ -188,8 +186,8 @@ namespace {
 
 enum class StateChange { kSuspend, kResume };
 
-MailboxView SetState(const Request& request, const Address& address, StateChange change,
-                     bool allow_programs) {
+void SetState(const Request& request, const Address& address, StateChange change,
+              bool allow_programs) {
   pnl_db::Cache& db = request.db;
   MailboxRow mailbox = RequireMailbox(db, address);
   const int64_t id = mailbox->id.Value();
@@ -211,18 +209,17 @@ MailboxView SetState(const Request& request, const Address& address, StateChange
       restore);
   mailbox->enabled = !suspend;
   mailbox->Post();
-  return MailboxViewOf(db, mailbox);
 }
 
 }  // namespace
 
-MailboxView SuspendMailbox(const Request& request, const Address& address) {
+void SuspendMailbox(const Request& request, const Address& address) {
   // A suspended entry holds no forward: any target may stand in the rows.
-  return SetState(request, address, StateChange::kSuspend, true);
+  SetState(request, address, StateChange::kSuspend, true);
 }
 
-MailboxView ResumeMailbox(const Request& request, const Address& address, bool allow_programs) {
-  return SetState(request, address, StateChange::kResume, allow_programs);
+void ResumeMailbox(const Request& request, const Address& address, bool allow_programs) {
+  SetState(request, address, StateChange::kResume, allow_programs);
 }
 
 void DeleteMailbox(const Request& request, const Address& address) {
@@ -231,8 +228,7 @@ void DeleteMailbox(const Request& request, const Address& address) {
   mailbox->Delete();
 }
 
-MailboxView SetMailbox(const Request& request, const Address& address,
-                       const MailboxChanges& changes) {
+void SetMailbox(const Request& request, const Address& address, const MailboxChanges& changes) {
   pnl_db::Cache& db = request.db;
   MailDomainRow domain;
   MailboxRow mailbox = RequireMailbox(db, address, &domain);
@@ -281,7 +277,6 @@ MailboxView SetMailbox(const Request& request, const Address& address,
   }
   const std::list<std::string> removed(changes.del_aliases.begin(), changes.del_aliases.end());
   WriteAliases(request, mailbox, removed, changes.allow_programs);
-  return MailboxViewOf(db, RequireMailbox(db, address));
 }
 
 }  // namespace zelpnl

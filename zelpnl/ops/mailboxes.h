@@ -11,7 +11,9 @@
 // rules (in a batch they run at its end, when the files fail there).
 //
 // Operations throw pnl_err::Error for a refusal or a failure (Invalid only
-// from CheckMailboxChanges, before anything is opened).
+// from CheckMailboxChanges, before anything is opened). The changes return
+// nothing: a batch of many lines would otherwise read every mailbox back
+// once for a result nobody asked for; ShowMailbox reads it when wanted.
 #pragma once
 
 #include <optional>
@@ -54,17 +56,15 @@ struct MailboxChanges {
 // Invalid naming the value refused.
 MailboxChanges CheckMailboxChanges(const MailboxChangeOptions& options, const Address& address);
 
-MailboxView AddMailbox(const Request& request, const Address& address,
-                       const MailboxChanges& changes);
+void AddMailbox(const Request& request, const Address& address, const MailboxChanges& changes);
 // Every mailbox, or those of one mail domain ("" for all), by address.
 std::vector<MailboxView> ListMailboxes(const Request& request, const std::string& domain);
 MailboxView ShowMailbox(const Request& request, const Address& address);
-MailboxView SuspendMailbox(const Request& request, const Address& address);
+void SuspendMailbox(const Request& request, const Address& address);
 // allow_programs: forward targets that are programs or files are written
 // back too.
-MailboxView ResumeMailbox(const Request& request, const Address& address, bool allow_programs);
+void ResumeMailbox(const Request& request, const Address& address, bool allow_programs);
 void DeleteMailbox(const Request& request, const Address& address);
-MailboxView SetMailbox(const Request& request, const Address& address,
-                       const MailboxChanges& changes);
+void SetMailbox(const Request& request, const Address& address, const MailboxChanges& changes);
 
 }  // namespace zelpnl
