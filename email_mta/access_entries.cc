@@ -47,7 +47,7 @@ void AppendClaim(const std::string& file, const std::string& key, const std::str
     if (err == 0) err = closed;
   }
   if (err != 0)
-    throw pnl_err::Error("file", file, std::string("cannot write a claim: ") + std::strerror(err));
+    throw pnl_err::Error(pnl_err::Kind::kFile, file, std::string("cannot write a claim: ") + std::strerror(err));
 }
 
 // Adopts the claims of earlier requests that never committed (see the
@@ -94,7 +94,7 @@ void SettleClaims(const std::string& path) {
   if (kept.empty()) {
     const int err = pnl_file::CurrentOps()->Unlink(file);
     if (err != 0 && err != ENOENT)
-      throw pnl_err::Error("file", file, std::string("cannot remove: ") + std::strerror(err));
+      throw pnl_err::Error(pnl_err::Kind::kFile, file, std::string("cannot remove: ") + std::strerror(err));
     return;
   }
   pnl_file::safe::Folder folder;

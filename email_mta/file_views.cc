@@ -104,7 +104,7 @@ void CheckAliasesEntry(const std::string& name, const std::vector<std::string>& 
     detail += " with its " + std::to_string(forwards) + (forwards == 1 ? " forward" : " forwards");
   detail += ", over sendmail's limit of " + std::to_string(kLongestAliasesEntry) + " bytes";
   if (forwards > 0) detail += "; remove forwards";
-  throw pnl_err::Error("limit", "aliases entry \"" + name + "\"", detail);
+  throw pnl_err::Error(pnl_err::Kind::kLimit, "aliases entry \"" + name + "\"", detail);
 }
 
 SourceTarget::SourceTarget() = default;

@@ -27,7 +27,7 @@ std::string Lower(std::string text) {
 bool SameKey(const std::string& a, const std::string& b) { return Lower(a) == Lower(b); }
 
 [[noreturn]] void RefuseForeign(const std::string& sender, const AccessEntry& entry) {
-  throw pnl_err::Error("conflict", "sender \"" + sender + "\"", NotThePanels(entry));
+  throw pnl_err::Error(pnl_err::Kind::kConflict, "sender \"" + sender + "\"", NotThePanels(entry));
 }
 
 // An entry of the panel's under a key an earlier version wrote (an IPv6

@@ -49,7 +49,7 @@ void RefuseVanished(const std::string& path, const char* table, const char* one,
   if (std::filesystem::exists(path, ec) || ec) return;
   const long long rows = PanelRows(table);
   if (rows == 0) return;
-  throw pnl_err::Error("missing", path,
+  throw pnl_err::Error(pnl_err::Kind::kMissing, path,
                        "is missing while the panel has " + std::to_string(rows) + " " +
                            (rows == 1 ? one : many) +
                            " in it; it is not made anew (rebuilt from an empty file, its map "

@@ -62,7 +62,7 @@ bool SendmailInterface::CanBindToIp() { return false; }
 
 void SendmailInterface::SetSSLCertForDomain(const std::string& domain, const std::string&,
                                             const std::string&) {
-  throw pnl_err::Error("not_supported", domain,
+  throw pnl_err::Error(pnl_err::Kind::kNotSupported, domain,
                        "sendmail cannot bind a certificate to a single mail domain");
 }
 

@@ -33,7 +33,7 @@ std::set<std::string> AskClassW() {
   command = "echo '$=w' | " + command + " -bt";
   pnl_proc::Execute run(command, 2);
   if (run.Result() != 0)
-    throw pnl_err::Error("sendmail", "class w",
+    throw pnl_err::Error(pnl_err::Kind::kEmail, "class w",
                          "cannot ask sendmail for the names it takes as local (\"" + command +
                              "\" exited with status " + std::to_string(run.Result()) +
                              "): " + run.Str());

@@ -25,7 +25,7 @@ namespace zel_aliasdb {
 namespace {
 
 pnl_err::Error Fail(const std::string& object, const std::string& what, int err) {
-  return pnl_err::Error("aliasdb", object, what + ": " + std::strerror(err));
+  return pnl_err::Error(pnl_err::Kind::kAliasDb, object, what + ": " + std::strerror(err));
 }
 
 using pnl_file::Fd;
@@ -262,7 +262,7 @@ BuildReport Build(const BuildOptions& options) {
 
 std::vector<std::string> AliasFilesOf(const std::string& config) {
   std::ifstream in(config);
-  if (!in) throw pnl_err::Error("aliasdb", config, "cannot read the sendmail configuration");
+  if (!in) throw pnl_err::Error(pnl_err::Kind::kAliasDb, config, "cannot read the sendmail configuration");
   std::vector<std::string> files;
   std::string line;
   const std::string option = "O AliasFile=";
@@ -280,12 +280,12 @@ std::vector<std::string> AliasFilesOf(const std::string& config) {
       entry_text = entry_text.substr(b, entry_text.find_last_not_of(" \t") - b + 1);
       if (entry_text.compare(0, 5, "hash:") == 0) entry_text = entry_text.substr(5);
       if (entry_text.empty() || entry_text[0] != '/')
-        throw pnl_err::Error("aliasdb", config,
+        throw pnl_err::Error(pnl_err::Kind::kAliasDb, config,
                              "alias file \"" + entry_text + "\" is not a hash map of a file; it cannot be rebuilt here");
       files.push_back(entry_text);
     }
   }
-  if (files.empty()) throw pnl_err::Error("aliasdb", config, "names no alias file (O AliasFile=)");
+  if (files.empty()) throw pnl_err::Error(pnl_err::Kind::kAliasDb, config, "names no alias file (O AliasFile=)");
   return files;
 }
 

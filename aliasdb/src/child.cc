@@ -16,7 +16,7 @@ namespace zel_aliasdb {
 namespace {
 
 pnl_err::Error Fail(const std::string& program, const std::string& what, int err) {
-  return pnl_err::Error("aliasdb", program, what + ": " + std::strerror(err));
+  return pnl_err::Error(pnl_err::Kind::kAliasDb, program, what + ": " + std::strerror(err));
 }
 
 }  // namespace
@@ -82,7 +82,7 @@ void Child::Write(std::string_view data) {
   ::sigaction(SIGPIPE, &previous, nullptr);
   if (err != 0) {
     Wait();
-    throw pnl_err::Error("aliasdb", program_,
+    throw pnl_err::Error(pnl_err::Kind::kAliasDb, program_,
                          std::string("cannot write to it: ") + std::strerror(err) +
                              (output_.empty() ? std::string() : ":\n" + output_));
   }

@@ -18,7 +18,7 @@ class Child {
  public:
   // Starts argv[0] (a path, not searched) with argv; with_input gives it a
   // pipe to write to, else /dev/null. scratch_dir holds the output file.
-  // Throws pnl_err::Error("aliasdb") naming the program when it cannot start.
+  // Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming the program when it cannot start.
   Child(const std::vector<std::string>& argv, bool with_input, const std::string& scratch_dir);
   ~Child();
   Child(const Child&) = delete;

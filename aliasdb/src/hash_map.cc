@@ -15,7 +15,7 @@ namespace zel_aliasdb {
 namespace {
 
 pnl_err::Error Fail(const std::string& object, const std::string& detail) {
-  return pnl_err::Error("aliasdb", object, detail);
+  return pnl_err::Error(pnl_err::Kind::kAliasDb, object, detail);
 }
 
 std::string DbMessage(int rc) { return db_strerror(rc); }

@@ -27,7 +27,7 @@ class TempAliases {
     int fd = -1;
     int err = ops_->MakeTemp(path_, fd);
     if (err != 0)
-      throw pnl_err::Error("aliasdb", dir, std::string("cannot make a temporary file: ") + std::strerror(err));
+      throw pnl_err::Error(pnl_err::Kind::kAliasDb, dir, std::string("cannot make a temporary file: ") + std::strerror(err));
     std::size_t done = 0;
     while (done < content.size()) {
       std::size_t written = 0;
@@ -37,7 +37,7 @@ class TempAliases {
     ops_->Close(fd);
     if (err != 0) {
       ops_->Unlink(path_);
-      throw pnl_err::Error("aliasdb", path_, std::string("cannot write: ") + std::strerror(err));
+      throw pnl_err::Error(pnl_err::Kind::kAliasDb, path_, std::string("cannot write: ") + std::strerror(err));
     }
   }
   ~TempAliases() {
@@ -165,7 +165,7 @@ Verdict SendmailOracle::Ask(std::string_view content, std::uint32_t physical, st
   } catch (const pnl_err::Error&) {
     std::string said;
     for (const std::string& m : verdict.messages) said += "\n" + m;
-    throw pnl_err::Error("aliasdb", where,
+    throw pnl_err::Error(pnl_err::Kind::kAliasDb, where,
                          "sendmail (" + sendmail_ + ") built no map for it, exit status " +
                              std::to_string(verdict.exit_code) + said);
   }

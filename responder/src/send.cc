@@ -28,7 +28,7 @@ using pnl_file::Fd;
 void MakePipe(const std::string& command, Fd& read_end, Fd& write_end) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0)
-    throw pnl_err::Error("proc", command, std::string("cannot make a pipe: ") + std::strerror(errno));
+    throw pnl_err::Error(pnl_err::Kind::kProc, command, std::string("cannot make a pipe: ") + std::strerror(errno));
   read_end.Reset(fds[0]);
   write_end.Reset(fds[1]);
 }

@@ -120,7 +120,7 @@ class SeamTest : public ::testing::Test {
           edit.run(path);
           ADD_FAILURE() << edit.file << ": the edit went through despite the fault";
         } catch (const pnl_err::Error& e) {
-          EXPECT_EQ(e.type(), "file") << e.what();
+          EXPECT_EQ(e.kind(), pnl_err::Kind::kFile) << e.what();
           EXPECT_EQ(e.object(), path) << e.what();
           EXPECT_NE(std::string(e.what()).find(expected), std::string::npos) << e.what();
         }

@@ -90,7 +90,7 @@ void ModuleLoader::Load(const std::string& path) {
   void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char* error = ::dlerror();
-    throw pnl_err::Error("module", path, error != nullptr ? error : "cannot load");
+    throw pnl_err::Error(pnl_err::Kind::kModule, path, error != nullptr ? error : "cannot load");
   }
   impl_->handles.push_back(handle);
   pnl_log::Platform().Debug("loaded module " + path);
@@ -100,7 +100,7 @@ void ModuleLoader::LoadFolder(const std::string& folder) {
   namespace fs = std::filesystem;
   std::error_code error;
   fs::directory_iterator it(folder, error);
-  if (error) throw pnl_err::Error("module", folder, "cannot list: " + error.message());
+  if (error) throw pnl_err::Error(pnl_err::Kind::kModule, folder, "cannot list: " + error.message());
   std::vector<std::string> paths;
   for (const fs::directory_entry& entry : it) {
     const std::string name = entry.path().filename().string();

@@ -13,7 +13,7 @@ std::atomic<MtaInterface*> registered{nullptr};
 }  // namespace
 
 void RegisterMta(MtaInterface* mta) {
-  if (mta == nullptr) throw pnl_err::Error("module", "email::RegisterMta", "null MTA interface");
+  if (mta == nullptr) throw pnl_err::Error(pnl_err::Kind::kModule, "email::RegisterMta", "null MTA interface");
   registered.store(mta);
   pnl_log::Platform().Debug("mail back-end registered");
 }

@@ -35,7 +35,7 @@ State& GetState() {
 }
 
 pnl_err::Error LineError(const std::string& origin, int line, const std::string& what) {
-  return pnl_err::Error("conf", origin, "line " + std::to_string(line) + ": " + what);
+  return pnl_err::Error(pnl_err::Kind::kConf, origin, "line " + std::to_string(line) + ": " + what);
 }
 
 Settings Parse(const std::string& text, const std::string& origin) {
@@ -74,7 +74,7 @@ Settings Parse(const std::string& text, const std::string& origin) {
 }
 
 pnl_err::Error ReadError(const std::string& file) {
-  return pnl_err::Error("conf", file, std::string("cannot read: ") + std::strerror(errno));
+  return pnl_err::Error(pnl_err::Kind::kConf, file, std::string("cannot read: ") + std::strerror(errno));
 }
 
 std::string ReadFile(const std::string& file) {
@@ -143,7 +143,7 @@ std::string GetPath(const std::string& key) {
   if (it != state.settings.paths.end()) return it->second;
   it = state.path_defaults.find(key);
   if (it != state.path_defaults.end()) return it->second;
-  throw pnl_err::Error("conf", key, "path key is not configured and has no default");
+  throw pnl_err::Error(pnl_err::Kind::kConf, key, "path key is not configured and has no default");
 }
 
 bool HasPath(const std::string& key) {

@@ -23,9 +23,9 @@ int TableDef::ViewIndex(const std::string& rname) const {
 std::shared_ptr<const zel_conf::TableDef> ConfCache::Impl::Table(const std::string& name) const {
   std::lock_guard<std::mutex> guard(mu);
   auto it = tables.find(name);
-  if (it == tables.end()) throw pnl_err::Error("conf", name, "no such configuration table");
-  if (!it->second->rules) throw pnl_err::Error("conf", name, "the table has no token rules");
-  if (it->second->views.empty()) throw pnl_err::Error("conf", name, "the table has no record views");
+  if (it == tables.end()) throw pnl_err::Error(pnl_err::Kind::kConf, name, "no such configuration table");
+  if (!it->second->rules) throw pnl_err::Error(pnl_err::Kind::kConf, name, "the table has no token rules");
+  if (it->second->views.empty()) throw pnl_err::Error(pnl_err::Kind::kConf, name, "the table has no record views");
   return it->second;
 }
 
@@ -60,7 +60,7 @@ const std::string& ConfRef::FileName() const {
 }
 
 SmartPtr<HeadDataSet> ConfRef::_Get(const std::string& rname) {
-  if (!file_) throw pnl_err::Error("conf", rname, "no file to open a cursor on");
+  if (!file_) throw pnl_err::Error(pnl_err::Kind::kConf, rname, "no file to open a cursor on");
   std::lock_guard<std::recursive_mutex> guard(file_->mutex());
   return file_->NewCursor(rname);
 }
@@ -91,13 +91,13 @@ void ConfCache::_AfterSave(const std::string& name, BaseCachedConfigEvent* objec
 
 void ConfCache::Add(const std::string& name, const std::string& rname, const char* rname_cstr,
                     Factory factory) {
-  if (factory == nullptr) throw pnl_err::Error("conf", rname, "no factory for the record view");
+  if (factory == nullptr) throw pnl_err::Error(pnl_err::Kind::kConf, rname, "no factory for the record view");
   std::lock_guard<std::mutex> guard(impl_->mu);
   auto& slot = impl_->tables[name];
   auto def = slot ? std::make_shared<zel_conf::TableDef>(*slot) : std::make_shared<zel_conf::TableDef>();
   def->name = name;
   if (def->ViewIndex(rname) >= 0)
-    throw pnl_err::Error("conf", name, "already has the record view " + rname);
+    throw pnl_err::Error(pnl_err::Kind::kConf, name, "already has the record view " + rname);
   def->views.push_back(zel_conf::TableDef::View{rname, rname_cstr ? rname_cstr : rname, factory});
   def->version = ++impl_->versions;
   slot = std::move(def);
@@ -127,12 +127,12 @@ void ConfCache::SetRules(const std::string& name, const pnl_token::Params& rules
 ConfRef ConfCache::Config(const std::string& name, pnl_file::safe::Folder& folder,
                           const std::string& path, bool create) {
   impl_->Table(name);  // throws for an unknown table
-  if (path.empty()) throw pnl_err::Error("conf", name, "no file path given");
+  if (path.empty()) throw pnl_err::Error(pnl_err::Kind::kConf, name, "no file path given");
   std::string key;
   try {
     key = std::filesystem::absolute(path).lexically_normal().string();
   } catch (const std::exception& e) {
-    throw pnl_err::Error("file", path, e.what());
+    throw pnl_err::Error(pnl_err::Kind::kFile, path, e.what());
   }
   std::shared_ptr<zel_conf::CachedFile> file;
   {
@@ -140,7 +140,7 @@ ConfRef ConfCache::Config(const std::string& name, pnl_file::safe::Folder& folde
     auto& slot = impl_->files[key];
     if (!slot) slot = std::make_shared<zel_conf::CachedFile>(*this, key, name);
     if (slot->table() != name)
-      throw pnl_err::Error("conf", key, "is open as a file of table " + slot->table() + ", not " + name);
+      throw pnl_err::Error(pnl_err::Kind::kConf, key, "is open as a file of table " + slot->table() + ", not " + name);
     file = slot;
     file->last_use = ++impl_->tick;
     impl_->EvictLocked();
@@ -155,7 +155,7 @@ ConfRef ConfCache::Config(const std::string& name, pnl_file::safe::Folder& folde
 void ConfCache::BeginDeferred() {
   bool expected = false;
   if (!impl_->deferred.compare_exchange_strong(expected, true))
-    throw pnl_err::Error("conf", "deferred saves", "already deferred");
+    throw pnl_err::Error(pnl_err::Kind::kConf, "deferred saves", "already deferred");
 }
 
 void ConfCache::SetSaveRank(const std::string& name, int rank) {
@@ -230,7 +230,7 @@ std::size_t ConfCache::CachedBytes() const {
 }
 
 void PnlConfCache::Register(const std::string& name, std::shared_ptr<pnl_token::Params> rules) {
-  if (!rules) throw pnl_err::Error("conf", name, "no token rules given");
+  if (!rules) throw pnl_err::Error(pnl_err::Kind::kConf, name, "no token rules given");
   SetRules(name, *rules);
 }
 

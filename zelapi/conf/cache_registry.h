@@ -45,7 +45,7 @@ struct HookSlot {
 struct ConfCache::Impl {
   explicit Impl(int cap) : capacity(cap < 0 ? 0 : cap) {}
 
-  // The table as registered now; throws pnl_err::Error("conf") when it is
+  // The table as registered now; throws pnl_err::Error(pnl_err::Kind::kConf) when it is
   // unknown or not usable yet (no rules or no views).
   std::shared_ptr<const zel_conf::TableDef> Table(const std::string& name) const;
   zel_conf::HookSlot Hook(const std::string& name) const;

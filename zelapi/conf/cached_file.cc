@@ -37,7 +37,7 @@ CachedFile::CachedFile(ConfCache& engine, std::string path, std::string table)
 CachedFile::~CachedFile() = default;
 
 [[noreturn]] void CachedFile::Refuse(const std::string& why) const {
-  throw pnl_err::Error("conf", path_, why);
+  throw pnl_err::Error(pnl_err::Kind::kConf, path_, why);
 }
 
 [[noreturn]] void CachedFile::Lost(const CursorPosition& at) const {
@@ -141,12 +141,12 @@ SmartPtr<HeadDataSet> CachedFile::NewCursor(const std::string& rname) {
       Check();
       view = def_->ViewIndex(rname);
     }
-    if (view < 0) throw pnl_err::Error("conf", rname, "is not a record view of table " + table_);
+    if (view < 0) throw pnl_err::Error(pnl_err::Kind::kConf, rname, "is not a record view of table " + table_);
   }
   SmartPtr<HeadDataSet> head(def_->views[static_cast<std::size_t>(view)].factory());
   const dd::Record& record = *head;
   if (record.FieldCount() != views_.Parser(view).FieldCount())
-    throw pnl_err::Error("conf", rname, "made a view with another number of fields");
+    throw pnl_err::Error(pnl_err::Kind::kConf, rname, "made a view with another number of fields");
   auto at = std::make_unique<CursorPosition>();
   at->view = view;
   at->loaded.assign(record.FieldCount(), std::string());

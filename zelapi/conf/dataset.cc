@@ -32,7 +32,7 @@ void ConfDataSet::Release() noexcept {
 }
 
 zel_conf::CachedFile& ConfDataSet::Open() const {
-  if (!file_) throw pnl_err::Error("conf", "cursor", "the cursor is not open on a file");
+  if (!file_) throw pnl_err::Error(pnl_err::Kind::kConf, "cursor", "the cursor is not open on a file");
   return *file_;
 }
 
@@ -65,7 +65,7 @@ void ConfDataSet::Post(const std::string& note) { Open().Post(*at_, *head_, note
 void ConfDataSet::Post(ConfDataSet& other) {
   zel_conf::CachedFile& f = Open();
   if (!SameFile(other))
-    throw pnl_err::Error("conf", f.path(), "Post after a cursor of another file");
+    throw pnl_err::Error(pnl_err::Kind::kConf, f.path(), "Post after a cursor of another file");
   f.Post(*at_, *head_, std::string(), other.at_.get());
 }
 

@@ -39,9 +39,9 @@ Field::~Field() = default;
 
 void Field::Check(const std::string& value) const {
   if (HasLineEnd(value))
-    throw pnl_err::Error("conf", "field " + name_, "a value cannot hold a line end");
+    throw pnl_err::Error(pnl_err::Kind::kConf, "field " + name_, "a value cannot hold a line end");
   if (validator_ && !validator_(value))
-    throw pnl_err::Error("conf", "field " + name_, "value '" + value + "' is not valid");
+    throw pnl_err::Error(pnl_err::Kind::kConf, "field " + name_, "value '" + value + "' is not valid");
 }
 
 void Field::Set(const std::string& value) {
@@ -115,7 +115,7 @@ void ArrayField::CheckElement(const std::string& value) const {
   Check(value);
   std::vector<std::string> back = Split(value, separator_);
   if (back.size() != 1 || back[0] != value)
-    throw pnl_err::Error("conf", "field " + Name(),
+    throw pnl_err::Error(pnl_err::Kind::kConf, "field " + Name(),
                          "element '" + value + "' would not read back as one element");
 }
 
@@ -151,7 +151,7 @@ bool ArrayField::Has(const std::string& value) const {
 
 const std::string& ArrayField::operator[](int i) const {
   if (i < 0 || static_cast<std::size_t>(i) >= elements_.size())
-    throw pnl_err::Error("conf", "field " + Name(),
+    throw pnl_err::Error(pnl_err::Kind::kConf, "field " + Name(),
                          "no element " + std::to_string(i) + " (the list has " +
                              std::to_string(elements_.size()) + ")");
   return elements_[static_cast<std::size_t>(i)];

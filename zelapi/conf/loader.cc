@@ -34,7 +34,7 @@ ViewParsers::ViewParsers(const TableDef& def) {
     parsers_.emplace_back(view.factory());
     const dd::Record& record = *parsers_.back();
     if (record.FieldCount() == 0)
-      throw pnl_err::Error("conf", view.label, "a record view needs at least its key field");
+      throw pnl_err::Error(pnl_err::Kind::kConf, view.label, "a record view needs at least its key field");
   }
 }
 

@@ -31,7 +31,7 @@ namespace zel_conf {
 class ViewParsers {
  public:
   ViewParsers() = default;
-  // Makes one object per view of def. Throws pnl_err::Error("conf") for a
+  // Makes one object per view of def. Throws pnl_err::Error(pnl_err::Kind::kConf) for a
   // view without fields (it would have no key).
   explicit ViewParsers(const TableDef& def);
   ~ViewParsers();

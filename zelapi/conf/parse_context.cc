@@ -13,7 +13,7 @@ bool HasLineEnd(std::string_view text) {
                            std::memchr(text.data(), '\r', text.size()) != nullptr);
 }
 
-[[noreturn]] void Refuse(const std::string& why) { throw pnl_err::Error("conf", "parse", why); }
+[[noreturn]] void Refuse(const std::string& why) { throw pnl_err::Error(pnl_err::Kind::kConf, "parse", why); }
 
 bool AtLineEnd(pnl_token::Token::Type type) {
   return type == pnl_token::Token::LineEnd || type == pnl_token::Token::End;

@@ -15,7 +15,7 @@ namespace {
 constexpr std::int32_t kDeadLine = -2;
 
 std::uint32_t Narrow(std::size_t v, const char* what) {
-  if (v >= FieldSlot::kNoSpan) throw pnl_err::Error("conf", what, "line too long");
+  if (v >= FieldSlot::kNoSpan) throw pnl_err::Error(pnl_err::Kind::kConf, what, "line too long");
   return static_cast<std::uint32_t>(v);
 }
 

@@ -10,7 +10,7 @@ namespace pnl_token {
 namespace {
 
 [[noreturn]] void Refuse(const std::string& what, const std::string& why) {
-  throw pnl_err::Error("conf", "token rule " + what, why);
+  throw pnl_err::Error(pnl_err::Kind::kConf, "token rule " + what, why);
 }
 
 std::string Show(const std::string& text) {

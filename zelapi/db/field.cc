@@ -66,7 +66,7 @@ void Field::Assign(Value value) {
 }
 
 void Field::Refuse(const std::string& text, const std::string& why) const {
-  throw pnl_err::Error("db", table_->TableName() + "." + column_, "\"" + text + "\" " + why);
+  throw pnl_err::Error(pnl_err::Kind::kDb, table_->TableName() + "." + column_, "\"" + text + "\" " + why);
 }
 
 void Field::SetText(const std::string& text) {

@@ -10,7 +10,7 @@
 namespace pnl_db {
 
 void Throw(const std::string& object, const std::string& detail) {
-  throw pnl_err::Error("db", object, detail);
+  throw pnl_err::Error(pnl_err::Kind::kDb, object, detail);
 }
 
 std::string Ident(const std::string& name) {

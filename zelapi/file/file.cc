@@ -57,7 +57,7 @@ std::atomic<bool>& Replaced() {
 }
 
 [[noreturn]] void Fail(const std::string& path, const std::string& step, int err) {
-  throw pnl_err::Error("file", path, step + ": " + std::strerror(err));
+  throw pnl_err::Error(pnl_err::Kind::kFile, path, step + ": " + std::strerror(err));
 }
 
 // How old a temporary file without a holder must be before a later save
@@ -414,7 +414,7 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
   try {
     folder.Sync();
   } catch (const pnl_err::Error& e) {
-    throw pnl_err::Error("file", path, std::string("saved, but ") + e.detail());
+    throw pnl_err::Error(pnl_err::Kind::kFile, path, std::string("saved, but ") + e.detail());
   }
   return id;
 }

@@ -98,7 +98,7 @@ Level ParseLevel(const std::string& name) {
   if (name == "warning") return Level::kWarning;
   if (name == "error") return Level::kError;
   if (name == "off") return Level::kOff;
-  throw pnl_err::Error("conf", name,
+  throw pnl_err::Error(pnl_err::Kind::kConf, name,
                        "unknown log level (expected debug, info, warning, error or off)");
 }
 
@@ -107,7 +107,7 @@ void Configure(const std::string& file, Level file_level, Level stderr_level) {
   if (!file.empty()) {
     fd = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
     if (fd < 0)
-      throw pnl_err::Error("log", file, std::string("cannot open for appending: ") +
+      throw pnl_err::Error(pnl_err::Kind::kLog, file, std::string("cannot open for appending: ") +
                                             std::strerror(errno));
   }
   State& state = GetState();

@@ -48,7 +48,7 @@ bool HasCache() {
 
 pnl_db::Cache* GetCache() {
   std::lock_guard<std::mutex> lock(DatabaseMutex());
-  if (!DatabaseSlot()) throw pnl_err::Error("db", "database", "no database is open");
+  if (!DatabaseSlot()) throw pnl_err::Error(pnl_err::Kind::kDb, "database", "no database is open");
   return DatabaseSlot().get();
 }
 

@@ -26,7 +26,7 @@ bool CarriedByTarget(char c) {
 
 [[noreturn]] void Refuse(const std::string& address, const std::string& what,
                          const std::string& text) {
-  throw pnl_err::Error("email", address,
+  throw pnl_err::Error(pnl_err::Kind::kEmail, address,
                        "responder action: the " + what + " \"" + text +
                            "\" holds a character an aliases target cannot carry");
 }
@@ -48,7 +48,7 @@ std::string ShellWord(const std::string& address, const std::string& what,
 }  // namespace
 
 std::string GetEmailName(std::shared_ptr<zel_db::EmailTable>& email) {
-  if (!email || email->Eof()) throw pnl_err::Error("db", "email", "no current mailbox row");
+  if (!email || email->Eof()) throw pnl_err::Error(pnl_err::Kind::kDb, "email", "no current mailbox row");
   std::shared_ptr<zel_db::EmailDomainTable> domains =
       email->GetCache().Get<zel_db::EmailDomainTable>();
   domains->Assert(email->domain.Str());

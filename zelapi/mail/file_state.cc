@@ -56,7 +56,7 @@ PendingStates* Pending(pnl_db::Cache& cache, bool create) {
   }
   auto* pending = dynamic_cast<PendingStates*>(hook);
   if (pending == nullptr)
-    throw pnl_err::Error("db", cache.File(), std::string("request hook ") + kHookName +
+    throw pnl_err::Error(pnl_err::Kind::kDb, cache.File(), std::string("request hook ") + kHookName +
                                                  " is of another kind");
   return pending;
 }

@@ -101,7 +101,7 @@ std::string LowerText(std::string_view text) {
 bool IsLowerAlnum(char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); }
 
 [[noreturn]] void Refuse(const std::string& address, const std::string& why) {
-  throw pnl_err::Error("email", address, "cannot name a responder settings file: " + why);
+  throw pnl_err::Error(pnl_err::Kind::kEmail, address, "cannot name a responder settings file: " + why);
 }
 
 // A domain name that is safe as one folder name: letters, digits, "-" and
@@ -200,7 +200,7 @@ unsigned ResponderGid() {
   struct group* found = nullptr;
   const int err = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
   if (err != 0 || found == nullptr)
-    throw pnl_err::Error("conf", kResponderGroupParam,
+    throw pnl_err::Error(pnl_err::Kind::kConf, kResponderGroupParam,
                          "the group \"" + name + "\" that may read the responder settings " +
                              (err != 0 ? std::string("cannot be looked up: ") + std::strerror(err)
                                        : std::string("does not exist")));
@@ -208,7 +208,7 @@ unsigned ResponderGid() {
 }
 
 [[noreturn]] void FileFail(const std::string& path, const std::string& step, int err) {
-  throw pnl_err::Error("file", path, step + ": " + std::strerror(err));
+  throw pnl_err::Error(pnl_err::Kind::kFile, path, step + ": " + std::strerror(err));
 }
 
 // Sets owner, group and mode of an existing folder.
@@ -523,19 +523,19 @@ std::optional<ResponderSettings> ReadResponderSettings(const std::string& folder
   const pnl_file::FileId st = pnl_file::StatFile(path);
   if (!st.exists) return std::nullopt;
   if (st.size > kMaxFileBytes)
-    throw pnl_err::Error("email", path, "the responder settings file is larger than 4 MiB");
+    throw pnl_err::Error(pnl_err::Kind::kEmail, path, "the responder settings file is larger than 4 MiB");
   std::string data;
   pnl_file::FileId id;
   if (!pnl_file::ReadFile(path, data, id)) return std::nullopt;
   if (data.size() > kMaxFileBytes)
-    throw pnl_err::Error("email", path, "the responder settings file is larger than 4 MiB");
+    throw pnl_err::Error(pnl_err::Kind::kEmail, path, "the responder settings file is larger than 4 MiB");
   ResponderSettings settings;
   std::string why;
   if (!ParseResponderSettings(data, settings, &why))
-    throw pnl_err::Error("email", path, "the responder settings file is malformed: " + why);
+    throw pnl_err::Error(pnl_err::Kind::kEmail, path, "the responder settings file is malformed: " + why);
   if (LowerText(settings.address) != LowerText(address))
     throw pnl_err::Error(
-        "email", path,
+        pnl_err::Kind::kEmail, path,
         "the responder settings file is for " + settings.address + ", not " + address);
   return settings;
 }
@@ -547,7 +547,7 @@ std::string ResponderSettingsFolder() {
 
 void WatchResponderSettings(pnl_db::Cache& db) {
   if (!db.InRequest())
-    throw pnl_err::Error("db", db.File(), "responder settings: no request is open");
+    throw pnl_err::Error(pnl_err::Kind::kDb, db.File(), "responder settings: no request is open");
   if (db.FindRequestHook(kHookName) != nullptr) return;
   if (!Watching(db))
     for (const char* statement : kWatchStatements) db.Query(statement);

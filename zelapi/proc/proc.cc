@@ -30,12 +30,12 @@ constexpr int kExitCheckMillis = 100;
 constexpr size_t kDrainLimit = 1 << 20;
 
 pnl_err::Error SystemError(const std::string& command, const std::string& what, int error) {
-  return pnl_err::Error("proc", command, what + ": " + std::strerror(error));
+  return pnl_err::Error(pnl_err::Kind::kProc, command, what + ": " + std::strerror(error));
 }
 
 void CheckMode(const std::string& command, int mode) {
   if (mode < 0 || mode > 2)
-    throw pnl_err::Error("proc", command, "unknown output mode " + std::to_string(mode));
+    throw pnl_err::Error(pnl_err::Kind::kProc, command, "unknown output mode " + std::to_string(mode));
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {

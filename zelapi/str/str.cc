@@ -40,7 +40,7 @@ std::string Random(size_t n) {
     if (got > 0) {
       filled += static_cast<size_t>(got);
     } else if (got < 0 && errno != EINTR) {
-      throw pnl_err::Error("random", "getrandom", std::strerror(errno));
+      throw pnl_err::Error(pnl_err::Kind::kRandom, "getrandom", std::strerror(errno));
     }
   }
   return bytes;

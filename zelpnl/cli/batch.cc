@@ -66,7 +66,7 @@ struct Line {
   int number = 0;     // in the file, from 1
   std::string text;   // as written, without the surrounding blanks
   Command command;    // to run; no run when refused
-  Failure refused{"", "", "", 0};  // status 0 unless refused
+  Failure refused{pnl_err::Kind::kInternal, "", "", 0};  // status 0 unless refused
 };
 
 struct Plan {
@@ -153,7 +153,7 @@ Plan Read(const std::string& source, bool stop_on_error) {
       if (words.empty()) continue;  // blank, or a comment
       line.command = ParseLine(std::move(words));
     } catch (const CLI::ParseError& e) {
-      line.refused = {"usage", "", e.what(), 2};
+      line.refused = {pnl_err::Kind::kUsage, "", e.what(), 2};
     } catch (...) {
       line.refused = CurrentFailure();
       line.refused.status = 2;
@@ -176,7 +176,7 @@ void PrintLineError(const Line& line, const Failure& f) {
 nlohmann::ordered_json ErrorJson(const Failure& f) {
   std::string detail = f.detail;
   while (!detail.empty() && (detail.back() == '\n' || detail.back() == '\r')) detail.pop_back();
-  return {{"type", f.type}, {"object", f.object}, {"detail", detail}, {"status", f.status}};
+  return {{"type", pnl_err::KindName(f.kind)}, {"object", f.object}, {"detail", detail}, {"status", f.status}};
 }
 
 // At most ten line numbers, "1, 2, 3 and 7 more".
@@ -219,7 +219,7 @@ class BatchGuard {
     open_ = false;
     return host_.Files().EndBatch(&failure);
   }
-  Failure failure{"", "", "", 0};  // status 0 unless the saves failed
+  Failure failure{pnl_err::Kind::kInternal, "", "", 0};  // status 0 unless the saves failed
 
  private:
   Host& host_;
@@ -287,7 +287,7 @@ void Run(Host& host, const Output& out, const Plan& plan) {
       line.command.run(host, line_out);
       r.status = line_out.failed() ? Status::kFailed : Status::kDone;
       if (line_out.failed())
-        r.error = {"failed", "", "the command reported failures (see its output)", 1};
+        r.error = {pnl_err::Kind::kFailed, "", "the command reported failures (see its output)", 1};
     } catch (...) {
       r.status = Status::kFailed;
       r.error = CurrentFailure();

@@ -50,7 +50,7 @@ ResponderUser FindResponderUser() {
   if (::geteuid() == 0) {
     const struct passwd* pw = ::getpwnam(kMailUser);
     if (pw == nullptr)
-      throw pnl_err::Error("init", std::string("user ") + kMailUser,
+      throw pnl_err::Error(pnl_err::Kind::kInit, std::string("user ") + kMailUser,
                            "does not exist; the sandbox's sendmail runs the responder as it");
     user.change_owner = true;
     user.uid = pw->pw_uid;
@@ -61,7 +61,7 @@ ResponderUser FindResponderUser() {
   }
   const struct group* gr = ::getgrgid(user.gid);
   if (gr == nullptr)
-    throw pnl_err::Error("init", "group " + std::to_string(user.gid), "has no name");
+    throw pnl_err::Error(pnl_err::Kind::kInit, "group " + std::to_string(user.gid), "has no name");
   user.group = gr->gr_name;
   return user;
 }
@@ -69,7 +69,7 @@ ResponderUser FindResponderUser() {
 // Gives path the owner and group (when init runs as root) and the mode.
 void Own(const fs::path& path, uid_t uid, gid_t gid, unsigned mode, const ResponderUser& user) {
   if (user.change_owner && ::chown(path.c_str(), uid, gid) != 0)
-    throw pnl_err::Error("init", path.string(), "cannot change its owner");
+    throw pnl_err::Error(pnl_err::Kind::kInit, path.string(), "cannot change its owner");
   fs::permissions(path, fs::perms(mode));
 }
 
@@ -100,10 +100,10 @@ void CheckFolderChain(const fs::path& dir) {
     struct stat st;
     if (::stat(p.c_str(), &st) == 0) {
       if (!S_ISDIR(st.st_mode))
-        throw pnl_err::Error("unsafe", "folder " + Quote(p.string()), "is not a folder");
+        throw pnl_err::Error(pnl_err::Kind::kUnsafe, "folder " + Quote(p.string()), "is not a folder");
       if (st.st_mode & S_IWOTH)
         throw pnl_err::Error(
-            "unsafe", "folder " + Quote(p.string()),
+            pnl_err::Kind::kUnsafe, "folder " + Quote(p.string()),
             "is writable by everyone, and sendmail refuses files below such a folder; choose a "
             "sandbox folder whose parents only their owners may write to (not under /tmp)");
     }
@@ -124,14 +124,14 @@ void WriteText(const fs::path& path, const std::string& text, unsigned mode = 06
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << text;
   file.close();
-  if (!file) throw pnl_err::Error("file", path.string(), "cannot be written");
+  if (!file) throw pnl_err::Error(pnl_err::Kind::kFile, path.string(), "cannot be written");
   fs::permissions(path, fs::perms(mode));
 }
 
 void Run(const std::string& command, const std::string& object) {
   pnl_proc::Execute run(command, 2);
   if (run.Result() != 0)
-    throw pnl_err::Error("init", object,
+    throw pnl_err::Error(pnl_err::Kind::kInit, object,
                          "\"" + command + "\" failed with status " + std::to_string(run.Result()) +
                              (run.Str().empty() ? "" : ":\n" + run.Str()));
 }
@@ -230,7 +230,7 @@ void Init(Host& host, const Output& out, const fs::path& dir) {
   CheckFolderChain(dir);
   for (const char* name : kFiles)
     if (fs::exists(dir / name))
-      throw pnl_err::Error("exists", "sandbox folder " + Quote(d),
+      throw pnl_err::Error(pnl_err::Kind::kExists, "sandbox folder " + Quote(d),
                            "already holds " + std::string(name) + "; choose a new or empty folder");
   MakeFolders(dir);
 
@@ -247,7 +247,7 @@ void Init(Host& host, const Output& out, const fs::path& dir) {
     pnl_proc::Execute m4(std::string(kM4) + " " + d + "/sendmail.mc > " + cf, 2);
     if (m4.Result() != 0 || !m4.Str().empty()) {
       fs::remove(cf);
-      throw pnl_err::Error("init", cf, "m4 could not build it:\n" + m4.Str());
+      throw pnl_err::Error(pnl_err::Kind::kInit, cf, "m4 could not build it:\n" + m4.Str());
     }
     fs::permissions(cf, fs::perms(0644));
   }

@@ -28,7 +28,7 @@ int Report(bool json, const Failure& f, const RunLog* log) {
                TrimLineEnds(f.detail));
   if (json) {
     nlohmann::ordered_json doc = {{"error",
-                           {{"type", f.type}, {"object", object}, {"detail", TrimLineEnds(f.detail)},
+                           {{"type", pnl_err::KindName(f.kind)}, {"object", object}, {"detail", TrimLineEnds(f.detail)},
                             {"status", f.status}}}};
     Output(true).Print(doc, "");
   }

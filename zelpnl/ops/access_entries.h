@@ -18,7 +18,7 @@ class MtaInterface;
 namespace zelpnl {
 
 
-// Throws pnl_err::Error("conflict", object, the access map holds "KEY
+// Throws pnl_err::Error(pnl_err::Kind::kConflict, object, the access map holds "KEY
 // VALUE", which the panel did not write) when the access map holds a line
 // under key (letter case aside) that the panel did not write. For the
 // suspension of a mail domain (key: its name) or a mailbox (key: L@D).

@@ -2,7 +2,6 @@
 
 #include <exception>
 
-#include "validation.h"
 #include "zelapi/err.h"
 
 namespace zelpnl {
@@ -10,14 +9,12 @@ namespace zelpnl {
 Failure CurrentFailure() {
   try {
     throw;
-  } catch (const Invalid& e) {
-    return {e.type(), e.object(), e.detail(), 2};
   } catch (const pnl_err::Error& e) {
-    return {e.type(), e.object(), e.detail(), 1};
+    return {e.kind(), e.object(), e.detail(), e.kind() == pnl_err::Kind::kUsage ? 2 : 1};
   } catch (const std::exception& e) {
-    return {"internal", "", e.what(), 1};
+    return {pnl_err::Kind::kInternal, "", e.what(), 1};
   } catch (...) {
-    return {"internal", "", "unknown failure", 1};
+    return {pnl_err::Kind::kInternal, "", "unknown failure", 1};
   }
 }
 

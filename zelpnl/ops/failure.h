@@ -4,12 +4,14 @@
 
 #include <string>
 
+#include "zelapi/err.h"
+
 namespace zelpnl {
 
-// The error's type, object and detail, and the exit status it calls for
-// (1, or 2 for a value the validation refused).
+// The error's kind, object and detail, and the exit status it calls for
+// (2 for a value refused before anything opened, else 1).
 struct Failure {
-  std::string type;
+  pnl_err::Kind kind = pnl_err::Kind::kInternal;
   std::string object;
   std::string detail;
   int status = 1;

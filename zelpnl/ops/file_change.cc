@@ -133,7 +133,7 @@ void FileChange::Change(const std::function<void()>& change, const std::function
 }
 
 void FileChange::BeginBatch() {
-  if (batch_ || deferring_) throw pnl_err::Error("batch", "batch", "a batch is open already");
+  if (batch_ || deferring_) throw pnl_err::Error(pnl_err::Kind::kBatch, "batch", "a batch is open already");
   BeginDeferred();
   batch_ = true;
   batch_line_ = 0;

@@ -74,7 +74,7 @@ void Host::Open(Needs needs) {
   config_file_ = ConfigFile(config_);
   std::error_code ec;
   if (!fs::exists(config_file_, ec))
-    throw pnl_err::Error("conf", config_file_,
+    throw pnl_err::Error(pnl_err::Kind::kConf, config_file_,
                          "no such configuration file (make a set-up with \"zelpnl init "
                          "--sandbox DIR\", or name the file with --config or ZELPNL_CONF)");
   pnl_cf::Load(config_file_);
@@ -90,7 +90,7 @@ void Host::Open(Needs needs) {
 
   const std::string database = pnl_cf::GetParam("database");
   if (database.empty())
-    throw pnl_err::Error("conf", config_file_, "the parameter \"database\" is not set");
+    throw pnl_err::Error(pnl_err::Kind::kConf, config_file_, "the parameter \"database\" is not set");
   zel_db::OpenCache(database);
   db_open_ = true;
   if (needs == Needs::kDatabase) {
@@ -105,24 +105,24 @@ void Host::Open(Needs needs) {
   loader_->ConstructAll();
   mta_ = email::GetMta();
   if (!mta_)
-    throw pnl_err::Error("module", "mail",
+    throw pnl_err::Error(pnl_err::Kind::kModule, "mail",
                          "no mail back-end registered; is MTA = sendmail set in " + config_file_ +
                              "?");
   files_ = std::make_unique<FileChange>(mta_, log_);
 }
 
 pnl_db::Cache& Host::Db() const {
-  if (!db_open_) throw pnl_err::Error("db", "database", "the database is not open");
+  if (!db_open_) throw pnl_err::Error(pnl_err::Kind::kDb, "database", "the database is not open");
   return *zel_db::GetCache();
 }
 
 email::MtaInterface& Host::Mta() const {
-  if (!mta_) throw pnl_err::Error("module", "mail", "no mail back-end registered");
+  if (!mta_) throw pnl_err::Error(pnl_err::Kind::kModule, "mail", "no mail back-end registered");
   return *mta_;
 }
 
 FileChange& Host::Files() const {
-  if (!files_) throw pnl_err::Error("db", "database", "the database is not open");
+  if (!files_) throw pnl_err::Error(pnl_err::Kind::kDb, "database", "the database is not open");
   return *files_;
 }
 

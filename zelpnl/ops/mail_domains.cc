@@ -24,16 +24,16 @@ MailDomainView AddMailDomain(const Request& request, const std::string& name,
   pnl_db::Cache& db = request.db;
   WebDomainRow web = FindWebDomain(db, name);
   if (!web)
-    throw pnl_err::Error("unknown", "web domain " + Quote(name),
+    throw pnl_err::Error(pnl_err::Kind::kUnknown, "web domain " + Quote(name),
                          "does not exist; a mail domain must be a web domain of the panel first "
                          "(zelpnl webdomain add " + name + " --owner USER)");
   if (FindMailDomain(db, name))
-    throw pnl_err::Error("exists", "mail domain " + Quote(name), "already exists");
+    throw pnl_err::Error(pnl_err::Kind::kExists, "mail domain " + Quote(name), "already exists");
   // A mail domain belongs to whoever owns its web domain.
   const int64_t owner_id = web->users.Value();
   if (!owner.empty() && RequireUser(db, owner)->id.Value() != owner_id) {
     const std::string web_owner = UserNameById(db, owner_id);
-    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
+    throw pnl_err::Error(pnl_err::Kind::kConflict, "mail domain " + Quote(name),
                          "belongs to the owner of its web domain (" +
                              (web_owner.empty() ? std::string("the web domain has none")
                                                 : web_owner) +
@@ -43,7 +43,7 @@ MailDomainView AddMailDomain(const Request& request, const std::string& name,
   // to the system's users.
   const std::string taken = request.mta.ServerNameReason(name);
   if (!taken.empty())
-    throw pnl_err::Error("conflict", "mail domain " + Quote(name),
+    throw pnl_err::Error(pnl_err::Kind::kConflict, "mail domain " + Quote(name),
                          taken + "; it cannot be a mail domain of the panel");
   RefuseAccessEntryOfNewDomain(request.mta, name);
 

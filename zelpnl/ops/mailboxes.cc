@@ -75,10 +75,10 @@ namespace {
 void CheckAliasFree(pnl_db::Cache& db, const MailDomainRow& domain, const std::string& local) {
   const std::string address = local + "@" + domain->name.Value();
   if (MailboxExists(db, domain->id.Value(), local))
-    throw pnl_err::Error("exists", "alias " + Quote(address), "is a mailbox");
+    throw pnl_err::Error(pnl_err::Kind::kExists, "alias " + Quote(address), "is a mailbox");
   const std::string owner = AliasOwner(db, domain->id.Value(), local);
   if (!owner.empty())
-    throw pnl_err::Error("exists", "alias " + Quote(address),
+    throw pnl_err::Error(pnl_err::Kind::kExists, "alias " + Quote(address),
                          "is already an alias of " + owner + "@" + domain->name.Value());
 }
 
@@ -114,16 +114,16 @@ void AddMailbox(const Request& request, const Address& address, const MailboxCha
   pnl_db::Cache& db = request.db;
   MailDomainRow domain = RequireMailDomain(db, address.domain);
   if (MailboxExists(db, domain->id.Value(), address.local))
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()), "already exists");
+    throw pnl_err::Error(pnl_err::Kind::kExists, "mailbox " + Quote(address.Text()), "already exists");
   const std::string owner = AliasOwner(db, domain->id.Value(), address.local);
   if (!owner.empty())
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
+    throw pnl_err::Error(pnl_err::Kind::kExists, "mailbox " + Quote(address.Text()),
                          "is an alias of " + owner + "@" + address.domain);
   for (const std::string& alias : changes.add_aliases) CheckAliasFree(db, domain, alias);
   const email::MtaInterface::MailboxLeftover leftover =
       request.mta.FindMailboxLeftover(address.local, address.domain);
   if (!leftover.foreign.empty())
-    throw pnl_err::Error("exists", "mailbox " + Quote(address.Text()),
+    throw pnl_err::Error(pnl_err::Kind::kExists, "mailbox " + Quote(address.Text()),
                          "the virtual user table has a line for it already, pointing to " +
                              Quote(leftover.foreign) +
                              "; remove that line, or run \"zelpnl mail sync\" to take it over");
@@ -242,28 +242,28 @@ void SetMailbox(const Request& request, const Address& address, const MailboxCha
   // Every refusal before the first write.
   for (const std::string& alias : changes.add_aliases) {
     if (has(aliases, alias))
-      throw pnl_err::Error("exists", "alias " + Quote(alias + "@" + address.domain),
+      throw pnl_err::Error(pnl_err::Kind::kExists, "alias " + Quote(alias + "@" + address.domain),
                            "is already an alias of " + address.Text());
     CheckAliasFree(db, domain, alias);
   }
   for (const std::string& alias : changes.del_aliases)
     if (!has(aliases, alias))
-      throw pnl_err::Error("unknown", "alias " + Quote(alias + "@" + address.domain),
+      throw pnl_err::Error(pnl_err::Kind::kUnknown, "alias " + Quote(alias + "@" + address.domain),
                            "is not an alias of " + address.Text());
   for (const std::string& target : changes.add_forwards)
     if (has(forwards, target))
-      throw pnl_err::Error("exists", "forward target " + Quote(target),
+      throw pnl_err::Error(pnl_err::Kind::kExists, "forward target " + Quote(target),
                            "is already a forward of " + address.Text());
   for (const std::string& target : changes.del_forwards)
     if (!has(forwards, target))
-      throw pnl_err::Error("unknown", "forward target " + Quote(target),
+      throw pnl_err::Error(pnl_err::Kind::kUnknown, "forward target " + Quote(target),
                            "is not a forward of " + address.Text());
   const bool forward_only =
       changes.forward_only.value_or(mailbox->forward_only.Value());
   const size_t forwards_after =
       forwards.size() + changes.add_forwards.size() - changes.del_forwards.size();
   if (forward_only && forwards_after == 0)
-    throw pnl_err::Error("invalid", "mailbox " + Quote(address.Text()),
+    throw pnl_err::Error(pnl_err::Kind::kInvalid, "mailbox " + Quote(address.Text()),
                          "would be forward-only without any forward, so its mail would go "
                          "nowhere; keep a forward or set --forward-only no");
 

@@ -11,7 +11,7 @@ namespace zelpnl {
 namespace {
 
 [[noreturn]] void Unknown(const std::string& kind, const std::string& name) {
-  throw pnl_err::Error("unknown", kind + " " + Quote(name), "does not exist");
+  throw pnl_err::Error(pnl_err::Kind::kUnknown, kind + " " + Quote(name), "does not exist");
 }
 
 long long Key(int64_t id) { return static_cast<long long>(id); }

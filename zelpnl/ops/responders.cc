@@ -45,7 +45,7 @@ ResponderState SwitchResponder(const Request& request, const Address& address, b
     old_text = row->text.Value();
   }
   if (on && text.value_or(old_text).empty())
-    throw pnl_err::Error("invalid", "responder of " + Quote(address.Text()),
+    throw pnl_err::Error(pnl_err::Kind::kInvalid, "responder of " + Quote(address.Text()),
                          "has no text to answer with; give --text");
   row->enabled = on;
   if (subject) row->subject = *subject;

@@ -13,7 +13,7 @@ namespace {
 
 [[noreturn]] void Refuse(const std::string& what, const std::string& value, const std::string& row,
                          const std::string& why) {
-  throw pnl_err::Error("row", what + " " + Quote(value) + " of " + row,
+  throw pnl_err::Error(pnl_err::Kind::kRow, what + " " + Quote(value) + " of " + row,
                        why + " (a row of the panel database the command would write into "
                              "sendmail's files; correct or remove it first)");
 }

@@ -86,7 +86,7 @@ std::optional<email::AccessEntry> PanelEntry(const Request& request, const List&
                                              const std::string& sender) {
   std::optional<email::AccessEntry> entry = request.mta.FindSenderEntry(sender);
   if (entry && !entry->panel)
-    throw pnl_err::Error("conflict", "sender " + Quote(sender), email::NotThePanels(*entry));
+    throw pnl_err::Error(pnl_err::Kind::kConflict, "sender " + Quote(sender), email::NotThePanels(*entry));
   const bool listed = entry && entry->value == list.action;
   if (listed != OnList(request.db, list, sender)) Cache(request, list);
   return entry;
@@ -103,20 +103,20 @@ void AddSender(const Request& request, SenderList which, const std::string& send
   const std::string object = "sender " + Quote(sender);
   const std::optional<email::AccessEntry> entry = PanelEntry(request, list, sender);
   if (kind == "domain" && FindMailDomain(db, sender))
-    throw pnl_err::Error("conflict", object,
+    throw pnl_err::Error(pnl_err::Kind::kConflict, object,
                          "is a mail domain of this server; its access entry is the domain's "
                          "suspension");
   if (kind == "address") {
     const size_t at = sender.rfind('@');
     if (FindMailbox(db, {sender.substr(0, at), sender.substr(at + 1)}))
-      throw pnl_err::Error("conflict", object,
+      throw pnl_err::Error(pnl_err::Kind::kConflict, object,
                            "is a mailbox of this server; its access entry is the mailbox's "
                            "suspension");
   }
   if (entry && entry->value == list.action)
-    throw pnl_err::Error("exists", object, std::string("is already on the ") + list.name);
+    throw pnl_err::Error(pnl_err::Kind::kExists, object, std::string("is already on the ") + list.name);
   if (entry && entry->value == list.other_action)
-    throw pnl_err::Error("conflict", object,
+    throw pnl_err::Error(pnl_err::Kind::kConflict, object,
                          std::string("is on the ") + list.other + "; delete it there first");
   ChangeAndCache(request, list, sender, true, [&] {
     if (list.white)
@@ -130,7 +130,7 @@ void DeleteSender(const Request& request, SenderList which, const std::string& s
   const List& list = Of(which);
   const std::optional<email::AccessEntry> entry = PanelEntry(request, list, sender);
   if (!entry || entry->value != list.action)
-    throw pnl_err::Error("unknown", "sender " + Quote(sender),
+    throw pnl_err::Error(pnl_err::Kind::kUnknown, "sender " + Quote(sender),
                          std::string("is not on the ") + list.name);
   ChangeAndCache(request, list, sender, false, [&] {
     if (list.white)

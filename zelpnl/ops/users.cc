@@ -8,7 +8,7 @@
 namespace zelpnl {
 
 void AddUser(pnl_db::Cache& db, const std::string& name) {
-  if (FindUser(db, name)) throw pnl_err::Error("exists", "user " + Quote(name), "already exists");
+  if (FindUser(db, name)) throw pnl_err::Error(pnl_err::Kind::kExists, "user " + Quote(name), "already exists");
   UserRow row = db.Get<zel_db::UserTable>();
   row->New();
   row->name = name;
@@ -31,7 +31,7 @@ void DeleteUser(pnl_db::Cache& db, const std::string& name) {
     if (!web.empty()) owned += "web domains " + str::Join(web, ", ");
     if (!mail.empty()) owned += std::string(owned.empty() ? "" : " and ") + "mail domains " +
                                 str::Join(mail, ", ");
-    throw pnl_err::Error("in_use", "user " + Quote(name),
+    throw pnl_err::Error(pnl_err::Kind::kInUse, "user " + Quote(name),
                          "owns " + owned + "; delete them first");
   }
   row->Delete();
@@ -48,7 +48,7 @@ WebDomainView WebDomainOf(pnl_db::Cache& db, const std::string& name, int64_t ow
 WebDomainView AddWebDomain(pnl_db::Cache& db, const std::string& name, const std::string& owner) {
   UserRow user = RequireUser(db, owner);
   if (FindWebDomain(db, name))
-    throw pnl_err::Error("exists", "web domain " + Quote(name), "already exists");
+    throw pnl_err::Error(pnl_err::Kind::kExists, "web domain " + Quote(name), "already exists");
   WebDomainRow row = db.Get<zel_db::DomainTable>();
   row->New();
   row->name = name;
@@ -67,7 +67,7 @@ std::vector<WebDomainView> ListWebDomains(pnl_db::Cache& db) {
 void DeleteWebDomain(pnl_db::Cache& db, const std::string& name) {
   WebDomainRow row = RequireWebDomain(db, name);
   if (FindMailDomain(db, name))
-    throw pnl_err::Error("in_use", "web domain " + Quote(name),
+    throw pnl_err::Error(pnl_err::Kind::kInUse, "web domain " + Quote(name),
                          "is a mail domain; delete the mail domain first (zelpnl mail domain "
                          "delete " + name + ")");
   row->Delete();

@@ -66,7 +66,7 @@ bool HasNonAscii(const std::string& text) {
 }  // namespace
 
 Invalid::Invalid(const std::string& kind, const std::string& value, const std::string& detail)
-    : pnl_err::Error("usage", kind + " " + Quote(value), detail) {}
+    : pnl_err::Error(pnl_err::Kind::kUsage, kind + " " + Quote(value), detail) {}
 
 std::string Quote(const std::string& value) {
   std::string out = "\"";

@@ -61,14 +61,14 @@ struct BuildReport {
 
 // Rebuilds options.alias_file's map. A missing aliases file is reported as
 // sendmail does ("newaliases: cannot open FILE: No such file or directory",
-// exit status 0, no map written). Throws pnl_err::Error("aliasdb") naming
+// exit status 0, no map written). Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming
 // the file and the cause when the file cannot be read or the map cannot be
 // written; FILE.db is then left as it was and no temporary file stays.
 BuildReport Build(const BuildOptions& options);
 
 // The alias files a sendmail configuration names in its AliasFile option
 // ("O AliasFile=a,b"), in order; a "hash:" prefix is dropped. Throws
-// pnl_err::Error("aliasdb") naming config when it cannot be read, names no
+// pnl_err::Error(pnl_err::Kind::kAliasDb) naming config when it cannot be read, names no
 // alias file, or names one of another map type (those cannot be rebuilt).
 std::vector<std::string> AliasFilesOf(const std::string& config);
 

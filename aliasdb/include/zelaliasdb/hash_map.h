@@ -28,17 +28,17 @@ class MapWriter {
  public:
   virtual ~MapWriter();
   // Stores key -> value (each written with a trailing NUL); a key already
-  // stored is replaced. Throws pnl_err::Error("aliasdb") naming the map on
+  // stored is replaced. Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming the map on
   // a failed write.
   virtual void Put(std::string_view key, std::string_view value) = 0;
   // Flushes the map to its file, including to disk, and closes it. Throws
-  // pnl_err::Error("aliasdb") on failure. Put must not be called after.
+  // pnl_err::Error(pnl_err::Kind::kAliasDb) on failure. Put must not be called after.
   virtual void Finish() = 0;
 };
 
 // Writes path directly with Berkeley DB. expected_entries sizes the table
 // (a hint: more entries still fit). path may exist (an empty file made to
-// reserve the name): it is truncated. Throws pnl_err::Error("aliasdb") naming
+// reserve the name): it is truncated. Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming
 // path when the database cannot be created.
 std::unique_ptr<MapWriter> MakeHashWriter(const std::string& path, std::size_t expected_entries);
 
@@ -46,12 +46,12 @@ std::unique_ptr<MapWriter> MakeHashWriter(const std::string& path, std::size_t e
 // and writes "key<TAB>value" lines to it. makemap reads one line per entry,
 // skips lines that start with '#', and splits at the first tab, so a key
 // that starts with '#' or holds a tab or a line end, or a value that holds a
-// line end, cannot be passed: Put throws pnl_err::Error("aliasdb") naming the
+// line end, cannot be passed: Put throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming the
 // key. Finish waits for makemap and throws with its output when it fails.
 std::unique_ptr<MapWriter> MakeMakemapWriter(const std::string& makemap, const std::string& base);
 
 // Every key and value of the hash map at path, in the map's own order,
-// byte for byte as stored (sendmail's entries end with a NUL byte). Throws pnl_err::Error("aliasdb") naming path when it
+// byte for byte as stored (sendmail's entries end with a NUL byte). Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming path when it
 // cannot be opened or read.
 std::vector<std::pair<std::string, std::string>> ReadHashMap(const std::string& path);
 

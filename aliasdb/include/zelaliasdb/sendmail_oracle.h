@@ -49,7 +49,7 @@ class SendmailOracle {
 
   // What sendmail makes of raw, the physical lines of one logical line
   // (line ends included; one is added when missing), which start at line
-  // first_line of the original file. Throws pnl_err::Error("aliasdb") naming
+  // first_line of the original file. Throws pnl_err::Error(pnl_err::Kind::kAliasDb) naming
   // the line when sendmail cannot be run or builds no map.
   Verdict Decide(std::string_view raw, std::uint32_t first_line) const;
 

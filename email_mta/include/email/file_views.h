@@ -71,7 +71,7 @@ class Aliases : public HeadDataSet {
 inline constexpr std::size_t kLongestAliasesEntry = 8190;
 
 // Refuses an aliases entry that sendmail would not read: throws
-// pnl_err::Error("limit", "aliases entry \"NAME\"", ...) naming its size
+// pnl_err::Error(pnl_err::Kind::kLimit, "aliases entry \"NAME\"", ...) naming its size
 // and the limit when name with targets, written as Aliases writes it, is
 // longer than kLongestAliasesEntry. forwards: how many of the targets are
 // the mailbox's forwards (said in the message, with the advice to remove

@@ -74,7 +74,7 @@ class BuilderFaultTest : public ::testing::Test {
     try {
       zel_aliasdb::Build(options_);
     } catch (const pnl_err::Error& e) {
-      EXPECT_EQ(e.type(), "aliasdb");
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kAliasDb);
       return e.what();
     }
     return "";

@@ -199,7 +199,7 @@ TEST_F(BuilderTest, FailedWriteLeavesTheOldMapAndNoTemporaryFile) {
     BuildFile("a: new\n");
     FAIL() << "expected the build to fail";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "aliasdb");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kAliasDb);
     // Either makemap is gone before it was written to, or it ends with status 1.
     EXPECT_NE(std::string(e.what()).find("/bin/false"), std::string::npos) << e.what();
   }
@@ -248,7 +248,7 @@ TEST_F(BuilderTest, AliasesFileThatCannotBeReadFailsNamingIt) {
     Build(options_);
     FAIL() << "expected a failure";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "aliasdb");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kAliasDb);
     EXPECT_EQ(std::string(e.what()), box_.Path("folder") + ": cannot read: Is a directory");
   }
   EXPECT_FALSE(box_.Exists("folder.db"));

@@ -53,7 +53,7 @@ TEST_F(SenderListsTest, EntriesThePanelDidNotWriteAreNeitherRewrittenNorRemoved)
       op();
       ADD_FAILURE() << "not refused: " << object;
     } catch (const pnl_err::Error& e) {
-      EXPECT_EQ(e.type(), "conflict");
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kConflict);
       EXPECT_EQ(e.object(), object);
       EXPECT_EQ(e.detail(), "the access map holds \"" + line + "\", which the panel did not write");
     }

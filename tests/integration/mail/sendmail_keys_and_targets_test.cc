@@ -94,7 +94,7 @@ TEST_F(SendmailSpecificsTest, CapabilitiesSendmailLacks) {
     mta_->SetSSLCertForDomain("a.example", "c", "k");
     FAIL();
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "not_supported");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kNotSupported);
   }
   auto d = NewDomain("a.example");
   EXPECT_NO_THROW(mta_->CacheOne(d));

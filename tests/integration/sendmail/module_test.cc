@@ -189,7 +189,7 @@ TEST_F(ModuleTest, FailingNewaliasesKeepsTheBackEndUnregistered) {
     loader_.ConstructAll();
     FAIL() << "the construction succeeded";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "email");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kEmail);
     EXPECT_EQ(e.object(), "newaliases");
     EXPECT_NE(e.detail().find("line 1: refused"), std::string::npos) << e.detail();
     EXPECT_TRUE(e.reported());
@@ -251,6 +251,6 @@ TEST_F(ModuleTest, SslCertificatesAreNotSupported) {
     email::GetMta()->SetSSLCertForDomain("a.example", "cert", "key");
     FAIL();
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "not_supported");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kNotSupported);
   }
 }

@@ -31,7 +31,7 @@ class ScriptedRunner : public pnl_proc::Runner {
  public:
   pnl_proc::RunResult Run(const std::string& command, int mode) override {
     calls.push_back(command + " #" + std::to_string(mode));
-    if (broken.count(command)) throw pnl_err::Error("proc", command, "no process could be made");
+    if (broken.count(command)) throw pnl_err::Error(pnl_err::Kind::kProc, command, "no process could be made");
     auto it = answers.find(command);
     return it == answers.end() ? pnl_proc::RunResult() : it->second;
   }

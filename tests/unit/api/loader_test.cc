@@ -124,7 +124,7 @@ TEST_F(LoaderTest, LoadOfAMissingFileThrowsWithTheLinkersMessage) {
     loader.Load(path);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "module");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kModule);
     EXPECT_EQ(e.object(), path);
     EXPECT_NE(e.detail().find("cannot open shared object file: No such file or directory"),
               std::string::npos)
@@ -140,7 +140,7 @@ TEST_F(LoaderTest, LoadOfAFileThatIsNoSharedObjectThrows) {
     loader.Load(path);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "module");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kModule);
     EXPECT_EQ(e.object(), path);
     EXPECT_NE(e.detail().find("invalid ELF header"), std::string::npos) << e.detail();
   }
@@ -169,7 +169,7 @@ TEST_F(LoaderTest, LoadFolderOfAMissingFolderThrows) {
     loader.LoadFolder(folder);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "module");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kModule);
     EXPECT_EQ(e.object(), folder);
     EXPECT_EQ(e.detail(), "cannot list: No such file or directory");
   }

@@ -31,7 +31,7 @@ int deallocations = 0;
 class Throwing : public zel_api::Module {
  public:
   Throwing() : zel_api::Module("throwing") {
-    throw pnl_err::Error("module", "throwing", "constructor failed");
+    throw pnl_err::Error(pnl_err::Kind::kModule, "throwing", "constructor failed");
   }
   static void* operator new(size_t size) {
     ++allocations;

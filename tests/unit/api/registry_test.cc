@@ -40,7 +40,7 @@ TEST_F(MtaRegistryTest, NullBackEndIsRefusedAndTheRegisteredOneStays) {
     email::RegisterMta(nullptr);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "module");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kModule);
     EXPECT_STREQ(e.what(), "email::RegisterMta: null MTA interface");
   }
   EXPECT_EQ(email::GetMta(), Backend(first_backend));

@@ -40,7 +40,7 @@ struct Registrar {
 class Broken : public zel_api::Module {
  public:
   Broken() : zel_api::Module("broken_throws") {
-    throw pnl_err::Error("module", "broken_throws", "constructor failed");
+    throw pnl_err::Error(pnl_err::Kind::kModule, "broken_throws", "constructor failed");
   }
 };
 

@@ -41,7 +41,7 @@ class CfTest : public ::testing::Test {
       return e;
     }
     ADD_FAILURE() << "accepted: " << text;
-    return pnl_err::Error("", "", "");
+    return pnl_err::Error(pnl_err::Kind::kInternal, "", "");
   }
 
   fs::path dir_;
@@ -149,7 +149,7 @@ TEST_F(CfTest, GetPathOfAKeyWithNeitherValueNorDefaultThrows) {
     pnl_cf::GetPath("sendmail-newaliases");
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "conf");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
     EXPECT_EQ(e.object(), "sendmail-newaliases");
     EXPECT_EQ(e.detail(), "path key is not configured and has no default");
     EXPECT_STREQ(e.what(),
@@ -166,7 +166,7 @@ TEST_F(CfTest, UnsetParameterIsEmpty) {
 TEST_F(CfTest, LineWithoutEqualsSignIsRejectedNamingFileAndLine) {
   const pnl_err::Error e = LoadError("[params]\nMTA = sendmail\n\nsendmail\n");
   const std::string file = (dir_ / "zelpnl.conf").string();
-  EXPECT_EQ(e.type(), "conf");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
   EXPECT_EQ(e.object(), file);
   EXPECT_EQ(e.detail(), "line 4: expected \"name = value\": sendmail");
   EXPECT_EQ(std::string(e.what()), file + ": line 4: expected \"name = value\": sendmail");
@@ -205,7 +205,7 @@ TEST_F(CfTest, MissingFileIsAnErrorNamingTheFile) {
     pnl_cf::Load(path);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "conf");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
     EXPECT_EQ(e.object(), path);
     EXPECT_EQ(e.detail(), "cannot read: No such file or directory");
   }

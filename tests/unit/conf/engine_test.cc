@@ -374,7 +374,7 @@ TEST_F(EngineTest, AssertOfMissingKeyNamesFileAndKey) {
     domains->Assert("missing.example");
     FAIL() << "Assert of a missing key did not throw";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "conf");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
     EXPECT_EQ(std::string(e.what()), path + ": no record with key 'missing.example'");
   }
 }
@@ -476,7 +476,7 @@ TEST_F(EngineTest, UnreadableFileIsAnErrorNamingIt) {
     VirtTable::Get<DomainView>(Path("locked"), true);
     FAIL() << "no error for an unreadable file";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "file");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kFile);
     EXPECT_EQ(std::string(e.what()), Path("locked") + ": cannot open for reading: Permission denied");
   }
 }
@@ -875,7 +875,7 @@ TEST_F(EngineTest, FailedSavesLeaveTheOriginalAndNoTemporaryFile) {
         mails->Post("");
         ADD_FAILURE() << "the save did not fail: " << c.message;
       } catch (const pnl_err::Error& e) {
-        EXPECT_EQ(e.type(), "file");
+        EXPECT_EQ(e.kind(), pnl_err::Kind::kFile);
         EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
         EXPECT_EQ(std::string(e.what()).rfind(path + ": ", 0), 0u) << e.what();
       }

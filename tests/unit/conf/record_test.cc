@@ -66,7 +66,7 @@ TEST(FieldTest, LineEndsAndRejectedValuesLeaveTheValueUnchanged) {
   try {
     r.port.Set("x");
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "conf");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
     EXPECT_EQ(std::string(e.what()), "field port: value 'x' is not valid");
   }
 }

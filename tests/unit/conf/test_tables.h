@@ -61,7 +61,7 @@ class Journal {
       saves_.push_back(Save{table, ref.FileName(), reason, ref.Notes(), ref.ChangedKeys()});
       fail = throw_on_save_;
     }
-    if (fail) throw pnl_err::Error("test", "after-save", "map rebuild failed for " + ref.FileName());
+    if (fail) throw pnl_err::Error(pnl_err::Kind::kInternal, "after-save", "map rebuild failed for " + ref.FileName());
   }
 
  private:

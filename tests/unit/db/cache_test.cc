@@ -72,7 +72,7 @@ TEST_F(DbTest, StepLeavingBrokenReferencesIsRolledBack) {
 TEST_F(DbTest, FileOfANewerVersionIsRefused) {
   cache_.reset();
   pnl_err::Error e = ErrorOf([&] { pnl_db::Cache::Open(file_, {dbtest::TestSchema()[0]}); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_EQ(e.object(), file_);
   EXPECT_EQ(e.detail(), "schema version 2 is newer than this program's 1");
 }
@@ -102,7 +102,7 @@ TEST_F(DbTest, MisnumberedStepsAreRefused) {
 TEST_F(DbTest, FileThatCannotBeOpenedIsNamed) {
   const std::string file = sandbox_.Path("no/such/folder/x.db");
   pnl_err::Error e = ErrorOf([&] { pnl_db::Cache::Open(file, dbtest::TestSchema()); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_EQ(e.object(), file);
   EXPECT_EQ(e.detail().rfind("open: ", 0), 0u) << e.what();
 }
@@ -116,7 +116,7 @@ TEST(EscapeValueTest, QuotesAreDoubledInsideTheLiteral) {
 
 TEST(EscapeValueTest, NulByteIsRefused) {
   pnl_err::Error e = ErrorOf([] { pnl_db::Cache::EscapeValue(std::string("a\0b", 3)); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
 }
 
 TEST_F(DbTest, EscapedValuesComeBackUnchanged) {
@@ -177,7 +177,7 @@ TEST_F(DbTest, QueryBindsParametersAsValues) {
 
 TEST_F(DbTest, QueryErrorNamesTheSqlAndSqlitesMessage) {
   pnl_err::Error e = ErrorOf([&] { cache_->Query("SELECT nope FROM owner"); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_EQ(e.object(), "SELECT nope FROM owner");
   EXPECT_EQ(e.detail(), "no such column: nope");
   AddOwner("ann");

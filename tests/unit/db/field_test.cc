@@ -91,7 +91,7 @@ TEST_F(DbTest, TextAColumnCannotHoldIsRefusedNamingTheColumn) {
   auto items = cache_->Get<ItemTable>();
   items->New();
   pnl_err::Error e = ErrorOf([&] { items->count.SetText("three"); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_EQ(e.object(), "item.count");
   EXPECT_EQ(e.detail(), "\"three\" is not a value of this column");
   EXPECT_EQ(ErrorOf([&] { items->flag.SetText("yes"); }).object(), "item.flag");

@@ -77,7 +77,7 @@ void WriteRows(const std::string& file, const std::string& who) {
     }
     // Read what this request wrote, inside the same transaction.
     if (!items->name.Lookup(who + "-" + std::to_string(r) + "-0"))
-      throw pnl_err::Error("test", who, "own row not found");
+      throw pnl_err::Error(pnl_err::Kind::kInternal, who, "own row not found");
     request.End();
   }
 }
@@ -126,7 +126,7 @@ TEST(ProcessTest, ARequestWaitsForAnotherProcesssLongRequest) {
     auto cache = pnl_db::Cache::Open(file, dbtest::TestSchema());
     pnl_db::Request request(*cache);
     cache->Query("INSERT INTO owner (name) VALUES ('child')");
-    if (write(done[1], "l", 1) != 1) throw pnl_err::Error("test", "pipe", "write");
+    if (write(done[1], "l", 1) != 1) throw pnl_err::Error(pnl_err::Kind::kInternal, "pipe", "write");
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     request.End();
   });

@@ -38,7 +38,7 @@ class AddOwnerHook : public pnl_db::RequestHook {
 class FailingHook : public pnl_db::RequestHook {
  public:
   void BeforeCommit(pnl_db::Cache&) override {
-    throw pnl_err::Error("db", "hook", "failed on purpose");
+    throw pnl_err::Error(pnl_err::Kind::kDb, "hook", "failed on purpose");
   }
 };
 

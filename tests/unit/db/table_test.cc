@@ -144,7 +144,7 @@ TEST_F(DbTest, PostOfARowDeletedMeanwhileFailsNamingTheKey) {
   cache_->Get<ItemTable>()->DbDelete("id = " + std::to_string(key));
   items->count = 1;
   pnl_err::Error e = ErrorOf([&] { items->Post(); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_STREQ(e.what(), "item: key 1: no such row (deleted meanwhile)");
 }
 
@@ -172,7 +172,7 @@ TEST_F(DbTest, AssertOfAMissingKeyNamesTableAndKey) {
   AddItem("x");
   auto items = cache_->Get<ItemTable>();
   pnl_err::Error e = ErrorOf([&] { items->Assert("42"); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_EQ(e.object(), "item");
   EXPECT_STREQ(e.what(), "item: no row with key 42");
   EXPECT_STREQ(ErrorOf([&] { items->Assert("x1"); }).what(), "item: no row with key \"x1\"");

@@ -76,7 +76,7 @@ pnl_err::Error ErrorOf(F&& f) {
     return e;
   }
   ADD_FAILURE() << "no pnl_err::Error was thrown";
-  return pnl_err::Error("none", "", "");
+  return pnl_err::Error(pnl_err::Kind::kInternal, "", "");
 }
 
 class DbTest : public ::testing::Test {

@@ -181,7 +181,7 @@ TEST(CheckAliasesEntryTest, EntryOverTheLimitIsRefusedNamingItsSizeAndTheLimit) 
     email::CheckAliasesEntry("l+d.example", {forward, forward}, 2);
     FAIL() << "accepted";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "limit");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kLimit);
     EXPECT_EQ(std::string(e.what()),
               "aliases entry \"l+d.example\": 8195 bytes with its 2 forwards, over sendmail's limit of "
               "8190 bytes; remove forwards");

@@ -212,7 +212,7 @@ TEST_F(FileTest, EveryFailedStepLeavesTheOriginalAndNoTemporaryFile) {
       pnl_file::safe::WriteFile(folder, Path("a"), "new content\n", &original);
       ADD_FAILURE() << step << " did not fail the save";
     } catch (const pnl_err::Error& e) {
-      EXPECT_EQ(e.type(), "file") << step;
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kFile) << step;
       EXPECT_EQ(e.object(), Path("a")) << step;
       EXPECT_NE(std::string(e.what()).find("No space left on device"), std::string::npos) << e.what();
     }

@@ -89,7 +89,7 @@ TEST_F(LogTest, ParseLevelRejectsOtherNames) {
       pnl_log::ParseLevel(name);
       ADD_FAILURE() << "accepted \"" << name << "\"";
     } catch (const pnl_err::Error& e) {
-      EXPECT_EQ(e.type(), "conf");
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kConf);
       EXPECT_EQ(e.object(), name);
       EXPECT_EQ(e.detail(), "unknown log level (expected debug, info, warning, error or off)");
     }
@@ -190,7 +190,7 @@ TEST_F(LogTest, UnopenableFileThrowsAndKeepsThePreviousFile) {
     pnl_log::Configure(bad, Level::kDebug, Level::kOff);
     FAIL() << "no error";
   } catch (const pnl_err::Error& e) {
-    EXPECT_EQ(e.type(), "log");
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kLog);
     EXPECT_EQ(e.object(), bad);
     EXPECT_EQ(e.detail(), "cannot open for appending: No such file or directory");
   }

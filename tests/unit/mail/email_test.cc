@@ -53,7 +53,7 @@ TEST_F(EmailHelpersTest, GetEmailNameOfAMailboxWhoseDomainIsMissingNamesTheDomai
   emails_->Assert(std::to_string(box_));
   cache_->Get<zel_db::EmailDomainTable>()->DbDelete("id = " + std::to_string(domain_));
   pnl_err::Error e = ErrorOf([&] { email::GetEmailName(emails_); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_STREQ(e.what(), ("email_domain: no row with key " + std::to_string(domain_)).c_str());
 }
 
@@ -174,7 +174,7 @@ TEST_F(EmailHelpersTest, ResponderActionQuotesWordsAShellWouldRead) {
 TEST_F(EmailHelpersTest, ResponderActionRefusesWhatAnAliasesTargetCannotCarry) {
   for (const char* local : {"a,b", "a\"b", "a\\b", "it's"}) {
     pnl_err::Error e = ErrorOf([&] { email::GetResponderAction(Mailbox(local)); });
-    EXPECT_EQ(e.type(), "email") << local;
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kEmail) << local;
     EXPECT_EQ(e.object(), std::string(local) + "@example.com");
     EXPECT_EQ(e.detail(), "responder action: the address \"" + std::string(local) +
                               "@example.com\" holds a character an aliases target cannot carry");

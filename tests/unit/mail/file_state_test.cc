@@ -147,7 +147,7 @@ TEST_F(FileStateTest, AMissingFileHasTheStateMissing) {
 TEST_F(FileStateTest, AFileThatExistsButCannotBeReadIsAnError) {
   std::string stamp;
   pnl_err::Error e = mailtest::ErrorOf([&] { zel_db::FileIsChanged(sandbox_.dir(), stamp); });
-  EXPECT_EQ(e.type(), "file");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kFile);
   EXPECT_EQ(e.object(), sandbox_.dir());
   EXPECT_EQ(Count("file_state"), 0);
 }

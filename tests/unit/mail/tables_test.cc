@@ -46,7 +46,7 @@ TEST_F(MailTest, EveryTableClassMatchesItsTable) {
 TEST_F(MailTest, GetCacheWithoutAnOpenDatabaseIsAnError) {
   zel_db::CloseCache();
   pnl_err::Error e = ErrorOf([] { zel_db::GetCache(); });
-  EXPECT_EQ(e.type(), "db");
+  EXPECT_EQ(e.kind(), pnl_err::Kind::kDb);
   EXPECT_STREQ(e.what(), "database: no database is open");
   zel_db::CloseCache();  // closing again does nothing
 }

@@ -50,7 +50,7 @@ class ScriptedRunner : public pnl_proc::Runner {
  public:
   pnl_proc::RunResult Run(const std::string& command, int mode) override {
     calls.push_back(command + " #" + std::to_string(mode));
-    if (fail_itself) throw pnl_err::Error("proc", command, "no process could be made");
+    if (fail_itself) throw pnl_err::Error(pnl_err::Kind::kProc, command, "no process could be made");
     return answer;
   }
   std::vector<std::string> calls;
@@ -292,7 +292,7 @@ TEST_F(ProcTest, UnknownModeIsRefusedBeforeAnythingRuns) {
       pnl_proc::Execute run("true", mode);
       ADD_FAILURE() << "accepted mode " << mode;
     } catch (const pnl_err::Error& e) {
-      EXPECT_EQ(e.type(), "proc");
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kProc);
       EXPECT_EQ(e.object(), "true");
       EXPECT_EQ(e.detail(), "unknown output mode " + std::to_string(mode));
     }

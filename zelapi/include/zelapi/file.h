@@ -91,12 +91,12 @@ class ScopedOps {
 };
 
 // The identity of path; exists is false when there is no such file.
-// Throws pnl_err::Error("file") on any other failure (EACCES, ENOTDIR...).
+// Throws pnl_err::Error(pnl_err::Kind::kFile) on any other failure (EACCES, ENOTDIR...).
 FileId StatFile(const std::string& path);
 
 // Reads the whole file into data and its identity (taken from the open
 // descriptor, so it describes exactly the bytes read). Returns false when
-// the file does not exist; throws pnl_err::Error("file") naming the path
+// the file does not exist; throws pnl_err::Error(pnl_err::Kind::kFile) naming the path
 // when it cannot be opened or read.
 bool ReadFile(const std::string& path, std::string& data, FileId& id);
 
@@ -122,7 +122,7 @@ namespace safe {
 class Folder {
  public:
   Folder() = default;
-  // Opens the folder at path; throws pnl_err::Error("file") if it cannot.
+  // Opens the folder at path; throws pnl_err::Error(pnl_err::Kind::kFile) if it cannot.
   explicit Folder(const std::string& path);
   ~Folder();
   Folder(Folder&& other) noexcept;
@@ -134,7 +134,7 @@ class Folder {
   const std::string& Path() const { return path_; }
   // Opens path (closing any folder held before); throws pnl_err::Error.
   void Open(const std::string& path);
-  // fsync(2) of the folder; throws pnl_err::Error("file") on failure.
+  // fsync(2) of the folder; throws pnl_err::Error(pnl_err::Kind::kFile) on failure.
   // Precondition: IsOpen().
   void Sync();
   void Close() noexcept;
@@ -187,7 +187,7 @@ class TempFile {
 // points to is replaced and the link stays (a hard link, by nature of the
 // rename, does not stay shared). folder is (re)opened on the folder of the
 // file replaced. Returns the identity of the new file. On failure
-// throws pnl_err::Error("file") and path is left as it was, with no
+// throws pnl_err::Error(pnl_err::Kind::kFile) and path is left as it was, with no
 // temporary file left behind (unless only the final folder sync failed:
 // the new content is then in place and the error says so). A save killed
 // before its rename leaves its temporary file; a later save of the same file
@@ -213,7 +213,7 @@ FileId WriteFile(Folder& folder, const std::string& path, const std::vector<std:
                  const FileId* original, Flush flush = Flush::kNow);
 
 // Flushes everything written to the file system that holds path (syncfs):
-// what saves with Flush::kLater left. Throws pnl_err::Error("file") naming
+// what saves with Flush::kLater left. Throws pnl_err::Error(pnl_err::Kind::kFile) naming
 // path when it cannot.
 void FlushFileSystem(const std::string& path);
 

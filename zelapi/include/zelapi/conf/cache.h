@@ -59,7 +59,7 @@ class ConfRef {
   // The file's absolute path ("" for an empty handle).
   const std::string& FileName() const;
   // A new cursor of the view registered as rname (its type name) on this
-  // file. Throws pnl_err::Error("conf") for an empty handle or a name the
+  // file. Throws pnl_err::Error(pnl_err::Kind::kConf) for an empty handle or a name the
   // table does not have.
   SmartPtr<HeadDataSet> _Get(const std::string& rname);
   // Inside AfterSave: the notes given to the posts that this save wrote
@@ -104,7 +104,7 @@ class ConfCache {
   void _AfterSave(const std::string& name, BaseCachedConfigEvent* object, Hook member);
   // Adds view rname (the key _Get looks it up by; rname_cstr names it in
   // messages) to table name, offered lines after the views added before.
-  // Throws pnl_err::Error("conf") if the table already has rname.
+  // Throws pnl_err::Error(pnl_err::Kind::kConf) if the table already has rname.
   // Files of the table already cached are read again at their next use.
   void Add(const std::string& name, const std::string& rname, const char* rname_cstr,
            Factory factory);
@@ -182,7 +182,7 @@ class PnlConfCache : public ConfCache {
  public:
   explicit PnlConfCache(int capacity) : ConfCache(capacity) {}
   // The files of table name are tokenised by rules (copied). Throws
-  // pnl_err::Error("conf") for null rules.
+  // pnl_err::Error(pnl_err::Kind::kConf) for null rules.
   void Register(const std::string& name, std::shared_ptr<pnl_token::Params> rules);
 };
 
@@ -242,7 +242,7 @@ class CachedConfig : protected BaseCachedConfig<C>, public virtual BaseCachedCon
     }
     Cursor<R> cursor = std::dynamic_pointer_cast<R>(head);
     if (!cursor)
-      throw pnl_err::Error("conf", path, std::string("view ") + typeid(R).name() +
+      throw pnl_err::Error(pnl_err::Kind::kConf, path, std::string("view ") + typeid(R).name() +
                                              " is registered with another type");
     return cursor;
   }

@@ -39,7 +39,7 @@
 // read back as written (it holds a comment start, leading blanks, a word
 // that turns the line into another view's line, a trailing backslash that
 // would take in the next line...) or a line longer than the table's
-// pnl_token::LongestLine is refused with pnl_err::Error("conf") and nothing
+// pnl_token::LongestLine is refused with pnl_err::Error(pnl_err::Kind::kConf) and nothing
 // changes.
 //
 // Threads: one cursor belongs to one thread at a time; cursors on the same
@@ -68,7 +68,7 @@ class ConfDataSet : public virtual dd::Record {
  public:
   ~ConfDataSet() override;
 
-  // dd::Record. Each throws pnl_err::Error("conf") when the cursor is not
+  // dd::Record. Each throws pnl_err::Error(pnl_err::Kind::kConf) when the cursor is not
   // open on a file (see HeadDataSet::Drop), and errors of the re-read.
   bool Find(const std::string& key) override;   // false: no record; fields emptied
   void First() override;                        // Eof() if the view has no record

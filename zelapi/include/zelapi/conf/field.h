@@ -44,7 +44,7 @@ class Record {
   // Positions on the record with key, or starts a new record with its key
   // set to key if there is none.
   virtual void Create(const std::string& key) = 0;
-  // Positions on the record with key or throws pnl_err::Error("conf").
+  // Positions on the record with key or throws pnl_err::Error(pnl_err::Kind::kConf).
   virtual void Assert(const std::string& key) = 0;
 
   std::size_t FieldCount() const { return fields_.size(); }
@@ -81,7 +81,7 @@ class Field {
   int Index() const { return index_; }
   Record& Owner() const { return *record_; }
 
-  // Replaces the value. Throws pnl_err::Error("conf") when the value holds
+  // Replaces the value. Throws pnl_err::Error(pnl_err::Kind::kConf) when the value holds
   // a line end or the validator refuses it; the value is then unchanged.
   virtual void Set(const std::string& value);
   // The value as it would be written.
@@ -139,7 +139,7 @@ class ArrayField : public Field {
   // Empties the list.
   void Erase() override;
 
-  // Adds value as the last element. Throws pnl_err::Error("conf") if value
+  // Adds value as the last element. Throws pnl_err::Error(pnl_err::Kind::kConf) if value
   // holds a line end or would not read back as that one element (it holds
   // an unquoted separator, starts or ends with a blank, or is empty).
   void Append(const std::string& value);
@@ -147,7 +147,7 @@ class ArrayField : public Field {
   bool Delete(const std::string& value);
   bool Has(const std::string& value) const;
   std::size_t Size() const { return elements_.size(); }
-  // Element i; throws pnl_err::Error("conf") when i is out of range. The
+  // Element i; throws pnl_err::Error(pnl_err::Kind::kConf) when i is out of range. The
   // reference is valid until the list changes.
   const std::string& operator[](int i) const;
   const std::vector<std::string>& Elements() const { return elements_; }

@@ -104,7 +104,7 @@ class Cf {
   // -1: raw is the current token (so its byte span is known when the token
   // is one stretch of the line); otherwise pos is raw's offset in the text.
   // The last two arguments are reserved and must be 0. Throws
-  // pnl_err::Error("conf") without a CacheStart, for an index out of range,
+  // pnl_err::Error(pnl_err::Kind::kConf) without a CacheStart, for an index out of range,
   // for a line end ("\n" or "\r") in value, for a "\r" in raw or a "\n"
   // in raw other than one inside the logical line at a known span, or when
   // raw is not at pos. (So a line ending in "\r\n" is claimed by no view
@@ -116,7 +116,7 @@ class Cf {
   void CacheField(const dd::Field& field);
   // Closes the record. to_line_end: the rest of the line after the current
   // token must be empty (blanks and a comment aside), else the record is
-  // refused. Refusals throw pnl_err::Error("conf") and store nothing.
+  // refused. Refusals throw pnl_err::Error(pnl_err::Kind::kConf) and store nothing.
   void CacheDone(HeadDataSet& ds, bool to_line_end);
 
   // --- what was stored on the current line (the loader; tests) ---

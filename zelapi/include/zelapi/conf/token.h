@@ -106,12 +106,12 @@ class Params {
  public:
   Params();
 
-  // Throws pnl_err::Error("conf") for an unknown type, an empty rule, a
+  // Throws pnl_err::Error(pnl_err::Kind::kConf) for an unknown type, an empty rule, a
   // character given two types, a line end other than "\n", or a comment
   // that starts with a separator, a character token or the line end.
   void Add(const CharToken& rule);
   void Add(const Comment& rule);
-  // Throws pnl_err::Error("conf") for a continuation start that is not a
+  // Throws pnl_err::Error(pnl_err::Kind::kConf) for a continuation start that is not a
   // separator (it would change the words of the line), and for a limit of 0.
   void Add(const Continuation& rule);
   void Add(const LongestLine& rule);
