@@ -1,5 +1,7 @@
 #include "email/mta_interface.h"
 
+#include "zelapi/err.h"
+
 namespace email {
 
 MtaInterface::~MtaInterface() = default;
@@ -27,6 +29,10 @@ std::optional<AccessEntry> MtaInterface::FindAccessEntry(const std::vector<std::
 }
 std::optional<AccessEntry> MtaInterface::FindSenderEntry(const std::string&) {
   return std::nullopt;
+}
+MtaInterface::AddressCheck MtaInterface::CheckAddress(const std::string& address) {
+  throw pnl_err::Error(pnl_err::Kind::kNotSupported, address,
+                       "this mail back-end cannot be asked how it would deliver mail");
 }
 
 }  // namespace email

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "email/tables.h"
+#include "email_sendmail/sandbox_files.h"
 #include "email_sendmail/sendmail_interface.h"
 #include "zelapi/cf.h"
 #include "zelapi/db/cache.h"
@@ -79,6 +80,10 @@ zel_api::BaseRegisterModule __email_mtaFabric;
 
 namespace {
 FabricRegistration fabric_registration;
+// Known as soon as the module is loaded: a set-up is made before any
+// configuration says which back-end serves the panel.
+const SandboxFiles sandbox_files;
+email::SandboxRegistration sandbox_registration("sendmail", sandbox_files);
 }  // namespace
 
 __email_mtaModule::__email_mtaModule() : zel_api::Module("email_mta") {

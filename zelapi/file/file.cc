@@ -250,6 +250,29 @@ bool CloseToOthers(const std::string& path, unsigned* old_mode) {
   return true;
 }
 
+void WriteNewFile(const std::string& path, std::string_view data, unsigned mode) {
+  std::shared_ptr<Ops> ops = CurrentOps();
+  int fd = -1;
+  if (const int err = ops->Open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode, fd); err != 0)
+    Fail(path, "cannot make it", err);
+  try {
+    Fd guard(fd, *ops);
+    // The mode as asked, whatever the umask took away.
+    if (const int err = ops->Fchmod(fd, mode); err != 0) Fail(path, "cannot set its mode", err);
+    std::size_t done = 0;
+    while (done < data.size()) {
+      std::size_t written = 0;
+      if (const int err = ops->Write(fd, data.data() + done, data.size() - done, written); err != 0)
+        Fail(path, "cannot write it", err);
+      done += written;
+    }
+    if (const int err = guard.Close(); err != 0) Fail(path, "cannot close it", err);
+  } catch (...) {
+    ops->Unlink(path);
+    throw;
+  }
+}
+
 std::string FolderOf(const std::string& path) {
   std::string::size_type slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";

@@ -1,19 +1,12 @@
-// zelpnl mail check ADDRESS: asks sendmail how it would deliver mail to an
-// address now ("sendmail -bv", with the set-up's own sendmail.cf when the
-// configuration names one) and prints its answer.
+// zelpnl mail check ADDRESS: asks the mail system how it would deliver mail
+// to an address now and prints its answer.
 #include "commands.h"
-#include "panel_rows.h"
+#include "email/mta_interface.h"
 #include "validation.h"
-#include "zelapi/cf.h"
-#include "zelapi/err.h"
-#include "zelapi/proc.h"
-#include "zelapi/str.h"
 
 namespace zelpnl {
 
 namespace {
-
-constexpr char kSendmail[] = "/usr/sbin/sendmail";
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> out;
@@ -27,24 +20,18 @@ std::vector<std::string> Lines(const std::string& text) {
   return out;
 }
 
-void Check(Host&, const Output& out, const std::string& address) {
-  const std::string cf = pnl_cf::GetParam("sendmail_cf");
-  std::string command = kSendmail;
-  if (!cf.empty()) command += " -C " + str::ShellWord(cf);
-  // "--" ends sendmail's options: the address is never read as one.
-  command += " -bv -- " + str::ShellWord(address);
-  pnl_proc::Execute run(command, 2);
-  const bool deliverable = run.Result() == 0;
+void Check(Host& host, const Output& out, const std::string& address) {
+  const email::MtaInterface::AddressCheck check = host.Mta().CheckAddress(address);
   out.Print({{"check",
               {{"address", address},
-               {"command", command},
-               {"status", run.Result()},
-               {"deliverable", deliverable},
-               {"answer", Lines(run.Str())}}}},
-            run.Str());
-  if (!deliverable) {
+               {"command", check.command},
+               {"status", check.status},
+               {"deliverable", check.deliverable},
+               {"answer", Lines(check.answer)}}}},
+            check.answer);
+  if (!check.deliverable) {
     PrintError(address, "sendmail cannot deliver it (sendmail -bv exit status " +
-                            std::to_string(run.Result()) + ")");
+                            std::to_string(check.status) + ")");
     out.SetFailed();
   }
 }
@@ -64,7 +51,7 @@ void AddCheckCommand(CLI::App& mail, Command* out) {
     const std::string value = address->find('@') == std::string::npos
                                   ? LocalName(*address, "address")
                                   : RemoteAddress(*address).Text();
-    *out = {Needs::kConfig, [=](Host& h, const Output& o) { Check(h, o, value); },
+    *out = {Needs::kMail, [=](Host& h, const Output& o) { Check(h, o, value); },
             "asks sendmail about the files, which a batch writes only at its end; run it "
             "after the batch"};
   });

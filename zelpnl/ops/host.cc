@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "email/mta_interface.h"
+#include "email/sandbox.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
@@ -100,8 +101,7 @@ void Host::Open(Needs needs) {
 
   std::string module_dir = pnl_cf::GetParam("module_dir");
   if (module_dir.empty()) module_dir = DefaultModuleDir();
-  loader_ = std::make_unique<zel_api::ModuleLoader>();
-  loader_->LoadFolder(module_dir);
+  LoadModules(module_dir);
   loader_->ConstructAll();
   mta_ = email::GetMta();
   if (!mta_)
@@ -109,6 +109,22 @@ void Host::Open(Needs needs) {
                          "no mail back-end registered; is MTA = sendmail set in " + config_file_ +
                              "?");
   files_ = std::make_unique<FileChange>(mta_, log_);
+}
+
+void Host::LoadModules(const std::string& folder) {
+  if (loader_ && module_dir_ == folder) return;
+  loader_ = std::make_unique<zel_api::ModuleLoader>();
+  loader_->LoadFolder(folder);
+  module_dir_ = folder;
+}
+
+const email::SandboxWriter& Host::SandboxWriter(const std::string& mta) {
+  LoadModules(DefaultModuleDir());
+  const email::SandboxWriter* writer = email::FindSandboxWriter(mta);
+  if (writer == nullptr)
+    throw pnl_err::Error(pnl_err::Kind::kModule, "mail",
+                         "no module of " + DefaultModuleDir() + " makes a set-up for MTA = " + mta);
+  return *writer;
 }
 
 pnl_db::Cache& Host::Db() const {

@@ -24,6 +24,7 @@ class Cache;
 }
 namespace email {
 class MtaInterface;
+class SandboxWriter;
 }
 namespace zel_api {
 class ModuleLoader;
@@ -71,6 +72,11 @@ class Host {
   // which writes the file first).
   void UseConfig(const std::string& file) { config_ = file; }
 
+  // The set-up writer of the mail back-end mta, from the modules of the
+  // default module folder, before any configuration is loaded (init).
+  // Throws pnl_err::Error(kModule) when no module registered one.
+  const email::SandboxWriter& SandboxWriter(const std::string& mta);
+
   // The configuration file loaded ("" before Open(kConfig)).
   const std::string& config_file() const { return config_file_; }
   // The database, the back-end and the request's file changes; throw
@@ -86,7 +92,11 @@ class Host {
   RunLog& log_;
   std::string config_file_;
   bool db_open_ = false;
+  // Loads the modules of folder, unless they are loaded already.
+  void LoadModules(const std::string& folder);
+
   std::unique_ptr<zel_api::ModuleLoader> loader_;
+  std::string module_dir_;  // the folder loader_ loaded
   email::MtaInterface* mta_ = nullptr;
   std::unique_ptr<FileChange> files_;
 };

@@ -129,6 +129,18 @@ class MtaInterface {
   // when there is none. Defaults: the MTA keeps no access map (nullopt).
   virtual std::optional<AccessEntry> FindAccessEntry(const std::vector<std::string>& keys);
   virtual std::optional<AccessEntry> FindSenderEntry(const std::string& sender);
+
+  // Asks the MTA itself how it would deliver mail to address now (a
+  // checked address, or a local user name). The verdict is the MTA's own,
+  // with the command asked and its answer as it printed it. Default: throws
+  // pnl_err::Error(kNotSupported).
+  struct AddressCheck {
+    std::string command;  // what was run
+    int status = 0;       // its exit status
+    std::string answer;   // its output
+    bool deliverable = false;
+  };
+  virtual AddressCheck CheckAddress(const std::string& address);
 };
 
 }  // namespace email

@@ -42,6 +42,11 @@ class SendmailInterface final : public email::SendmailLikeInterface {
   // line of local-host-names that is no panel domain's.
   std::string ServerNameReason(const std::string& domain) override;
 
+  // "sendmail -bv" on the address, with the set-up's own sendmail.cf when
+  // the configuration names one ("sendmail_cf"); "--" ends sendmail's
+  // options, so the address is never read as one.
+  AddressCheck CheckAddress(const std::string& address) override;
+
   bool CanBindToIp() override;  // false
   // Always throws pnl_err::Error of type "not_supported".
   void SetSSLCertForDomain(const std::string& domain, const std::string& cert,

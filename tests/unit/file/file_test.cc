@@ -361,3 +361,43 @@ TEST_F(FileTest, CloseToOthersTakesAwayOnlyTheAccessOfOthers) {
   EXPECT_FALSE(pnl_file::CloseToOthers(Path("open")));
   EXPECT_FALSE(pnl_file::CloseToOthers(Path("missing")));
 }
+
+TEST_F(FileTest, WriteNewFileMakesTheFileWithExactlyItsMode) {
+  const mode_t old_umask = ::umask(077);
+  pnl_file::WriteNewFile(Path("conf"), "a = 1\n", 0640);
+  ::umask(old_umask);
+  EXPECT_EQ(Read("conf"), "a = 1\n");
+  EXPECT_EQ(pnl_file::StatFile(Path("conf")).mode, 0640u);
+}
+
+TEST_F(FileTest, WriteNewFileNeverReplacesOrFollowsWhatIsThere) {
+  Write("kept", "old\n");
+  Write("target", "target\n");
+  ASSERT_EQ(::symlink(Path("target").c_str(), Path("link").c_str()), 0);
+  for (const char* name : {"kept", "link"}) {
+    try {
+      pnl_file::WriteNewFile(Path(name), "new\n", 0644);
+      ADD_FAILURE() << name << " was written";
+    } catch (const pnl_err::Error& e) {
+      EXPECT_EQ(e.kind(), pnl_err::Kind::kFile);
+      EXPECT_EQ(e.object(), Path(name));
+    }
+  }
+  EXPECT_EQ(Read("kept"), "old\n");
+  EXPECT_EQ(Read("target"), "target\n");
+}
+
+TEST_F(FileTest, WriteNewFileCompletesShortWritesAndRemovesAFileItCouldNotWrite) {
+  auto ops = std::make_shared<ScriptedOps>();
+  {
+    pnl_file::ScopedOps scoped(ops);
+    pnl_file::WriteNewFile(Path("short"), "longer than three bytes\n", 0600);
+  }
+  EXPECT_EQ(Read("short"), "longer than three bytes\n");
+  for (const char* step : {"write", "fchmod", "close"}) {
+    ops->fail = step;
+    pnl_file::ScopedOps scoped(ops);
+    EXPECT_THROW(pnl_file::WriteNewFile(Path(step), "text\n", 0600), pnl_err::Error) << step;
+    EXPECT_FALSE(std::filesystem::exists(Path(step))) << step;
+  }
+}

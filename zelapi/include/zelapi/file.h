@@ -108,6 +108,13 @@ bool ReadFile(const std::string& path, std::string& data, FileId& id);
 // cannot be opened or changed counts as unchanged.
 bool CloseToOthers(const std::string& path, unsigned* old_mode = nullptr);
 
+// Makes the file path, which must not exist yet (a symbolic link in its
+// place counts as existing), with exactly mode (the umask aside) and
+// content data. For set-ups that make files anew: nothing there is ever
+// overwritten or followed. Throws pnl_err::Error(pnl_err::Kind::kFile) naming path; a
+// file made but not fully written is removed again.
+void WriteNewFile(const std::string& path, std::string_view data, unsigned mode);
+
 // The folder part of path ("." for a bare name), and the last component.
 std::string FolderOf(const std::string& path);
 std::string BaseName(const std::string& path);

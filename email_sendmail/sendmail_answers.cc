@@ -1,13 +1,13 @@
-// The names sendmail takes as the server's own: its class w, read from
-// sendmail itself ("$=w" in address test mode). A customer's mail domain
-// must not be one of them: sendmail would hand the domain's mail to the
-// system's users.
+// What the back-end asks sendmail itself: how it would deliver an address
+// ("-bv"), and the names it takes as the server's own, its class w ("$=w"
+// in address test mode). A customer's mail domain must not be one of them:
+// sendmail would hand the domain's mail to the system's users.
 #include <mutex>
 #include <set>
 
 #include "email/tables.h"
 #include "email_sendmail/sendmail_interface.h"
-#include "zelapi/cf.h"
+#include "sendmail_command.h"
 #include "zelapi/err.h"
 #include "zelapi/proc.h"
 #include "zelapi/str.h"
@@ -15,8 +15,6 @@
 namespace zelpriv_email_sendmail {
 
 namespace {
-
-constexpr char kSendmail[] = "/usr/sbin/sendmail";
 
 bool IsLocalhostName(const std::string& name) {
   const std::string localhost = "localhost";
@@ -27,10 +25,7 @@ bool IsLocalhostName(const std::string& name) {
 
 // The members of class w that sendmail prints for "$=w", lower case.
 std::set<std::string> AskClassW() {
-  std::string command = kSendmail;
-  const std::string cf = pnl_cf::GetParam("sendmail_cf");
-  if (!cf.empty()) command += " -C " + str::ShellWord(cf);
-  command = "echo '$=w' | " + command + " -bt";
+  const std::string command = "echo '$=w' | " + SendmailCommand() + " -bt";
   pnl_proc::Execute run(command, 2);
   if (run.Result() != 0)
     throw pnl_err::Error(pnl_err::Kind::kEmail, "class w",
@@ -51,6 +46,16 @@ std::set<std::string> AskClassW() {
 }
 
 }  // namespace
+
+SendmailInterface::AddressCheck SendmailInterface::CheckAddress(const std::string& address) {
+  AddressCheck check;
+  check.command = SendmailCommand() + " -bv -- " + str::ShellWord(address);
+  pnl_proc::Execute run(check.command, 2);
+  check.status = run.Result();
+  check.answer = run.Str();
+  check.deliverable = check.status == 0;
+  return check;
+}
 
 std::string SendmailInterface::ServerNameReason(const std::string& domain) {
   const std::string name = str::Lower(domain);

@@ -1,0 +1,208 @@
+#include "sandbox.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "host.h"
+#include "users.h"
+#include "validation.h"
+#include "zelapi/db/cache.h"
+#include "zelapi/err.h"
+#include "zelapi/file.h"
+
+namespace fs = std::filesystem;
+
+namespace zelpnl {
+
+namespace {
+
+constexpr char kMta[] = "sendmail";
+constexpr char kAdmin[] = "admin";
+// The user the mail system runs the programs of the root-owned aliases file
+// as (the responder), as on Debian.
+constexpr char kMailUser[] = "mail";
+
+// The files init makes besides the back-end's; an existing one stops it.
+const char* const kPanelFiles[] = {"zelpnl.conf", "panel.db",         "zelpnl.log",
+                                   "responder.conf", "responder", "responder-memory",
+                                   "responder.log", "answers"};
+
+// Who the responder runs as, and the group that reads its settings: the
+// mail user when init runs as root; else the caller (a sandbox of an
+// unprivileged user, where the mail system runs no programs anyway).
+struct ResponderUser {
+  bool change_owner = false;  // init runs as root: files are given to the mail user
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::string group;          // the name of gid
+};
+
+ResponderUser FindResponderUser() {
+  ResponderUser user;
+  if (::geteuid() == 0) {
+    const struct passwd* pw = ::getpwnam(kMailUser);
+    if (pw == nullptr)
+      throw pnl_err::Error(pnl_err::Kind::kInit, std::string("user ") + kMailUser,
+                           "does not exist; the sandbox's mail system runs the responder as it");
+    user.change_owner = true;
+    user.uid = pw->pw_uid;
+    user.gid = pw->pw_gid;
+  } else {
+    user.uid = ::geteuid();
+    user.gid = ::getegid();
+  }
+  const struct group* gr = ::getgrgid(user.gid);
+  if (gr == nullptr)
+    throw pnl_err::Error(pnl_err::Kind::kInit, "group " + std::to_string(user.gid), "has no name");
+  user.group = gr->gr_name;
+  return user;
+}
+
+// Gives path the owner and group (when init runs as root) and the mode.
+void Own(const fs::path& path, uid_t uid, gid_t gid, unsigned mode, const ResponderUser& user) {
+  if (user.change_owner && ::chown(path.c_str(), uid, gid) != 0)
+    throw pnl_err::Error(pnl_err::Kind::kInit, path.string(), "cannot change its owner");
+  fs::permissions(path, fs::perms(mode));
+}
+
+// The mail system refuses maps and alias files below a folder anyone may
+// write to.
+void CheckFolderChain(const fs::path& dir) {
+  for (fs::path p = dir;; p = p.parent_path()) {
+    struct stat st;
+    if (::stat(p.c_str(), &st) == 0) {
+      if (!S_ISDIR(st.st_mode))
+        throw pnl_err::Error(pnl_err::Kind::kUnsafe, "folder " + Quote(p.string()), "is not a folder");
+      if (st.st_mode & S_IWOTH)
+        throw pnl_err::Error(
+            pnl_err::Kind::kUnsafe, "folder " + Quote(p.string()),
+            "is writable by everyone, and sendmail refuses files below such a folder; choose a "
+            "sandbox folder whose parents only their owners may write to (not under /tmp)");
+    }
+    if (p == p.root_path() || p.empty()) break;
+  }
+}
+
+void MakeFolders(const fs::path& dir) {
+  std::vector<fs::path> missing;
+  for (fs::path p = dir; !fs::exists(p); p = p.parent_path()) missing.push_back(p);
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    fs::create_directory(*it);
+    fs::permissions(*it, fs::perms(0755));
+  }
+}
+
+// A program of ours: the one beside this program when it is there (a build
+// folder), else the installed one in /usr/lib/zelpnl.
+std::string OurProgram(const std::string& name) {
+  const fs::path beside = fs::path(ProgramDir()) / name;
+  std::error_code ec;
+  if (!ProgramDir().empty() && fs::exists(beside, ec)) return beside.string();
+  return "/usr/lib/zelpnl/" + name;
+}
+
+std::string PanelConfig(const SandboxSetUp& s, const std::string& group) {
+  return "# zelpnl sandbox in " + s.dir + ", made by \"zelpnl init\".\n"
+         "[params]\n"
+         "MTA = " + kMta + "\n"
+         "database = " + s.database + "\n"
+         "log_file = " + s.log_file + "\n"
+         "log_level = info\n"
+         "module_dir = " + DefaultModuleDir() + "\n" +
+         s.mail.params +
+         "responder_group = " + group + "\n"
+         "[paths]\n" +
+         s.mail.paths +
+         "zelpnl-responder = " + OurProgram("zelpnl-responder") + "\n"
+         "responder-conf = " + s.responder_conf + "\n"
+         "responder-settings = " + s.dir + "/responder\n";
+}
+
+// The responder's own configuration: nothing of the panel's, since the
+// program runs as the mail user, who may read this file but not the
+// panel's.
+std::string ResponderConfig(const SandboxSetUp& s) {
+  return "# zelpnl-responder in the sandbox " + s.dir + ", made by \"zelpnl init\".\n"
+         "[params]\n"
+         "log_file = " + s.dir + "/responder.log\n"
+         "log_level = info\n"
+         "[paths]\n"
+         "responder-settings = " + s.dir + "/responder\n"
+         "responder-memory = " + s.dir + "/responder-memory/sent.db\n"
+         "# Answers are queued in " + s.answers + " and never sent on.\n"
+         "responder-sendmail = " + s.mail.answer_command + "\n";
+}
+
+}  // namespace
+
+std::string SandboxDir(const std::string& text) {
+  if (text.empty()) throw Invalid("sandbox folder", text, "is empty");
+  const fs::path dir = fs::absolute(text).lexically_normal();
+  std::string s = dir.string();
+  if (s.size() > 1 && s.back() == '/') s.pop_back();
+  for (char c : s) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '/' || c == '.' || c == '_' || c == '-' || c == '+';
+    if (!ok)
+      throw Invalid("sandbox folder", text,
+                    std::string("contains ") + Quote(std::string(1, c)) +
+                        "; use letters, digits and \"/._+-\" only (the path goes unquoted into "
+                        "shell commands and sendmail's configuration)");
+  }
+  if (s == "/") throw Invalid("sandbox folder", text, "is the root folder");
+  return s;
+}
+
+SandboxSetUp MakeSandbox(Host& host, const std::string& dir) {
+  SandboxSetUp s;
+  s.dir = dir;
+  s.config = dir + "/zelpnl.conf";
+  s.database = dir + "/panel.db";
+  s.log_file = dir + "/zelpnl.log";
+  s.responder_conf = dir + "/responder.conf";
+  s.answers = dir + "/answers";
+  s.admin = kAdmin;
+
+  CheckFolderChain(dir);
+  const email::SandboxWriter& mail = host.SandboxWriter(kMta);
+  std::vector<std::string> files(std::begin(kPanelFiles), std::end(kPanelFiles));
+  for (std::string& name : mail.Files()) files.push_back(std::move(name));
+  for (const std::string& name : files)
+    if (fs::exists(fs::path(dir) / name))
+      throw pnl_err::Error(pnl_err::Kind::kExists, "sandbox folder " + Quote(dir),
+                           "already holds " + name + "; choose a new or empty folder");
+  MakeFolders(dir);
+
+  const ResponderUser user = FindResponderUser();
+  s.mail = mail.Write({dir, OurProgram("zelpnl-newaliases"), kMailUser}, s.answers);
+
+  // The panel's configuration is root's alone; the responder gets its own,
+  // its settings folder (written by the panel), and what it writes itself:
+  // its memory, its log and, in the sandbox, the queue of its answers.
+  pnl_file::WriteNewFile(s.config, PanelConfig(s, user.group), 0600);
+  pnl_file::WriteNewFile(s.responder_conf, ResponderConfig(s), 0640);
+  Own(s.responder_conf, ::geteuid(), user.gid, 0640, user);
+  fs::create_directory(dir + "/responder");
+  Own(dir + "/responder", ::geteuid(), user.gid, 0750, user);
+  for (const char* folder : {"responder-memory", "answers"}) {
+    fs::create_directory(fs::path(dir) / folder);
+    Own(fs::path(dir) / folder, user.uid, user.gid, 0700, user);
+  }
+  pnl_file::WriteNewFile(dir + "/responder.log", "", 0640);
+  Own(dir + "/responder.log", user.uid, user.gid, 0640, user);
+
+  // The panel as every later run opens it: the module writes the "devnull"
+  // alias and builds the aliases database.
+  host.UseConfig(s.config);
+  host.Open(Needs::kMail);
+  pnl_db::Request request(host.Db());
+  AddUser(host.Db(), kAdmin);
+  request.End();
+  return s;
+}
+
+}  // namespace zelpnl
