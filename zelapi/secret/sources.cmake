@@ -1,0 +1,1 @@
+target_sources(zelapi PRIVATE ${CMAKE_CURRENT_LIST_DIR}/password.cc)
