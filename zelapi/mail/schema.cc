@@ -145,6 +145,36 @@ INSERT OR REPLACE INTO email_access (key, value)
 DELETE FROM file_state;
 )sql";
 
+// Version 4: what the mail store needs. A mailbox's password (a hash the
+// mail server verifies, "" for none: no login) and quota in bytes (0: its
+// domain's default); a domain's default quota (0: none) and the mailbox
+// that receives its postmaster and abuse mail ("" for the server's
+// administrator). The two views are the mail server's way into the
+// database, a supported interface: its queries name them and nothing else,
+// so the tables can change while the views keep their columns.
+//   mail_login: who may log in now, with the hash: mailboxes with a
+//     password, in service (neither they nor their domain suspended) and
+//     keeping mail (not forward-only).
+//   mail_user: every mailbox that keeps mail, with where it lives and its
+//     quota in bytes (0: none).
+const char kVersion4[] = R"sql(
+ALTER TABLE email ADD COLUMN password TEXT NOT NULL DEFAULT '';
+ALTER TABLE email ADD COLUMN quota INTEGER NOT NULL DEFAULT 0 CHECK (quota >= 0);
+ALTER TABLE email_domain ADD COLUMN quota INTEGER NOT NULL DEFAULT 0 CHECK (quota >= 0);
+ALTER TABLE email_domain ADD COLUMN postmaster TEXT NOT NULL DEFAULT '';
+
+CREATE VIEW mail_login AS
+  SELECT e.name || '@' || d.name AS user, e.password AS password
+  FROM email e JOIN email_domain d ON d.id = e.domain
+  WHERE e.enabled = 1 AND d.enabled = 1 AND e.forward_only = 0 AND e.password <> '';
+
+CREATE VIEW mail_user AS
+  SELECT e.name || '@' || d.name AS user, d.name AS domain, e.name AS local,
+         CASE WHEN e.quota > 0 THEN e.quota ELSE d.quota END AS quota
+  FROM email e JOIN email_domain d ON d.id = e.domain
+  WHERE e.forward_only = 0;
+)sql";
+
 // The schema becomes pnl_db's default when the library loads, so that
 // pnl_db::Cache::Open(file) opens a panel database.
 [[maybe_unused]] const bool kRegistered = (pnl_db::RegisterSchema(PanelSchema()), true);
@@ -156,6 +186,7 @@ const pnl_db::Schema& PanelSchema() {
       {1, kVersion1},
       {2, kVersion2},
       {3, kVersion3},
+      {4, kVersion4},
   };
   return schema;
 }

@@ -3,12 +3,14 @@
 // results, as JSON and as text.
 #include "commands.h"
 #include "mailboxes.h"
+#include "password_input.h"
 
 namespace zelpnl {
 
 namespace {
 
-// mailbox: address, unicode, local, domain, enabled, forward_only, aliases,
+// mailbox: address, unicode, local, domain, enabled, forward_only,
+// password (whether it has one), quota and quota_limit (bytes), aliases,
 // forwards, responder (null, or enabled, subject, text, period_days).
 nlohmann::ordered_json MailboxJson(const MailboxView& box) {
   nlohmann::ordered_json responder = nullptr;
@@ -26,6 +28,9 @@ nlohmann::ordered_json MailboxJson(const MailboxView& box) {
       {"domain", box.domain},
       {"enabled", box.enabled},
       {"forward_only", box.forward_only},
+      {"password", box.has_password},
+      {"quota", box.quota},
+      {"quota_limit", box.quota_limit},
       {"aliases", box.aliases},
       {"forwards", box.forwards},
       {"responder", responder},
@@ -63,11 +68,18 @@ void PrintChanged(Host& host, const Output& out, const Address& address) {
   if (out.json()) out.Print({{"mailbox", MailboxJson(ShowMailbox(host.MailRequest(), address))}}, "");
 }
 
+std::string QuotaLine(const MailboxView& box) {
+  if (box.quota_limit == 0) return "none";
+  return QuotaText(box.quota_limit) + (box.quota == 0 ? " (the domain's)" : "");
+}
+
 void PrintOne(const Output& out, const MailboxView& box) {
   out.Print({{"mailbox", MailboxJson(box)}},
             Fields({{"address", box.unicode},
                     {"state", box.enabled ? "active" : "suspended"},
                     {"forward only", YesNo(box.forward_only)},
+                    {"password", box.has_password ? "set" : "none (cannot log in)"},
+                    {"quota", QuotaLine(box)},
                     {"aliases", JoinOrDash(AliasAddresses(box))},
                     {"forwards", JoinOrDash(box.forwards)},
                     {"responder", ResponderState(box)}}));
@@ -95,6 +107,36 @@ void AddChangeOptions(CLI::App* cmd, MailboxChangeOptions& raw, bool removals) {
                 "Accept forward targets that pipe to a program or write to a file");
 }
 
+// --quota SIZE, and the password options; their values join the changes
+// in FinishChanges.
+struct RowOptions {
+  std::string quota;
+  PasswordInput password;
+};
+
+void AddRowOptions(CLI::App* cmd, RowOptions& row, bool removals) {
+  cmd->add_option("--quota", row.quota,
+                  "How much mail the mailbox may hold: bytes, or with K, M, G or T; 0: its "
+                  "domain's default")
+      ->option_text("SIZE");
+  AddPasswordOptions(cmd, row.password, removals);
+}
+
+// The command: the password is read and hashed when it runs, so that a
+// refused command line never asks for one.
+Command MailboxCommand(const RowOptions& row, std::function<void(Host&, const Output&, const MailboxChanges&)> run,
+                       MailboxChanges changes) {
+  if (!row.quota.empty()) changes.quota = QuotaBytes(row.quota);
+  const PasswordInput password = row.password;
+  return {Needs::kMail,
+          [=](Host& h, const Output& o) {
+            MailboxChanges c = changes;
+            c.password_hash = password.Hash();
+            run(h, o, c);
+          },
+          password.NotInBatch()};
+}
+
 }  // namespace
 
 void AddMailboxCommands(CLI::App& mail, Command* out) {
@@ -105,6 +147,7 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   auto raw = std::make_shared<MailboxChangeOptions>();
   auto forward_only = std::make_shared<bool>(false);
   auto forward_only_word = std::make_shared<std::string>();
+  auto row = std::make_shared<RowOptions>();
 
   CLI::App* add = box->add_subcommand(
       "add", "Add a mailbox: its virtual user table line and its aliases entry");
@@ -112,6 +155,7 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   add->add_flag("--forward-only", *forward_only,
                 "Deliver only to the forwards, keep no local copy (needs --forward)");
   AddChangeOptions(add, *raw, false);
+  AddRowOptions(add, *row, false);
   add->callback([=] {
     const Address a = MailAddress(*address);
     MailboxChanges changes = CheckMailboxChanges(*raw, a);
@@ -122,10 +166,10 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
                       "forwards its mail would go nowhere");
       changes.forward_only = true;
     }
-    *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              AddMailbox(h.MailRequest(), a, changes);
-              PrintChanged(h, o, a);
-            }};
+    *out = MailboxCommand(*row, [a](Host& h, const Output& o, const MailboxChanges& c) {
+      AddMailbox(h.MailRequest(), a, c);
+      PrintChanged(h, o, a);
+    }, changes);
   });
 
   CLI::App* list = box->add_subcommand("list", "List the mailboxes, of one mail domain or all");
@@ -183,10 +227,10 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   });
 
   CLI::App* set = box->add_subcommand(
-      "set", "Change a mailbox's aliases, forwards and forward-only flag, then write them to "
-             "the files");
+      "set", "Change a mailbox's aliases, forwards, forward-only flag, password or quota");
   set->add_option("ADDRESS", *address, "The mailbox")->required();
   AddChangeOptions(set, *raw, true);
+  AddRowOptions(set, *row, true);
   set->add_option("--forward-only", *forward_only_word,
                   "yes: deliver only to the forwards; no: keep a local copy too")
       ->check(CLI::IsMember({"yes", "no"}))
@@ -196,14 +240,14 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
     MailboxChangeOptions options = *raw;
     if (!forward_only_word->empty()) options.forward_only = *forward_only_word == "yes";
     const MailboxChanges changes = CheckMailboxChanges(options, a);
-    if (changes.Empty())
+    if (changes.Empty() && row->quota.empty() && !row->password.Given())
       throw Invalid("mailbox", *address,
-                    "nothing to change: give --alias, --no-alias, --forward, --no-forward or "
-                    "--forward-only");
-    *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              SetMailbox(h.MailRequest(), a, changes);
-              PrintChanged(h, o, a);
-            }};
+                    "nothing to change: give --alias, --no-alias, --forward, --no-forward, "
+                    "--forward-only, --quota or a password option");
+    *out = MailboxCommand(*row, [a](Host& h, const Output& o, const MailboxChanges& c) {
+      SetMailbox(h.MailRequest(), a, c);
+      PrintChanged(h, o, a);
+    }, changes);
   });
 }
 

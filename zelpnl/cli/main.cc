@@ -6,6 +6,24 @@
 #include "commands.h"
 #include "run.h"
 
+namespace {
+
+// A parse error's message with the word given after --password hidden: the
+// option takes no value, and what was typed there is likely the password.
+std::string Hidden(std::string message, int argc, char** argv) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::string(argv[i]) != "--password" || argv[i + 1][0] == '-' || !*argv[i + 1]) continue;
+    const std::string word = argv[i + 1];
+    for (size_t at = message.find(word); at != std::string::npos; at = message.find(word, at))
+      message.replace(at, word.size(), "(hidden)");
+    message += " (a password is never taken from the command line: --password asks on the "
+               "terminal; or give --password-stdin or --password-file)";
+  }
+  return message;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   CLI::App app{
       "zelpnl: the hosting panel's core for mail on sendmail. Keeps users, web domains, mail "
@@ -35,7 +53,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    std::cerr << "error: " << e.what() << "\n"
+    std::cerr << "error: " << Hidden(e.what(), argc, argv) << "\n"
               << "Run with --help for more information.\n";
     return 2;
   } catch (...) {

@@ -10,6 +10,7 @@
 #include "file_change.h"
 #include "row_checks.h"
 #include "zelapi/err.h"
+#include "zelapi/password.h"
 
 namespace zelpnl {
 
@@ -60,6 +61,12 @@ MailboxChanges CheckMailboxChanges(const MailboxChangeOptions& raw, const Addres
   }
   c.allow_programs = raw.allow_programs;
   c.forward_only = raw.forward_only;
+  if (raw.password_hash && !raw.password_hash->empty() &&
+      !pnl_password::LooksLikeHash(*raw.password_hash))
+    throw pnl_err::Error(pnl_err::Kind::kUsage, "password", "is no password hash");
+  c.password_hash = raw.password_hash;
+  if (raw.quota && *raw.quota < 0) throw Invalid("quota", std::to_string(*raw.quota), "is negative");
+  c.quota = raw.quota;
   RefuseTwice(c.add_aliases, "alias");
   RefuseTwice(c.del_aliases, "alias");
   RefuseTwice(c.add_forwards, "forward target");
@@ -139,6 +146,8 @@ void AddMailbox(const Request& request, const Address& address, const MailboxCha
   // Created with local delivery: an aliases entry without any target would
   // not build. Forward-only comes with the forwards below.
   mailbox->forward_only = false;
+  mailbox->password = changes.password_hash.value_or("");
+  mailbox->quota = changes.quota.value_or(0);
   mailbox->Post();
   const int64_t id = mailbox->id.Value();
   request.files.Change(
@@ -271,10 +280,13 @@ void SetMailbox(const Request& request, const Address& address, const MailboxCha
   for (const std::string& target : changes.del_forwards) DeleteForwardRow(db, id, target);
   for (const std::string& alias : changes.add_aliases) AddAliasRow(db, id, alias);
   for (const std::string& target : changes.add_forwards) AddForwardRow(db, id, target);
-  if (forward_only != mailbox->forward_only.Value()) {
-    mailbox->forward_only = forward_only;
-    mailbox->Post();
-  }
+  const bool row_changes = forward_only != mailbox->forward_only.Value() ||
+                           changes.password_hash || changes.quota;
+  if (forward_only != mailbox->forward_only.Value()) mailbox->forward_only = forward_only;
+  if (changes.password_hash) mailbox->password = *changes.password_hash;
+  if (changes.quota) mailbox->quota = *changes.quota;
+  if (row_changes) mailbox->Post();
+  if (!changes.ChangesFiles()) return;
   const std::list<std::string> removed(changes.del_aliases.begin(), changes.del_aliases.end());
   WriteAliases(request, mailbox, removed, changes.allow_programs);
 }

@@ -35,6 +35,10 @@ struct MailboxChangeOptions {
   std::vector<std::string> del_forwards;
   std::optional<bool> forward_only;  // nullopt: unchanged
   bool allow_programs = false;       // forward targets may be programs and files
+  // The new password's hash (pnl_password::Hash), "" to remove it; nullopt:
+  // unchanged. The password itself never reaches the operations.
+  std::optional<std::string> password_hash;
+  std::optional<int64_t> quota;      // bytes, 0: the domain's; nullopt: unchanged
 };
 
 // The same, checked and canonical (CheckMailboxChanges).
@@ -45,11 +49,15 @@ struct MailboxChanges {
   std::vector<std::string> del_forwards;
   std::optional<bool> forward_only;
   bool allow_programs = false;
+  std::optional<std::string> password_hash;
+  std::optional<int64_t> quota;
 
-  bool Empty() const {
-    return add_aliases.empty() && del_aliases.empty() && add_forwards.empty() &&
-           del_forwards.empty() && !forward_only;
+  // Whether the mail files change (else only the mailbox's row does).
+  bool ChangesFiles() const {
+    return !add_aliases.empty() || !del_aliases.empty() || !add_forwards.empty() ||
+           !del_forwards.empty() || forward_only;
   }
+  bool Empty() const { return !ChangesFiles() && !password_hash && !quota; }
 };
 
 // Checks and canonicalises the changes for the mailbox at address. Throws

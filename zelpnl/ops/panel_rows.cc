@@ -356,6 +356,7 @@ MailDomainView MailDomainViewOf(pnl_db::Cache& db, const MailDomainRow& domain) 
           domain->enabled.Value(),
           domain->def_action.Value(),
           domain->redirect.Value(),
+          domain->quota.Value(),
           MailboxCount(db, domain->id.Value())};
 }
 
@@ -368,6 +369,13 @@ MailboxView MailboxViewOf(pnl_db::Cache& db, const MailboxRow& mailbox) {
   view.domain = view.address.substr(view.address.rfind('@') + 1);
   view.enabled = mailbox->enabled.Value();
   view.forward_only = mailbox->forward_only.Value();
+  view.has_password = !mailbox->password.Value().empty();
+  view.quota = mailbox->quota.Value();
+  view.quota_limit = view.quota;
+  if (view.quota_limit == 0)
+    view.quota_limit = db.Query("SELECT quota FROM email_domain WHERE id = ?",
+                                {static_cast<long long>(mailbox->domain.Value())})
+                           .Int();
   view.aliases = AliasesOf(db, id);
   view.forwards = ForwardsOf(db, id);
   if (ResponderRow row = FindResponder(db, id))

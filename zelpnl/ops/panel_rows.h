@@ -164,6 +164,9 @@ struct MailboxView {
   std::string domain;   // ASCII
   bool enabled = true;
   bool forward_only = false;
+  bool has_password = false;          // whether it can log in (the hash is never shown)
+  int64_t quota = 0;                  // its own, in bytes; 0: its domain's
+  int64_t quota_limit = 0;            // the one that holds: its own, else its domain's; 0: none
   std::vector<std::string> aliases;   // local parts, in the order added
   std::vector<std::string> forwards;  // targets, in the order added
   std::optional<ResponderView> responder;
@@ -178,6 +181,7 @@ struct MailDomainView {
   bool enabled = true;
   std::string default_action;
   std::string redirect;
+  int64_t quota = 0;        // default per mailbox, in bytes; 0: none
   int64_t mailboxes = 0;  // how many
 };
 MailDomainView MailDomainViewOf(pnl_db::Cache& db, const MailDomainRow& domain);

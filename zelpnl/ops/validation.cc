@@ -1,6 +1,8 @@
 #include "validation.h"
 
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 
 #include "zelapi/net.h"
 #include "zelapi/str.h"
@@ -338,6 +340,37 @@ std::string ResponderText(const std::string& text) {
     if (IsControl(c) && c != '\n' && c != '\t' && c != '\r')
       throw Invalid(kind, text, "contains a control character other than line ends and tabs");
   return text;
+}
+
+int64_t QuotaBytes(const std::string& text) {
+  static const char kUnits[] = "KMGT";
+  std::string digits = text;
+  int shift = 0;
+  if (!digits.empty()) {
+    const char* unit = std::strchr(kUnits, std::toupper(static_cast<unsigned char>(digits.back())));
+    if (unit != nullptr && *unit != '\0') {
+      shift = 10 * static_cast<int>(unit - kUnits + 1);
+      digits.pop_back();
+    }
+  }
+  if (digits.empty() || digits.size() > 16 ||
+      digits.find_first_not_of("0123456789") != std::string::npos)
+    throw Invalid("quota", text, "is no size: give bytes, or a number with K, M, G or T");
+  const int64_t number = std::stoll(digits);
+  constexpr int64_t kMost = int64_t{1} << 50;
+  if (number > (kMost >> shift)) throw Invalid("quota", text, "is larger than 1024T");
+  return number << shift;
+}
+
+std::string QuotaText(int64_t bytes) {
+  if (bytes <= 0) return "0";
+  static const char kUnits[] = "TGMK";
+  for (int i = 0; i < 4; ++i) {
+    const int shift = 10 * (4 - i);
+    if (bytes % (int64_t{1} << shift) == 0)
+      return std::to_string(bytes >> shift) + kUnits[i];
+  }
+  return std::to_string(bytes);
 }
 
 }  // namespace zelpnl

@@ -9,6 +9,7 @@
 // thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "zelapi/err.h"
@@ -94,5 +95,13 @@ std::string Redirect(const std::string& action, const std::string& redirect,
 // no control character but line ends and tabs.
 std::string ResponderSubject(const std::string& text);
 std::string ResponderText(const std::string& text);
+
+// A quota: a number of bytes, or with the suffix K, M, G or T (powers of
+// 1024), "0" for none (a mailbox's: its domain's). At most 2^50 bytes.
+int64_t QuotaBytes(const std::string& text);
+
+// A quota as the panel shows it: "0" for none, else the largest unit that
+// divides it ("512M", "3G", "1000").
+std::string QuotaText(int64_t bytes);
 
 }  // namespace zelpnl

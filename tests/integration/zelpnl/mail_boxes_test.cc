@@ -32,6 +32,9 @@ TEST_F(ZelpnlMailboxTest, AddWritesTheVirtualUserTableLineAndTheAliasesEntry) {
                                     {"domain", "d.example"},
                                     {"enabled", true},
                                     {"forward_only", false},
+                                    {"password", false},
+                                    {"quota", 0},
+                                    {"quota_limit", 0},
                                     {"aliases", nlohmann::ordered_json::array()},
                                     {"forwards", nlohmann::ordered_json::array()},
                                     {"responder", nullptr}}));
@@ -140,7 +143,7 @@ TEST_F(ZelpnlMailboxTest, SetRefusesWhatWouldBreakTheMailboxBeforeWriting) {
        "error: forward target \"g@x.example\": is given twice\n"},
       {{}, 2,
        "error: mailbox \"l@d.example\": nothing to change: give --alias, --no-alias, --forward, "
-       "--no-forward or --forward-only\n"},
+       "--no-forward, --forward-only, --quota or a password option\n"},
   };
   for (const Case& c : cases) {
     std::vector<std::string> args = {"mail", "box", "set", "l@d.example"};
@@ -222,6 +225,8 @@ TEST_F(ZelpnlMailboxTest, ListAndShow) {
             "address:      l@d.example\n"
             "state:        active\n"
             "forward only: no\n"
+            "password:     none (cannot log in)\n"
+            "quota:        none\n"
             "aliases:      a@d.example\n"
             "forwards:     f@x.example\n"
             "responder:    -\n");

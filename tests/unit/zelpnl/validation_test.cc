@@ -82,3 +82,23 @@ TEST(SenderTest, WhatIsNoEntryIsRefusedWithTheReason) {
   EXPECT_EQ(Check(""), "refused: is empty");
   EXPECT_EQ(Check("a b.example"), "refused: contains a blank");
 }
+
+TEST(QuotaTest, SizesTakeBinaryUnits) {
+  EXPECT_EQ(zelpnl::QuotaBytes("0"), 0);
+  EXPECT_EQ(zelpnl::QuotaBytes("1000"), 1000);
+  EXPECT_EQ(zelpnl::QuotaBytes("4k"), 4096);
+  EXPECT_EQ(zelpnl::QuotaBytes("512M"), 512LL << 20);
+  EXPECT_EQ(zelpnl::QuotaBytes("2G"), 2LL << 30);
+  EXPECT_EQ(zelpnl::QuotaBytes("1024T"), 1LL << 50);
+  for (const char* bad : {"", "M", "-1", "1.5G", "1 G", "1025T", "12X", "99999999999999999"})
+    EXPECT_THROW(zelpnl::QuotaBytes(bad), zelpnl::Invalid) << bad;
+}
+
+TEST(QuotaTest, SizesAreShownInTheLargestUnitThatDividesThem) {
+  EXPECT_EQ(zelpnl::QuotaText(0), "0");
+  EXPECT_EQ(zelpnl::QuotaText(1000), "1000");
+  EXPECT_EQ(zelpnl::QuotaText(4096), "4K");
+  EXPECT_EQ(zelpnl::QuotaText(512LL << 20), "512M");
+  EXPECT_EQ(zelpnl::QuotaText(3LL << 30), "3G");
+  EXPECT_EQ(zelpnl::QuotaText(1LL << 50), "1024T");
+}

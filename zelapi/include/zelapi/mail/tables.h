@@ -139,6 +139,8 @@ class EmailDomainTable : public pnl_db::CustomTable {
   pnl_db::StringField def_action{this, "def_action"};
   // The redirect address ("redir_email") or domain ("redir_domain").
   pnl_db::StringField redirect{this, "redirect"};
+  pnl_db::IntField quota{this, "quota"};            // bytes per mailbox; 0: none
+  pnl_db::StringField postmaster{this, "postmaster"};  // local part; "": the administrator
 };
 
 // Mailboxes.
@@ -151,6 +153,8 @@ class EmailTable : public pnl_db::CustomTable {
   pnl_db::BoolField enabled{this, "enabled"};
   pnl_db::BoolField forward_only{this, "forward_only"};
   pnl_db::IntField tag{this, "tag"};
+  pnl_db::StringField password{this, "password"};  // pnl_password hash; "": no login
+  pnl_db::IntField quota{this, "quota"};           // bytes; 0: the domain's
 };
 
 // Alias local parts of a mailbox (in the mailbox's own domain).

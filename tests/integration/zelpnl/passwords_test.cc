@@ -1,0 +1,182 @@
+// zelpnl mail box: passwords and quotas. A password is taken from standard
+// input, a file or the terminal, never from the command line; it is stored
+// only as a hash the mail server verifies, and shown, logged or printed
+// nowhere.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "zelapi/password.h"
+#include "zelapi/proc.h"
+#include "zelapi/str.h"
+#include "zelpnl_fixture.h"
+
+using zeltest::ZelpnlTest;
+
+namespace {
+
+constexpr char kSecret[] = "tr0ub4dor & 3";
+
+class ZelpnlPasswordTest : public ZelpnlTest {
+ protected:
+  void SetUp() override {
+    ZelpnlTest::SetUp();
+    Ok({"webdomain", "add", "d.example", "--owner", "admin"});
+    Ok({"mail", "domain", "add", "d.example"});
+  }
+  std::string Hash(const std::string& local) {
+    return Rows("SELECT password FROM email WHERE name = '" + local + "'");
+  }
+  // Dovecot's own verdict on the stored hash.
+  int DovecotVerdict(const std::string& hash, const std::string& password) {
+    pnl_proc::Execute run("/usr/bin/doveadm -c /dev/null pw -t " + str::ShellWord(hash) + " -p " +
+                              str::ShellWord(password),
+                          2);
+    return run.Result();
+  }
+};
+
+}  // namespace
+
+TEST_F(ZelpnlPasswordTest, APasswordFromStandardInputIsStoredAsAHashDovecotVerifies) {
+  const zeltest::Result run =
+      Zel({"--json", "mail", "box", "add", "l@d.example", "--password-stdin"}, std::string(kSecret) + "\n");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const std::string hash = Hash("l");
+  EXPECT_TRUE(pnl_password::LooksLikeHash(hash)) << hash;
+  EXPECT_TRUE(pnl_password::Verify(hash, kSecret));
+  EXPECT_EQ(DovecotVerdict(hash, kSecret), 0);
+  EXPECT_NE(DovecotVerdict(hash, "tr0ub4dor & 4"), 0);
+  EXPECT_EQ(nlohmann::ordered_json::parse(run.out)["mailbox"]["password"], true);
+  // Neither the password nor its hash is printed or logged.
+  for (const std::string& text : {run.out, run.err, File("zelpnl.log")}) {
+    EXPECT_EQ(text.find(kSecret), std::string::npos) << text;
+    EXPECT_EQ(text.find("argon2"), std::string::npos) << text;
+  }
+}
+
+TEST_F(ZelpnlPasswordTest, AMailboxWithoutAPasswordHasNone) {
+  Ok({"mail", "box", "add", "l@d.example"});
+  EXPECT_EQ(Hash("l"), "");
+  EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["password"], false);
+}
+
+TEST_F(ZelpnlPasswordTest, SetChangesAndRemovesThePasswordWithoutTouchingTheFiles) {
+  Ok({"mail", "box", "add", "l@d.example"});
+  const auto files = State();
+  const zeltest::Result set =
+      Zel({"mail", "box", "set", "l@d.example", "--password-stdin"}, "another secret\r\n");
+  ASSERT_EQ(set.status, 0) << set.err;
+  EXPECT_TRUE(pnl_password::Verify(Hash("l"), "another secret"));
+  const std::string file = box_.Path("pw");
+  std::filesystem::create_directories(box_.Path(""));
+  {
+    std::FILE* f = std::fopen(file.c_str(), "w");
+    std::fputs("from a file\nsecond line ignored\n", f);
+    std::fclose(f);
+  }
+  Ok({"mail", "box", "set", "l@d.example", "--password-file", file});
+  EXPECT_TRUE(pnl_password::Verify(Hash("l"), "from a file"));
+  Ok({"mail", "box", "set", "l@d.example", "--no-password"});
+  EXPECT_EQ(Hash("l"), "");
+  for (const char* name : {"virtusertable", "aliases", "access", "local-host-names"})
+    EXPECT_EQ(File(name), files.at(name)) << name;
+}
+
+TEST_F(ZelpnlPasswordTest, AnUnfitPasswordIsRefusedAndNothingChanges) {
+  const auto before = State();
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    std::string err;
+  };
+  const std::vector<Case> cases = {
+      {{"--password-stdin"}, "short\n", "error: password: is shorter than 8 characters\n"},
+      {{"--password-stdin"}, "", "error: password: standard input holds no line\n"},
+      {{"--password-file", box_.Path("missing")}, "",
+       "error: password: cannot read the file " + box_.Path("missing") + "\n"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"mail", "box", "add", "l@d.example"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const zeltest::Result run = Zel(args, c.input);
+    EXPECT_EQ(run.status, 2) << c.err;
+    EXPECT_EQ(run.err, c.err);
+    EXPECT_EQ(State(), before) << c.err;
+  }
+}
+
+TEST_F(ZelpnlPasswordTest, APasswordIsNeverTakenFromTheCommandLine) {
+  const zeltest::Result run = Zel({"mail", "box", "add", "l@d.example", "--password", kSecret});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(Count("email"), 0);
+  EXPECT_EQ(run.err.find("tr0ub4dor"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("a password is never taken from the command line"), std::string::npos)
+      << run.err;
+}
+
+TEST_F(ZelpnlPasswordTest, APromptNeedsATerminal) {
+  // The tests run without a controlling terminal.
+  const zeltest::Result run = Zel({"mail", "box", "add", "l@d.example", "--password"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err,
+            "error: password: there is no terminal to ask on; give it with --password-stdin or "
+            "--password-file\n");
+  EXPECT_EQ(Count("email"), 0);
+}
+
+TEST_F(ZelpnlPasswordTest, TwoSourcesAtOnceAreRefused) {
+  const zeltest::Result run =
+      Zel({"mail", "box", "add", "l@d.example", "--password-stdin", "--password-file", "x"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("excludes"), std::string::npos) << run.err;
+}
+
+TEST_F(ZelpnlPasswordTest, ABatchLineTakesItsPasswordFromAFileOnly) {
+  const std::string file = box_.Path("pw");
+  {
+    std::FILE* f = std::fopen(file.c_str(), "w");
+    std::fputs("batch secret\n", f);
+    std::fclose(f);
+  }
+  const zeltest::Result refused = Zel({"batch", "-"}, "mail box add l@d.example --password-stdin\n");
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_NE(refused.err.find("reads the password from standard input; give it with "
+                             "--password-file"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_EQ(Count("email"), 0);
+  const zeltest::Result ok =
+      Zel({"batch", "-"}, "mail box add l@d.example --password-file " + file + "\n");
+  ASSERT_EQ(ok.status, 0) << ok.err;
+  EXPECT_TRUE(pnl_password::Verify(Hash("l"), "batch secret"));
+}
+
+TEST_F(ZelpnlPasswordTest, AQuotaIsTheMailboxsOwnOrItsDomains) {
+  Ok({"mail", "box", "add", "l@d.example", "--quota", "512M"});
+  auto doc = Json({"mail", "box", "show", "l@d.example"});
+  EXPECT_EQ(doc["mailbox"]["quota"], 512LL << 20);
+  EXPECT_EQ(doc["mailbox"]["quota_limit"], 512LL << 20);
+  EXPECT_NE(Zel({"mail", "box", "show", "l@d.example"}).out.find("quota:        512M\n"),
+            std::string::npos);
+  Ok({"mail", "box", "set", "l@d.example", "--quota", "0"});
+  EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["quota_limit"], 0);
+  for (const char* bad : {"-1", "12X", "", "99999999999999999T", "1.5G"}) {
+    const zeltest::Result run = Zel({"mail", "box", "set", "l@d.example", "--quota", bad});
+    EXPECT_EQ(run.status, 2) << bad;
+  }
+}
+
+TEST_F(ZelpnlPasswordTest, PasswordAndQuotaOutliveASyncWithTheFiles) {
+  ASSERT_EQ(Zel({"mail", "box", "add", "l@d.example", "--password-stdin", "--quota", "1G"},
+                std::string(kSecret) + "\n")
+                .status,
+            0);
+  const std::string hash = Hash("l");
+  Ok({"mail", "sync"});
+  Ok({"mail", "box", "suspend", "l@d.example"});
+  Ok({"mail", "box", "resume", "l@d.example"});
+  Ok({"mail", "box", "set", "l@d.example", "--alias", "a"});
+  EXPECT_EQ(Hash("l"), hash);
+  EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["quota"], 1LL << 30);
+}
