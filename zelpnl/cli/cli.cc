@@ -25,6 +25,7 @@ const std::vector<CommandGroup>& Groups() {
       {true, {"whitelist", "blacklist"}, &AddSenderListCommands},
       {true, {"sync"}, &AddSyncCommand},
       {true, {"check"}, &AddCheckCommand},
+      {false, {"stack"}, &AddStackCommands},
   };
   return groups;
 }

@@ -29,6 +29,7 @@ void AddBatchCommand(CLI::App& app, Command* out);
 void AddInitCommand(CLI::App& app, Command* out);
 void AddUserCommands(CLI::App& app, Command* out);
 void AddWebDomainCommands(CLI::App& app, Command* out);
+void AddStackCommands(CLI::App& app, Command* out);
 
 // Under "mail".
 void AddMailDomainCommands(CLI::App& mail, Command* out);

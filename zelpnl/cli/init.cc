@@ -7,8 +7,8 @@ namespace zelpnl {
 
 namespace {
 
-void Init(Host& host, const Output& out, const std::string& dir) {
-  const SandboxSetUp s = MakeSandbox(host, dir);
+void Init(Host& host, const Output& out, const SandboxOptions& options) {
+  const SandboxSetUp s = MakeSandbox(host, options);
   nlohmann::ordered_json sandbox = {{"dir", s.dir},
                                     {"config", s.config},
                                     {"database", s.database},
@@ -21,6 +21,7 @@ void Init(Host& host, const Output& out, const std::string& dir) {
   std::vector<std::pair<std::string, std::string>> fields = {
       {"configuration", s.config}, {"database", s.database + " (user \"" + s.admin + "\")"}};
   fields.insert(fields.end(), s.mail.text.begin(), s.mail.text.end());
+  fields.insert(fields.end(), s.store.text.begin(), s.store.text.end());
   fields.push_back({"responder", s.responder_conf + " (answers queued in " + s.answers + ")"});
   out.Print({{"sandbox", sandbox}}, "sandbox ready in " + s.dir + "\n" + Fields(fields) +
                                         "use it with: export ZELPNL_CONF=" + s.config + "\n");
@@ -47,9 +48,16 @@ void AddInitCommand(CLI::App& app, Command* out) {
   init->add_option("--sandbox", *dir, "The folder (made when missing; must hold none of the files)")
       ->required()
       ->option_text("DIR");
+  auto smart_host = std::make_shared<std::string>();
+  init->add_option("--smart-host", *smart_host,
+                   "Where the sandbox's mail stack sends outbound mail (default: a free loopback "
+                   "port, where it waits in the queue until something listens)")
+      ->option_text("IP:PORT");
   init->callback([=] {
-    const std::string d = SandboxDir(*dir);
-    *out = {Needs::kNothing, [=](Host& h, const Output& o) { Init(h, o, d); },
+    SandboxOptions options;
+    options.dir = SandboxDir(*dir);
+    if (!smart_host->empty()) options.smart_host = SmartHost(*smart_host);
+    *out = {Needs::kNothing, [=](Host& h, const Output& o) { Init(h, o, options); },
             "makes a new set-up; run it on its own"};
   });
 }

@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <arpa/inet.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include "zelapi/db/cache.h"
 #include "zelapi/err.h"
 #include "zelapi/file.h"
+#include "zelapi/net.h"
 
 namespace fs = std::filesystem;
 
@@ -27,9 +29,9 @@ constexpr char kAdmin[] = "admin";
 constexpr char kMailUser[] = "mail";
 
 // The files init makes besides the back-end's; an existing one stops it.
-const char* const kPanelFiles[] = {"zelpnl.conf", "panel.db",         "zelpnl.log",
+const char* const kPanelFiles[] = {"zelpnl.conf",   "panel.db",  "zelpnl.log",
                                    "responder.conf", "responder", "responder-memory",
-                                   "responder.log", "answers"};
+                                   "responder.log", "answers",   "log"};
 
 // Who the responder runs as, and the group that reads its settings: the
 // mail user when init runs as root; else the caller (a sandbox of an
@@ -106,6 +108,9 @@ std::string OurProgram(const std::string& name) {
 }
 
 std::string PanelConfig(const SandboxSetUp& s, const std::string& group) {
+  std::string services;
+  for (const std::string& service : {s.store.service, s.mail.service})
+    if (!service.empty()) services += (services.empty() ? "" : " ") + service;
   return "# zelpnl sandbox in " + s.dir + ", made by \"zelpnl init\".\n"
          "[params]\n"
          "MTA = " + kMta + "\n"
@@ -114,7 +119,10 @@ std::string PanelConfig(const SandboxSetUp& s, const std::string& group) {
          "log_level = info\n"
          "module_dir = " + DefaultModuleDir() + "\n" +
          s.mail.params +
-         "responder_group = " + group + "\n"
+         "responder_group = " + group + "\n" +
+         s.store.params +
+         "# The mail stack's servers, started in this order by \"zelpnl stack start\".\n"
+         "stack_services = " + services + "\n"
          "[paths]\n" +
          s.mail.paths +
          "zelpnl-responder = " + OurProgram("zelpnl-responder") + "\n"
@@ -157,7 +165,23 @@ std::string SandboxDir(const std::string& text) {
   return s;
 }
 
-SandboxSetUp MakeSandbox(Host& host, const std::string& dir) {
+std::string SmartHost(const std::string& text) {
+  const std::string::size_type colon = text.rfind(':');
+  if (colon == std::string::npos)
+    throw Invalid("smart host", text, "is no HOST:PORT (an IPv4 address and a port)");
+  const std::string host = text.substr(0, colon);
+  const std::string port = text.substr(colon + 1);
+  in_addr ignored{};
+  if (::inet_pton(AF_INET, host.c_str(), &ignored) != 1)
+    throw Invalid("smart host", text, "names no IPv4 address: the sandbox asks no DNS");
+  if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos ||
+      std::stoi(port) < 1 || std::stoi(port) > 65535)
+    throw Invalid("smart host", text, "has no port from 1 to 65535");
+  return host + ":" + std::to_string(std::stoi(port));
+}
+
+SandboxSetUp MakeSandbox(Host& host, const SandboxOptions& options) {
+  const std::string& dir = options.dir;
   SandboxSetUp s;
   s.dir = dir;
   s.config = dir + "/zelpnl.conf";
@@ -171,6 +195,7 @@ SandboxSetUp MakeSandbox(Host& host, const std::string& dir) {
   const email::SandboxWriter& mail = host.SandboxWriter(kMta);
   std::vector<std::string> files(std::begin(kPanelFiles), std::end(kPanelFiles));
   for (std::string& name : mail.Files()) files.push_back(std::move(name));
+  for (std::string& name : mailstore::DovecotSandboxFiles()) files.push_back(std::move(name));
   for (const std::string& name : files)
     if (fs::exists(fs::path(dir) / name))
       throw pnl_err::Error(pnl_err::Kind::kExists, "sandbox folder " + Quote(dir),
@@ -178,7 +203,33 @@ SandboxSetUp MakeSandbox(Host& host, const std::string& dir) {
   MakeFolders(dir);
 
   const ResponderUser user = FindResponderUser();
-  s.mail = mail.Write({dir, OurProgram("zelpnl-newaliases"), kMailUser}, s.answers);
+  fs::create_directory(dir + "/log");
+  fs::permissions(dir + "/log", fs::perms(0750));
+
+  // The stack: the mail store first, since the MTA delivers to it.
+  const bool ipv6 = pnl_net::HasIpv6Loopback();
+  const int smtp_port = pnl_net::FreeLoopbackPort(ipv6);
+  int imap_port = pnl_net::FreeLoopbackPort(ipv6);
+  while (imap_port == smtp_port) imap_port = pnl_net::FreeLoopbackPort(ipv6);
+  s.smart_host = options.smart_host;
+  if (s.smart_host.empty()) {
+    int port = pnl_net::FreeLoopbackPort(false);
+    while (port == smtp_port || port == imap_port) port = pnl_net::FreeLoopbackPort(false);
+    s.smart_host = "127.0.0.1:" + std::to_string(port);
+  }
+  s.store = mailstore::WriteDovecotSandbox(
+      {dir, s.database, imap_port, ipv6, kMailUser, "postmaster@localhost"});
+  email::SandboxRequest request;
+  request.dir = dir;
+  request.aliases_builder = OurProgram("zelpnl-newaliases");
+  request.default_user = kMailUser;
+  request.smtp_port = smtp_port;
+  request.with_ipv6 = ipv6;
+  request.smart_host = s.smart_host;
+  request.lmtp_socket = s.store.lmtp_socket;
+  request.reload_command = fs::path(ProgramDir()) / "zelpnl";
+  request.reload_command += " --config " + s.config + " stack reload";
+  s.mail = mail.Write(request, s.answers);
 
   // The panel's configuration is root's alone; the responder gets its own,
   // its settings folder (written by the panel), and what it writes itself:
@@ -199,9 +250,9 @@ SandboxSetUp MakeSandbox(Host& host, const std::string& dir) {
   // alias and builds the aliases database.
   host.UseConfig(s.config);
   host.Open(Needs::kMail);
-  pnl_db::Request request(host.Db());
+  pnl_db::Request db_request(host.Db());
   AddUser(host.Db(), kAdmin);
-  request.End();
+  db_request.End();
   return s;
 }
 

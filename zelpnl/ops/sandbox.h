@@ -8,6 +8,7 @@
 #include <string>
 
 #include "email/sandbox.h"
+#include "mailstore/dovecot_sandbox.h"
 
 namespace zelpnl {
 
@@ -26,12 +27,24 @@ struct SandboxSetUp {
   std::string responder_conf;  // the responder's own configuration
   std::string answers;         // where the responder's answers are queued
   std::string admin;           // the panel user made
+  std::string smart_host;      // where outbound mail goes
   email::SandboxPart mail;     // what the back-end made
+  mailstore::DovecotSandbox store;  // the mail store
 };
 
-// Makes the set-up in dir (from SandboxDir), then opens host on it as every
-// later run does. Refuses, before writing anything, a folder below one
-// anyone may write to and a folder that holds any of the set-up's files.
-SandboxSetUp MakeSandbox(Host& host, const std::string& dir);
+// Where the sandbox's mail stack sends outbound mail: "127.0.0.1:PORT" (an
+// IP literal and a port; nothing asks DNS). Throws Invalid.
+std::string SmartHost(const std::string& text);
+
+struct SandboxOptions {
+  std::string dir;         // from SandboxDir
+  std::string smart_host;  // from SmartHost; "": a loopback port nothing listens on yet
+};
+
+// Makes the set-up, then opens host on it as every later run does. Refuses,
+// before writing anything, a folder below one anyone may write to and a
+// folder that holds any of the set-up's files. The stack's servers get
+// loopback ports free at the time.
+SandboxSetUp MakeSandbox(Host& host, const SandboxOptions& options);
 
 }  // namespace zelpnl

@@ -23,11 +23,28 @@ struct SandboxRequest {
   std::string dir;              // absolute; characters every command carries unquoted
   std::string aliases_builder;  // the panel's alias database builder program
   std::string default_user;     // the user the MTA runs programs of its aliases file as
+  // The mail stack the MTA is part of: its daemon's SMTP port on 127.0.0.1
+  // (and ::1 when with_ipv6), where it sends all outbound mail
+  // ("127.0.0.1:PORT": nothing ever asks DNS), the mail store's LMTP socket
+  // its local mailer delivers to, and the command that reloads the running
+  // daemon (its restart command).
+  int smtp_port = 0;
+  bool with_ipv6 = false;
+  std::string smart_host;
+  std::string lmtp_socket;
+  std::string reload_command;
 };
 
 // What the back-end made, for the panel's configuration and the report.
 struct SandboxPart {
   std::string params;  // lines of the configuration's [params] section
+  // The name of the daemon it runs in the sandbox ("" for none): params
+  // then describe it as stack_NAME_start (its command), stack_NAME_pid (its
+  // pid file), stack_NAME_listen (host:port ... it binds), stack_NAME_log
+  // (where its output goes), stack_NAME_hup ("restarts": SIGHUP runs it
+  // anew under a new pid; "rereads": it reads its files again) and
+  // optionally stack_NAME_queue (the command that lists its queue).
+  std::string service;
   std::string paths;   // lines of its [paths] section
   // The command the responder submits its answers with, queueing them in
   // answers_dir (never sent on: the sandbox sends no mail out).

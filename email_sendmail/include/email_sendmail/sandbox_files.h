@@ -20,7 +20,7 @@ class SandboxFiles final : public email::SandboxWriter {
                            const std::string& answers_dir) const override;
 };
 
-// The sandbox's sendmail.mc for the folder dir, its programs run as user.
-std::string SandboxMailConfig(const std::string& dir, const std::string& user);
+// The sandbox's sendmail.mc.
+std::string SandboxMailConfig(const email::SandboxRequest& request);
 
 }  // namespace zelpriv_email_sendmail

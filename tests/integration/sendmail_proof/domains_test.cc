@@ -139,15 +139,19 @@ TEST_F(ProofDomainTest, ASuspendedDomainRefusesItsMailboxesTheirAliasesAndLocalN
   }
 }
 
-// The access map refuses the domain as a sender only: without recipient
-// blocking in sendmail.mc, mail to the suspended domain passes the RCPT check
-// and is judged at delivery (mailboxes delivered, the rest refused).
-TEST_F(ProofDomainTest, ASuspendedDomainsAddressesStillPassTheRecipientCheck) {
+// The sandbox's sendmail checks recipients against the access map too: a
+// suspended domain's addresses, mailboxes or not, are refused at RCPT, and
+// come back with the domain.
+TEST_F(ProofDomainTest, ASuspendedDomainsAddressesAreRefusedAtTheRecipientCheck) {
   AddDomain("d.example");
   Ok({"mail", "box", "add", "l@d.example"});
   Ok({"mail", "domain", "suspend", "d.example"});
+  EXPECT_EQ(Ruleset("check_rcpt", "<l@d.example>", kRemoteClient),
+            "$# error $: 550 Account disabled");
+  EXPECT_EQ(Ruleset("check_rcpt", "<zz@d.example>", kRemoteClient),
+            "$# error $: 550 Account disabled");
+  Ok({"mail", "domain", "resume", "d.example"});
   EXPECT_EQ(Ruleset("check_rcpt", "<l@d.example>", kRemoteClient), "RELAY");
-  EXPECT_EQ(Ruleset("check_rcpt", "<zz@d.example>", kRemoteClient), "RELAY");
   // What a domain that is not local gets from the same client.
   EXPECT_EQ(Ruleset("check_rcpt", "<zz@far.example>", kRemoteClient),
             "$# error $@ 5 . 7 . 1 $: \"550 Relaying denied\"");
@@ -161,7 +165,7 @@ TEST_F(ProofDomainTest, AResumedDomainGetsItsDefaultActionBackAndLosesItsAccessE
   const proof::Verdict verdict = Verify("zz@d.example");
   EXPECT_EQ(verdict.status, 0);
   EXPECT_THAT(verdict.lines, ElementsAre(Relayed("boss@far.example", "zz@d.example")));
-  EXPECT_EQ(Ruleset("check_mail", "<zz@d.example>"), proof::kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<zz@d.example>"), proof::Unjudged("zz@d.example"));
 }
 
 TEST_F(ProofDomainTest, ADefaultActionSetWhileSuspendedTakesEffectOnResume) {
@@ -209,6 +213,6 @@ TEST_F(ProofDomainTest, ADeletedSuspendedDomainLeavesNoAccessEntry) {
   Ok({"mail", "domain", "suspend", "d.example"});
   Ok({"mail", "domain", "delete", "d.example"});
   EXPECT_EQ(Map("access", "d.example"), std::nullopt);
-  EXPECT_EQ(Ruleset("check_mail", "<zz@d.example>"), proof::kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<zz@d.example>"), proof::Unjudged("zz@d.example"));
   EXPECT_THAT(Verify("zz@d.example").lines, ElementsAre(Relayed("zz@d.example")));
 }

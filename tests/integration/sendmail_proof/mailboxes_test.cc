@@ -145,7 +145,7 @@ TEST_F(ProofMailboxTest, ASuspendedMailboxIsRefusedAsASenderWithAccountDisabled)
   EXPECT_EQ(Map("access", "l@d.example"), "550 Account disabled");
   EXPECT_EQ(Ruleset("check_mail", "<l@d.example>"), proof::kSenderDisabled);
   // Only that address: another one of the domain is not refused by the map.
-  EXPECT_EQ(Ruleset("check_mail", "<m@d.example>"), proof::kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<m@d.example>"), proof::Unjudged("m@d.example"));
 }
 
 TEST_F(ProofMailboxTest, AResumedMailboxIsDeliverableAgainWithItsForwardsAndResponder) {
@@ -154,7 +154,7 @@ TEST_F(ProofMailboxTest, AResumedMailboxIsDeliverableAgainWithItsForwardsAndResp
   Ok({"mail", "box", "suspend", "l@d.example"});
   Ok({"mail", "box", "resume", "l@d.example"});
   EXPECT_EQ(Map("access", "l@d.example"), std::nullopt);
-  EXPECT_EQ(Ruleset("check_mail", "<l@d.example>"), proof::kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<l@d.example>"), proof::Unjudged("l@d.example"));
   for (const char* address : {"l@d.example", "a@d.example"}) {
     const proof::Verdict verdict = Verify(address);
     EXPECT_EQ(verdict.status, 0) << address;
@@ -182,5 +182,5 @@ TEST_F(ProofMailboxTest, ADeletedSuspendedMailboxLeavesNoAccessEntry) {
   Ok({"mail", "box", "suspend", "l@d.example"});
   Ok({"mail", "box", "delete", "l@d.example"});
   EXPECT_EQ(Map("access", "l@d.example"), std::nullopt);
-  EXPECT_EQ(Ruleset("check_mail", "<l@d.example>"), proof::kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<l@d.example>"), proof::Unjudged("l@d.example"));
 }

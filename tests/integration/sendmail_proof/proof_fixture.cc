@@ -131,9 +131,15 @@ std::string LocalDelivery(const std::string& user) {
 }
 
 std::string Relayed(const std::string& target, const std::string& shown) {
-  const std::string host = target.substr(target.find('@') + 1);
-  return (shown.empty() ? target : shown) + "... deliverable: mailer esmtp, host " + host +
-         "., user " + target;
+  return (shown.empty() ? target : shown) +
+         "... deliverable: mailer relay, host [127.0.0.1], user " + target;
+}
+
+std::string Unjudged(const std::string& address) {
+  const std::string::size_type at = address.find('@');
+  std::string domain;
+  for (char c : address.substr(at + 1)) domain += c == '.' ? std::string(" . ") : std::string(1, c);
+  return "@ " + address.substr(0, at) + " < @ " + domain + " >";
 }
 
 std::string Refused(const std::string& address, const std::string& text) {

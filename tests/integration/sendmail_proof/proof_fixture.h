@@ -46,8 +46,9 @@ struct Verdict {
 // The lines sendmail -bv prints for the final recipients it finds.
 // "l\@d.example... deliverable: mailer local, user l\@d.example"
 std::string LocalDelivery(const std::string& user);
-// "f@x.example... deliverable: mailer esmtp, host x.example., user f@x.example":
-// relayed to target. sendmail names the address it was asked about when the
+// "f@x.example... deliverable: mailer relay, host [127.0.0.1], user
+// f@x.example": relayed to target, through the sandbox's smart host (it
+// sends nothing out by DNS). sendmail names the address it was asked about when the
 // virtual user table redirected it, the target itself when the aliases file
 // did: shown, when given, is that asked address.
 std::string Relayed(const std::string& target, const std::string& shown = "");
@@ -58,11 +59,11 @@ std::string Refused(const std::string& address, const std::string& text);
 std::string Program(const std::string& command);
 std::string FileTarget(const std::string& path);
 
-// check_mail's answer for a sender whose domain sendmail cannot resolve and
-// the access map does not name: the sandbox asks no DNS, so every example
-// domain is such a one unless the panel's lists name it.
-inline const char kUnresolvableSender[] =
-    "$# error $@ 5 . 1 . 8 $: \"553 Domain of sender address \" \" does not exist\"";
+// check_mail's answer for a sender the access map does not name: it judges
+// nothing and passes the address on, canonified ("@ l < @ d . example >").
+// The sandbox asks no DNS and takes senders' domains as they are, so only
+// the panel's lists decide about a sender.
+std::string Unjudged(const std::string& address);
 // check_mail's answers for the access map's values.
 inline const char kSenderAccepted[] = "$# OK";
 inline const char kSenderRejected[] = "$# error $@ 5 . 7 . 1 $: \"550 Access denied\"";

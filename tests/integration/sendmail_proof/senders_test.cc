@@ -11,7 +11,7 @@
 using proof::ProgramRun;
 using proof::kSenderAccepted;
 using proof::kSenderRejected;
-using proof::kUnresolvableSender;
+using proof::Unjudged;
 using proof::SendmailProofTest;
 
 namespace {
@@ -50,16 +50,16 @@ const char kClientUnknown[] = "< ? > < >";
 }  // namespace
 
 TEST_F(ProofSenderTest, AWhitelistedSenderAddressIsAcceptedUntilItIsDeleted) {
-  EXPECT_EQ(Ruleset("check_mail", "<good@ok.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<good@ok.example>"), Unjudged("good@ok.example"));
   Ok({"mail", "whitelist", "add", "good@ok.example"});
   EXPECT_EQ(Map("access", "good@ok.example"), "OK");
   EXPECT_EQ(Ruleset("check_mail", "<good@ok.example>"), kSenderAccepted);
   // Only that address of the domain.
-  EXPECT_EQ(Ruleset("check_mail", "<other@ok.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<other@ok.example>"), Unjudged("other@ok.example"));
 
   Ok({"mail", "whitelist", "delete", "good@ok.example"});
   EXPECT_EQ(Map("access", "good@ok.example"), std::nullopt);
-  EXPECT_EQ(Ruleset("check_mail", "<good@ok.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<good@ok.example>"), Unjudged("good@ok.example"));
 }
 
 TEST_F(ProofSenderTest, AWhitelistedDomainAcceptsEverySenderOfItAndOfItsSubdomains) {
@@ -67,18 +67,18 @@ TEST_F(ProofSenderTest, AWhitelistedDomainAcceptsEverySenderOfItAndOfItsSubdomai
   EXPECT_EQ(Map("access", "ok.example"), "OK");
   EXPECT_EQ(Ruleset("check_mail", "<anyone@ok.example>"), kSenderAccepted);
   EXPECT_EQ(Ruleset("check_mail", "<anyone@mx.ok.example>"), kSenderAccepted);
-  EXPECT_EQ(Ruleset("check_mail", "<anyone@notok.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<anyone@notok.example>"), Unjudged("anyone@notok.example"));
 }
 
 TEST_F(ProofSenderTest, ABlacklistedSenderAddressIsRejectedUntilItIsDeleted) {
   Ok({"mail", "blacklist", "add", "bad@spam.example"});
   EXPECT_EQ(Map("access", "bad@spam.example"), "REJECT");
   EXPECT_EQ(Ruleset("check_mail", "<bad@spam.example>"), kSenderRejected);
-  EXPECT_EQ(Ruleset("check_mail", "<other@spam.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<other@spam.example>"), Unjudged("other@spam.example"));
 
   Ok({"mail", "blacklist", "delete", "bad@spam.example"});
   EXPECT_EQ(Map("access", "bad@spam.example"), std::nullopt);
-  EXPECT_EQ(Ruleset("check_mail", "<bad@spam.example>"), kUnresolvableSender);
+  EXPECT_EQ(Ruleset("check_mail", "<bad@spam.example>"), Unjudged("bad@spam.example"));
 }
 
 TEST_F(ProofSenderTest, ABlacklistedDomainRejectsEverySenderOfItAndOfItsSubdomains) {

@@ -25,7 +25,7 @@ TEST_F(ZelpnlCheckTest, AMailboxIsDeliveredThroughItsAliasesEntry) {
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out,
             "l\\@d.example... deliverable: mailer local, user l\\@d.example\n"
-            "f@x.example... deliverable: mailer esmtp, host x.example., user f@x.example\n");
+            "f@x.example... deliverable: mailer relay, host [127.0.0.1], user f@x.example\n");
 }
 
 TEST_F(ZelpnlCheckTest, AnUnknownAddressAndASuspendedMailboxAreRefused) {

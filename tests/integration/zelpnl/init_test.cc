@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "zelapi/net.h"
 #include "zelpnl_fixture.h"
 
 using zeltest::RunProgram;
@@ -27,9 +28,30 @@ std::string ResponderGroup() {
 
 }  // namespace
 
+namespace {
+
+// The port a "stack_NAME_listen = 127.0.0.1:PORT ..." line of text names.
+std::string ListenPort(const std::string& text, const std::string& service) {
+  const std::string key = "stack_" + service + "_listen = 127.0.0.1:";
+  const std::string::size_type at = text.find(key);
+  if (at == std::string::npos) return "";
+  const std::string::size_type from = at + key.size();
+  return text.substr(from, text.find_first_not_of("0123456789", from) - from);
+}
+
+}  // namespace
+
 TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
+  ASSERT_TRUE(kHaveCf) << "sendmail-cf and m4 are installed by the set-up";
   const std::string d = Dir();
-  std::string expected =
+  const std::string conf = File("zelpnl.conf");
+  const std::string smtp = ListenPort(conf, "sendmail");
+  const std::string imap = ListenPort(conf, "dovecot");
+  ASSERT_FALSE(smtp.empty()) << conf;
+  ASSERT_FALSE(imap.empty()) << conf;
+  EXPECT_NE(smtp, imap);
+  const bool v6 = pnl_net::HasIpv6Loopback();
+  const std::string expected =
       "# zelpnl sandbox in " + d + ", made by \"zelpnl init\".\n"
       "[params]\n"
       "MTA = sendmail\n"
@@ -37,27 +59,39 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "log_file = " + d + "/zelpnl.log\n"
       "log_level = info\n"
       "module_dir = " + std::filesystem::path(ZEL_LIB_DIR "/modules").lexically_normal().string() +
-      "\n";
-  if (kHaveCf) expected += "sendmail_cf = " + d + "/sendmail.cf\n";
-  expected += "responder_group = " + ResponderGroup() + "\n";
-  expected +=
+      "\n"
+      "sendmail_cf = " + d + "/sendmail.cf\n"
+      "stack_sendmail_start = /usr/sbin/sendmail -C " + d + "/sendmail.cf -L zelpnl-sandbox -bd "
+      "-q1m\n"
+      "stack_sendmail_pid = " + d + "/sendmail.pid\n"
+      "stack_sendmail_log = " + d + "/log/sendmail.log\n"
+      "stack_sendmail_hup = restarts\n"
+      "stack_sendmail_listen = 127.0.0.1:" + smtp + (v6 ? " [::1]:" + smtp : "") + "\n"
+      "stack_sendmail_queue = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bp\n"
+      "responder_group = " + ResponderGroup() + "\n"
+      "mail_root = " + d + "/mail\n"
+      "doveadm = /usr/bin/doveadm -c " + d + "/dovecot.conf\n"
+      "stack_dovecot_start = /usr/sbin/dovecot -c " + d + "/dovecot.conf\n"
+      "stack_dovecot_pid = " + d + "/run/master.pid\n"
+      "stack_dovecot_listen = 127.0.0.1:" + imap + (v6 ? " [::1]:" + imap : "") + "\n"
+      "stack_dovecot_log = " + d + "/log/dovecot.log\n"
+      "stack_dovecot_hup = rereads\n"
+      "# The mail stack's servers, started in this order by \"zelpnl stack start\".\n"
+      "stack_services = dovecot sendmail\n"
       "[paths]\n"
       "sendmail-virtusertable = " + d + "/virtusertable\n"
       "sendmail-localhostnames = " + d + "/local-host-names\n"
       "sendmail-accessdb = " + d + "/access\n"
       "sendmail-aliases = " + d + "/aliases\n"
-      "sendmail-mc = " + d + "/sendmail.mc\n";
-  const std::string builder = zeltest::OurProgram("zelpnl-newaliases");
-  expected += kHaveCf ? "sendmail-newaliases = " + builder + " -C " + d + "/sendmail.cf -bi\n"
-                      : "sendmail-newaliases = " + builder + " -bi -oA" + d + "/aliases\n";
-  expected +=
-      "# No mail daemon runs on the sandbox's files, so there is nothing to restart:\n"
-      "# \"true\" does nothing and succeeds.\n"
-      "sendmail-restart = true\n"
+      "sendmail-mc = " + d + "/sendmail.mc\n"
+      "sendmail-newaliases = " + zeltest::OurProgram("zelpnl-newaliases") + " -C " + d +
+      "/sendmail.cf -bi\n"
+      "sendmail-restart = " + zeltest::OurProgram("zelpnl") + " --config " + d +
+      "/zelpnl.conf stack reload\n"
       "zelpnl-responder = " + zeltest::OurProgram("zelpnl-responder") + "\n"
       "responder-conf = " + d + "/responder.conf\n"
       "responder-settings = " + d + "/responder\n";
-  EXPECT_EQ(File("zelpnl.conf"), expected);
+  EXPECT_EQ(conf, expected);
 }
 
 // The responder runs as sendmail's default user and reads nothing of the

@@ -30,8 +30,10 @@ TEST(SandboxRegistryTest, AWriterIsFoundUnderItsNameWhileRegistered) {
     email::SandboxRegistration registration("test-mta", writer);
     ASSERT_EQ(email::FindSandboxWriter("test-mta"), &writer);
     EXPECT_EQ(email::FindSandboxWriter("other"), nullptr);
+    email::SandboxRequest request;
+    request.dir = "/srv/sb";
     const email::SandboxPart part =
-        email::FindSandboxWriter("test-mta")->Write({"/srv/sb", "", "mail"}, "/srv/sb/answers");
+        email::FindSandboxWriter("test-mta")->Write(request, "/srv/sb/answers");
     EXPECT_EQ(part.params, "dir = /srv/sb\n");
     EXPECT_EQ(part.answer_command, "queue /srv/sb/answers");
   }

@@ -63,4 +63,15 @@ Parsed Parse(const std::string& text, Network* out, std::string* why);
 // text is not an IPv6 address: how such an address is commonly written.
 std::string CompressedIpv6(const std::string& text);
 
+// Loopback ports for servers a sandbox runs. FreeLoopbackPort asks the
+// kernel for a port free on 127.0.0.1 (and on ::1 too when both) now; it
+// may be taken again before it is used, so a server that cannot bind it
+// must say so. Throws pnl_err::Error(kFile) when no socket can be made.
+int FreeLoopbackPort(bool both);
+// Whether ::1 can be bound on this machine.
+bool HasIpv6Loopback();
+// Whether something accepts TCP connections at host:port now (host an IPv4
+// or IPv6 literal), waiting at most timeout_ms for the connection.
+bool Accepts(const std::string& host, int port, int timeout_ms);
+
 }  // namespace pnl_net
