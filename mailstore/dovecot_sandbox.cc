@@ -45,7 +45,7 @@ void MakeFolder(const std::string& path, unsigned uid, unsigned gid, unsigned mo
 }  // namespace
 
 std::vector<std::string> DovecotSandboxFiles() {
-  return {"dovecot.conf", "dovecot-sql.conf.ext", "mail", "run", "state"};
+  return {"dovecot.conf", "dovecot-sql.conf.ext", "mail", "mail-archive", "run", "state"};
 }
 
 std::string DovecotSqlConfig(const std::string& database) {
@@ -151,6 +151,7 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
   pnl_file::WriteNewFile(d + "/dovecot-sql.conf.ext", DovecotSqlConfig(r.database), 0640);
   Own(d + "/dovecot-sql.conf.ext", ::geteuid(), dovecot_gid, 0640);
   MakeFolder(d + "/mail", mail.uid, mail.gid, 0750);
+  MakeFolder(d + "/mail-archive", ::geteuid(), ::getegid(), 0700);
   MakeFolder(d + "/run", ::geteuid(), ::getegid(), 0755);
   MakeFolder(d + "/state", ::geteuid(), ::getegid(), 0750);
 
@@ -160,6 +161,7 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
   const std::string port = std::to_string(r.imap_port);
   out.service = "dovecot";
   out.params = "mail_root = " + out.mail_root + "\n"
+               "mail_archive = " + d + "/mail-archive\n"
                "doveadm = " + std::string(kDoveadm) + " -c " + d + "/dovecot.conf\n"
                "stack_dovecot_start = " + std::string(kDovecot) + " -c " + d + "/dovecot.conf\n"
                "stack_dovecot_pid = " + d + "/run/master.pid\n"

@@ -2,6 +2,7 @@
 // command line of the mail domain operations (mail_domains.h) and the
 // rendering of their results, as JSON and as text.
 #include "commands.h"
+#include "mail_disposal.h"
 #include "mail_domains.h"
 #include "validation.h"
 
@@ -164,10 +165,14 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
   CLI::App* del = domain->add_subcommand(
       "delete", "Delete a mail domain with all its mailboxes, from the files and then the panel");
   del->add_option("NAME", *name, "Mail domain")->required();
+  auto disposal = std::make_shared<std::string>();
+  AddMailDisposalOption(del, disposal.get());
   del->callback([=] {
     const std::string domain_name = DomainName(*name);
+    const mailstore::Disposal mail = MailDisposal(*disposal);
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const std::vector<std::string> deleted = DeleteMailDomain(h.MailRequest(), domain_name);
+              const std::vector<std::string> deleted =
+                  DeleteMailDomain(h.MailRequest(), domain_name, mail);
               o.Print({{"deleted", {{"domain", domain_name}, {"mailboxes", deleted}}}}, "");
             }};
   });

@@ -2,6 +2,7 @@
 // line of the mailbox operations (mailboxes.h) and the rendering of their
 // results, as JSON and as text.
 #include "commands.h"
+#include "mail_disposal.h"
 #include "mailboxes.h"
 #include "password_input.h"
 
@@ -10,7 +11,8 @@ namespace zelpnl {
 namespace {
 
 // mailbox: address, unicode, local, domain, enabled, forward_only,
-// password (whether it has one), quota and quota_limit (bytes), aliases,
+// password (whether it has one), quota and quota_limit (bytes), usage (bytes
+// stored, null where unknown: in lists, or a set-up keeping no mail), aliases,
 // forwards, responder (null, or enabled, subject, text, period_days).
 nlohmann::ordered_json MailboxJson(const MailboxView& box) {
   nlohmann::ordered_json responder = nullptr;
@@ -31,6 +33,7 @@ nlohmann::ordered_json MailboxJson(const MailboxView& box) {
       {"password", box.has_password},
       {"quota", box.quota},
       {"quota_limit", box.quota_limit},
+      {"usage", box.usage ? nlohmann::ordered_json(*box.usage) : nlohmann::ordered_json(nullptr)},
       {"aliases", box.aliases},
       {"forwards", box.forwards},
       {"responder", responder},
@@ -69,8 +72,10 @@ void PrintChanged(Host& host, const Output& out, const Address& address) {
 }
 
 std::string QuotaLine(const MailboxView& box) {
-  if (box.quota_limit == 0) return "none";
-  return QuotaText(box.quota_limit) + (box.quota == 0 ? " (the domain's)" : "");
+  std::string line = box.quota_limit == 0 ? "none" : QuotaText(box.quota_limit);
+  if (box.quota_limit != 0 && box.quota == 0) line += " (the domain's)";
+  if (box.usage) line += ", " + std::to_string(*box.usage) + " bytes used";
+  return line;
 }
 
 void PrintOne(const Output& out, const MailboxView& box) {
@@ -218,10 +223,13 @@ void AddMailboxCommands(CLI::App& mail, Command* out) {
   CLI::App* del = box->add_subcommand(
       "delete", "Delete a mailbox: its lines, its aliases' lines and its rows");
   del->add_option("ADDRESS", *address, "The mailbox")->required();
+  auto disposal = std::make_shared<std::string>();
+  AddMailDisposalOption(del, disposal.get());
   del->callback([=] {
     const Address a = KnownAddress(*address);
+    const mailstore::Disposal mail = MailDisposal(*disposal);
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              DeleteMailbox(h.MailRequest(), a);
+              DeleteMailbox(h.MailRequest(), a, mail);
               o.Print({{"deleted", {{"mailbox", a.Text()}}}}, "");
             }};
   });

@@ -144,8 +144,11 @@ std::set<int> FileChange::EndBatch(Failure* failure) noexcept {
   std::set<int> failed;
   if (!batch_) return failed;
   batch_ = false;
+  std::vector<std::pair<std::string, std::function<void()>>> after_saved = std::move(after_saved_);
+  after_saved_.clear();
   try {
     SaveDeferred();
+    for (const auto& step : after_saved) RunAfterSaved(step.first, step.second);
   } catch (...) {
     if (failure) *failure = CurrentFailure();
     for (const Kept& kept : kept_) failed.insert(kept.line);
@@ -163,6 +166,26 @@ std::set<int> FileChange::EndBatch(Failure* failure) noexcept {
     }
   }
   return failed;
+}
+
+void FileChange::RunAfterSaved(const std::string& what,
+                               const std::function<void()>& step) const noexcept {
+  try {
+    step();
+  } catch (const std::exception& e) {
+    try {
+      pnl_warn::Add(what + ": " + e.what());
+    } catch (...) {
+    }
+  }
+}
+
+void FileChange::AfterSaved(const std::string& what, std::function<void()> step) {
+  if (!batch_) {
+    RunAfterSaved(what, step);
+    return;
+  }
+  after_saved_.emplace_back(what, std::move(step));
 }
 
 void FileChange::AtBatchEnd(const std::string& key, std::function<void()> step) {

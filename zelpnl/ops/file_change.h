@@ -72,8 +72,16 @@ class FileChange {
   // once (reading a whole list back from the files). Outside a batch the
   // step runs now. Errors of a step at the batch's end are logged.
   void AtBatchEnd(const std::string& key, std::function<void()> step);
+  // A step for once the files have taken a change (the mail of a deleted
+  // mailbox moved away only when its lines are gone): outside a batch it
+  // runs now (call it after Change); in a batch, at its end when the saves
+  // succeeded, and never when they failed. A step's failure is a warning:
+  // the change stands.
+  void AfterSaved(const std::string& what, std::function<void()> step);
 
  private:
+  void RunAfterSaved(const std::string& what, const std::function<void()>& step) const noexcept;
+
   void BeginDeferred();
   // Saves the files changed since the engine began deferring (it stops
   // deferring in every case), then what the back-end held back, and queues
@@ -97,6 +105,7 @@ class FileChange {
   int batch_line_ = 0;
   std::vector<Kept> kept_;  // undos of the batch's lines, in order
   std::vector<std::pair<std::string, std::function<void()>>> at_end_;  // AtBatchEnd steps
+  std::vector<std::pair<std::string, std::function<void()>>> after_saved_;  // in a batch
 };
 
 }  // namespace zelpnl

@@ -5,6 +5,7 @@
 
 #include "email/mta_interface.h"
 #include "email/sandbox.h"
+#include "mailstore/maildirs.h"
 #include "zelapi/api.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
@@ -109,6 +110,8 @@ void Host::Open(Needs needs) {
                          "no mail back-end registered; is MTA = sendmail set in " + config_file_ +
                              "?");
   files_ = std::make_unique<FileChange>(mta_, log_);
+  maildirs_ = std::make_unique<mailstore::Maildirs>(pnl_cf::GetParam("mail_root"),
+                                                    pnl_cf::GetParam("mail_archive"));
 }
 
 void Host::LoadModules(const std::string& folder) {

@@ -29,6 +29,9 @@ class SandboxWriter;
 namespace zel_api {
 class ModuleLoader;
 }
+namespace mailstore {
+class Maildirs;
+}
 
 namespace zelpnl {
 
@@ -85,7 +88,7 @@ class Host {
   email::MtaInterface& Mta() const;
   FileChange& Files() const;
   // The three of them, for a mail operation.
-  Request MailRequest() const { return {Db(), Mta(), Files()}; }
+  Request MailRequest() const { return {Db(), Mta(), Files(), *maildirs_}; }
 
  private:
   std::string config_;
@@ -99,6 +102,7 @@ class Host {
   std::string module_dir_;  // the folder loader_ loaded
   email::MtaInterface* mta_ = nullptr;
   std::unique_ptr<FileChange> files_;
+  std::unique_ptr<mailstore::Maildirs> maildirs_;
 };
 
 }  // namespace zelpnl

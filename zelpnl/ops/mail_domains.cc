@@ -177,7 +177,8 @@ MailDomainView SetMailDomainAction(const Request& request, const std::string& na
   return MailDomainViewOf(db, row);
 }
 
-std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name) {
+std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name,
+                                          mailstore::Disposal mail) {
   pnl_db::Cache& db = request.db;
   MailDomainRow row = RequireMailDomain(db, name);
   const std::vector<std::string> locals = MailboxNamesInOrderAdded(db, row->id.Value());
@@ -195,6 +196,11 @@ std::vector<std::string> DeleteMailDomain(const Request& request, const std::str
     }
     request.mta.DeleteDomain(row);
     row->Delete();
+  });
+  const mailstore::Maildirs* maildirs = &request.mail;
+  request.files.AfterSaved("the mail of mail domain " + name, [maildirs, name, mail] {
+    const std::string to = maildirs->DisposeDomain(name, mail);
+    if (!to.empty()) MailLog().Info("mail domain " + name + ": its mail is archived in " + to);
   });
   return deleted;
 }

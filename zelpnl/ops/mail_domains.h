@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "mailstore/maildirs.h"
 #include "panel_rows.h"
 #include "request.h"
 
@@ -47,6 +48,8 @@ MailDomainView SetMailDomainAction(const Request& request, const std::string& na
                                    const std::string& action, const std::string& redirect,
                                    bool allow_programs);
 // Returns the addresses of the mailboxes deleted with it.
-std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name);
+// Its mailboxes' mail is archived or removed once the lines are gone.
+std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name,
+                                          mailstore::Disposal mail);
 
 }  // namespace zelpnl

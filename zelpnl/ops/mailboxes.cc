@@ -137,6 +137,13 @@ void AddMailbox(const Request& request, const Address& address, const MailboxCha
   if (leftover.found)
     MailLog().Info("mailbox " + address.Text() +
                ": replacing the lines an earlier add left in the files");
+  // Mail left by an earlier mailbox of this address (its deletion could not
+  // move it) is not the new one's.
+  const std::string old_mail =
+      request.mail.Dispose(address.domain, address.local, mailstore::Disposal::kArchive);
+  if (!old_mail.empty())
+    MailLog().Warning("mailbox " + address.Text() + ": mail an earlier mailbox left is archived in " +
+                      old_mail);
 
   MailboxRow mailbox = db.Get<zel_db::EmailTable>();
   mailbox->New();
@@ -188,7 +195,10 @@ std::vector<MailboxView> ListMailboxes(const Request& request, const std::string
 }
 
 MailboxView ShowMailbox(const Request& request, const Address& address) {
-  return MailboxViewOf(request.db, RequireMailbox(request.db, address));
+  MailboxView view = MailboxViewOf(request.db, RequireMailbox(request.db, address));
+  if (request.mail.Kept())
+    view.usage = static_cast<int64_t>(request.mail.Usage(address.domain, address.local));
+  return view;
 }
 
 namespace {
@@ -231,10 +241,15 @@ void ResumeMailbox(const Request& request, const Address& address, bool allow_pr
   SetState(request, address, StateChange::kResume, allow_programs);
 }
 
-void DeleteMailbox(const Request& request, const Address& address) {
+void DeleteMailbox(const Request& request, const Address& address, mailstore::Disposal mail) {
   MailboxRow mailbox = RequireMailbox(request.db, address);
   request.files.Change([&] { request.mta.DeleteEmail(mailbox); });
   mailbox->Delete();
+  const mailstore::Maildirs* maildirs = &request.mail;
+  request.files.AfterSaved("the mail of mailbox " + address.Text(), [maildirs, address, mail] {
+    const std::string to = maildirs->Dispose(address.domain, address.local, mail);
+    if (!to.empty()) MailLog().Info("mailbox " + address.Text() + ": its mail is archived in " + to);
+  });
 }
 
 void SetMailbox(const Request& request, const Address& address, const MailboxChanges& changes) {

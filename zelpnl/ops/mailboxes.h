@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "mailstore/maildirs.h"
 #include "panel_rows.h"
 #include "request.h"
 #include "validation.h"
@@ -64,15 +65,20 @@ struct MailboxChanges {
 // Invalid naming the value refused.
 MailboxChanges CheckMailboxChanges(const MailboxChangeOptions& options, const Address& address);
 
+// Mail an earlier mailbox of the same address left on disk is archived
+// first: a new mailbox starts empty.
 void AddMailbox(const Request& request, const Address& address, const MailboxChanges& changes);
 // Every mailbox, or those of one mail domain ("" for all), by address.
 std::vector<MailboxView> ListMailboxes(const Request& request, const std::string& domain);
+// With the bytes its stored mail takes, where the set-up keeps mail.
 MailboxView ShowMailbox(const Request& request, const Address& address);
 void SuspendMailbox(const Request& request, const Address& address);
 // allow_programs: forward targets that are programs or files are written
 // back too.
 void ResumeMailbox(const Request& request, const Address& address, bool allow_programs);
-void DeleteMailbox(const Request& request, const Address& address);
+// The mailbox's mail is archived or removed (mailstore::Disposal) once its
+// lines are gone from the files; a failure there is a warning.
+void DeleteMailbox(const Request& request, const Address& address, mailstore::Disposal mail);
 void SetMailbox(const Request& request, const Address& address, const MailboxChanges& changes);
 
 }  // namespace zelpnl

@@ -167,6 +167,7 @@ struct MailboxView {
   bool has_password = false;          // whether it can log in (the hash is never shown)
   int64_t quota = 0;                  // its own, in bytes; 0: its domain's
   int64_t quota_limit = 0;            // the one that holds: its own, else its domain's; 0: none
+  std::optional<int64_t> usage;       // bytes of stored mail (ShowMailbox only)
   std::vector<std::string> aliases;   // local parts, in the order added
   std::vector<std::string> forwards;  // targets, in the order added
   std::optional<ResponderView> responder;

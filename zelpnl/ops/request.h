@@ -11,6 +11,10 @@ namespace email {
 class MtaInterface;
 }
 
+namespace mailstore {
+class Maildirs;
+}
+
 namespace zelpnl {
 
 class FileChange;
@@ -19,6 +23,7 @@ struct Request {
   pnl_db::Cache& db;
   email::MtaInterface& mta;
   FileChange& files;
+  const mailstore::Maildirs& mail;  // the mailboxes' mail on disk
 };
 
 }  // namespace zelpnl

@@ -70,6 +70,7 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "stack_sendmail_queue = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bp\n"
       "responder_group = " + ResponderGroup() + "\n"
       "mail_root = " + d + "/mail\n"
+      "mail_archive = " + d + "/mail-archive\n"
       "doveadm = /usr/bin/doveadm -c " + d + "/dovecot.conf\n"
       "stack_dovecot_start = /usr/sbin/dovecot -c " + d + "/dovecot.conf\n"
       "stack_dovecot_pid = " + d + "/run/master.pid\n"

@@ -35,6 +35,7 @@ TEST_F(ZelpnlMailboxTest, AddWritesTheVirtualUserTableLineAndTheAliasesEntry) {
                                     {"password", false},
                                     {"quota", 0},
                                     {"quota_limit", 0},
+                                    {"usage", 0},
                                     {"aliases", nlohmann::ordered_json::array()},
                                     {"forwards", nlohmann::ordered_json::array()},
                                     {"responder", nullptr}}));
@@ -226,7 +227,7 @@ TEST_F(ZelpnlMailboxTest, ListAndShow) {
             "state:        active\n"
             "forward only: no\n"
             "password:     none (cannot log in)\n"
-            "quota:        none\n"
+            "quota:        none, 0 bytes used\n"
             "aliases:      a@d.example\n"
             "forwards:     f@x.example\n"
             "responder:    -\n");

@@ -157,7 +157,7 @@ TEST_F(ZelpnlPasswordTest, AQuotaIsTheMailboxsOwnOrItsDomains) {
   auto doc = Json({"mail", "box", "show", "l@d.example"});
   EXPECT_EQ(doc["mailbox"]["quota"], 512LL << 20);
   EXPECT_EQ(doc["mailbox"]["quota_limit"], 512LL << 20);
-  EXPECT_NE(Zel({"mail", "box", "show", "l@d.example"}).out.find("quota:        512M\n"),
+  EXPECT_NE(Zel({"mail", "box", "show", "l@d.example"}).out.find("quota:        512M, 0 bytes used\n"),
             std::string::npos);
   Ok({"mail", "box", "set", "l@d.example", "--quota", "0"});
   EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["quota_limit"], 0);
