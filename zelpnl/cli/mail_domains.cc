@@ -11,7 +11,8 @@ namespace zelpnl {
 namespace {
 
 // mail domain: name, unicode, owner (null when none), enabled,
-// default_action, redirect, mailboxes (count).
+// default_action, redirect, quota (bytes per mailbox, 0 for none),
+// mailboxes (count).
 nlohmann::ordered_json DomainJson(const MailDomainView& d) {
   return {
       {"name", d.name},
@@ -20,6 +21,7 @@ nlohmann::ordered_json DomainJson(const MailDomainView& d) {
       {"enabled", d.enabled},
       {"default_action", d.default_action},
       {"redirect", d.redirect},
+      {"quota", d.quota},
       {"mailboxes", d.mailboxes},
   };
 }
@@ -52,6 +54,8 @@ void PrintDetail(const Output& out, const MailDomainDetail& detail) {
                                     {"owner", OwnerText(d)},
                                     {"state", d.enabled ? "active" : "suspended"},
                                     {"default action", ActionText(d)},
+                                    {"quota", d.quota == 0 ? std::string("none")
+                                                           : QuotaText(d.quota) + " per mailbox"},
                                     {"mailboxes", JoinOrDash(detail.mailboxes)},
                                 }));
 }
@@ -102,13 +106,19 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
                   "The owning panel user: the web domain's owner, the only one it may be")
       ->option_text("USER");
   AddActionOptions(add, *action, false);
+  auto add_quota = std::make_shared<std::string>();
+  add->add_option("--quota", *add_quota,
+                  "The default quota of its mailboxes: bytes, or with K, M, G or T; 0: none")
+      ->option_text("SIZE");
   add->callback([=] {
     const std::string domain_name = DomainName(*name);
     const std::string user = owner->empty() ? "" : UserName(*owner);
     const std::string redirect = Redirect(action->action, action->redirect, domain_name);
     const std::string act = action->action;
+    const int64_t quota = add_quota->empty() ? 0 : QuotaBytes(*add_quota);
     *out = {Needs::kMail, [=](Host& h, const Output& o) {
-              const MailDomainView d = AddMailDomain(h.MailRequest(), domain_name, user, act, redirect);
+              const MailDomainView d =
+                  AddMailDomain(h.MailRequest(), domain_name, user, act, redirect, quota);
               if (o.json()) o.Print({{"domain", DomainJson(d)}}, "");
             }};
   });
@@ -174,6 +184,20 @@ void AddMailDomainCommands(CLI::App& mail, Command* out) {
               const std::vector<std::string> deleted =
                   DeleteMailDomain(h.MailRequest(), domain_name, mail);
               o.Print({{"deleted", {{"domain", domain_name}, {"mailboxes", deleted}}}}, "");
+            }};
+  });
+
+  auto size = std::make_shared<std::string>();
+  CLI::App* quota = domain->add_subcommand(
+      "quota", "Set the default quota of a mail domain's mailboxes (a mailbox's own holds over it)");
+  quota->add_option("NAME", *name, "Mail domain")->required();
+  quota->add_option("SIZE", *size, "Bytes, or with K, M, G or T; 0: none")->required();
+  quota->callback([=] {
+    const std::string domain_name = DomainName(*name);
+    const int64_t bytes = QuotaBytes(*size);
+    *out = {Needs::kMail, [=](Host& h, const Output& o) {
+              const MailDomainView d = SetMailDomainQuota(h.MailRequest(), domain_name, bytes);
+              if (o.json()) o.Print({{"domain", DomainJson(d)}}, "");
             }};
   });
 

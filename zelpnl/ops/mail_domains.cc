@@ -20,7 +20,8 @@ const std::vector<std::string>& MailDomainActions() {
 
 MailDomainView AddMailDomain(const Request& request, const std::string& name,
                              const std::string& owner, const std::string& action,
-                             const std::string& redirect) {
+                             const std::string& redirect, int64_t quota) {
+  if (quota < 0) throw Invalid("quota", std::to_string(quota), "is negative");
   pnl_db::Cache& db = request.db;
   WebDomainRow web = FindWebDomain(db, name);
   if (!web)
@@ -53,6 +54,7 @@ MailDomainView AddMailDomain(const Request& request, const std::string& name,
   row->enabled = true;
   row->def_action = action;
   row->redirect = redirect;
+  row->quota = quota;
   if (owner_id) row->users = owner_id;
   row->Post();
   const int64_t id = row->id.Value();
@@ -175,6 +177,14 @@ MailDomainView SetMailDomainAction(const Request& request, const std::string& na
   }
   row->Post();
   return MailDomainViewOf(db, row);
+}
+
+MailDomainView SetMailDomainQuota(const Request& request, const std::string& name, int64_t quota) {
+  if (quota < 0) throw Invalid("quota", std::to_string(quota), "is negative");
+  MailDomainRow row = RequireMailDomain(request.db, name);
+  row->quota = quota;
+  row->Post();
+  return MailDomainViewOf(request.db, row);
 }
 
 std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name,

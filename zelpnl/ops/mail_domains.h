@@ -24,10 +24,11 @@ namespace zelpnl {
 // The default actions a mail domain's catch-all can have.
 const std::vector<std::string>& MailDomainActions();
 
-// owner: "" for the web domain's owner, else it must be that user.
+// owner: "" for the web domain's owner, else it must be that user. quota:
+// the default of its mailboxes, in bytes (0: none).
 MailDomainView AddMailDomain(const Request& request, const std::string& name,
                              const std::string& owner, const std::string& action,
-                             const std::string& redirect);
+                             const std::string& redirect, int64_t quota = 0);
 std::vector<MailDomainView> ListMailDomains(const Request& request);  // by name
 
 struct MailDomainDetail {
@@ -47,6 +48,10 @@ MailDomainView UpdateMailDomain(const Request& request, const std::string& name,
 MailDomainView SetMailDomainAction(const Request& request, const std::string& name,
                                    const std::string& action, const std::string& redirect,
                                    bool allow_programs);
+// The default quota of its mailboxes (bytes, 0: none); a mailbox's own
+// quota holds over it. Only the database changes: the mail store reads it
+// at each delivery.
+MailDomainView SetMailDomainQuota(const Request& request, const std::string& name, int64_t quota);
 // Returns the addresses of the mailboxes deleted with it.
 // Its mailboxes' mail is archived or removed once the lines are gone.
 std::vector<std::string> DeleteMailDomain(const Request& request, const std::string& name,

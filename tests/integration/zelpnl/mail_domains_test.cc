@@ -37,6 +37,7 @@ TEST_F(ZelpnlMailDomainTest, AddWritesTheCatchAllAndTheLocalHostName) {
                                     {"enabled", true},
                                     {"default_action", "error"},
                                     {"redirect", ""},
+                                    {"quota", 0},
                                     {"mailboxes", 0}}));
   ExpectFiles(kCatchAll, "d.example\n", kDevnull, "");
   EXPECT_EQ(Rows("SELECT name, enabled, def_action FROM email_domain"), "d.example:1:error");
@@ -114,6 +115,7 @@ TEST_F(ZelpnlMailDomainTest, ListAndShow) {
             "owner:          bob\n"
             "state:          active\n"
             "default action: redir_domain e.example\n"
+            "quota:          none\n"
             "mailboxes:      l@d.example\n");
   auto show = Json({"mail", "domain", "show", "d.example"});
   EXPECT_EQ(show["domain"]["mailbox_list"], nlohmann::ordered_json::array({"l@d.example"}));

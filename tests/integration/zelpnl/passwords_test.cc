@@ -180,3 +180,39 @@ TEST_F(ZelpnlPasswordTest, PasswordAndQuotaOutliveASyncWithTheFiles) {
   EXPECT_EQ(Hash("l"), hash);
   EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["quota"], 1LL << 30);
 }
+
+TEST_F(ZelpnlPasswordTest, ADomainsQuotaHoldsForItsMailboxesWithoutOneOfTheirOwn) {
+  Ok({"mail", "domain", "quota", "d.example", "2G"});
+  EXPECT_EQ(Json({"mail", "domain", "show", "d.example"})["domain"]["quota"], 2LL << 30);
+  Ok({"mail", "box", "add", "l@d.example"});
+  Ok({"mail", "box", "add", "m@d.example", "--quota", "100M"});
+  EXPECT_EQ(Json({"mail", "box", "show", "l@d.example"})["mailbox"]["quota_limit"], 2LL << 30);
+  EXPECT_EQ(Json({"mail", "box", "show", "m@d.example"})["mailbox"]["quota_limit"], 100LL << 20);
+  EXPECT_NE(Zel({"mail", "box", "show", "l@d.example"}).out.find("quota:        2G (the domain's)"),
+            std::string::npos);
+  // What the mail store reads: the quota that holds, per mailbox.
+  EXPECT_EQ(Rows("SELECT user, quota FROM mail_user ORDER BY user"),
+            "l@d.example:2147483648|m@d.example:104857600");
+  Ok({"mail", "domain", "quota", "d.example", "0"});
+  EXPECT_EQ(Rows("SELECT user, quota FROM mail_user ORDER BY user"),
+            "l@d.example:0|m@d.example:104857600");
+  EXPECT_EQ(Zel({"mail", "domain", "quota", "d.example", "lots"}).status, 2);
+}
+
+TEST_F(ZelpnlPasswordTest, OnlyMailboxesInServiceWithAPasswordMayLogIn) {
+  for (const char* local : {"a", "b", "c"})
+    ASSERT_EQ(Zel({"mail", "box", "add", std::string(local) + "@d.example", "--password-stdin"},
+                  "password one\n")
+                  .status,
+              0);
+  Ok({"mail", "box", "add", "n@d.example"});
+  Ok({"mail", "box", "set", "b@d.example", "--forward", "x@far.example", "--forward-only", "yes"});
+  Ok({"mail", "box", "suspend", "c@d.example"});
+  EXPECT_EQ(Rows("SELECT user FROM mail_login ORDER BY user"), "a@d.example");
+  Ok({"mail", "box", "resume", "c@d.example"});
+  EXPECT_EQ(Rows("SELECT user FROM mail_login ORDER BY user"), "a@d.example|c@d.example");
+  Ok({"mail", "domain", "suspend", "d.example"});
+  EXPECT_EQ(Rows("SELECT user FROM mail_login ORDER BY user"), "");
+  // Delivery still knows them all but the forward-only one.
+  EXPECT_EQ(Rows("SELECT user FROM mail_user ORDER BY user"), "a@d.example|c@d.example|n@d.example");
+}
