@@ -89,6 +89,27 @@ void CheckAliasFree(pnl_db::Cache& db, const MailDomainRow& domain, const std::s
                          "is already an alias of " + owner + "@" + domain->name.Value());
 }
 
+// Refuses a forward to an address of one of the panel's own mail domains
+// that names no mailbox or alias there: the files would send it to the
+// domain's catch-all, and the mail would bounce or vanish.
+void RefuseUnknownLocalTargets(pnl_db::Cache& db, const std::vector<std::string>& targets) {
+  for (const std::string& target : targets) {
+    if (target.empty() || target[0] == '|' || target[0] == '/') continue;
+    const std::string::size_type at = target.rfind('@');
+    if (at == std::string::npos) continue;
+    const std::string local = target.substr(0, at);
+    const std::string domain_name = target.substr(at + 1);
+    MailDomainRow domain = FindMailDomain(db, domain_name);
+    if (!domain) continue;
+    if (MailboxExists(db, domain->id.Value(), local) ||
+        !AliasOwner(db, domain->id.Value(), local).empty())
+      continue;
+    throw pnl_err::Error(pnl_err::Kind::kUnknown, "forward target " + Quote(target),
+                         "is in the panel's mail domain " + domain_name +
+                             ", which has no such mailbox or alias");
+  }
+}
+
 // Reads a mailbox's aliases and forwards back from the files, after a
 // failure (the failure told is the one that made it run).
 void ReadBackAliases(const Request& request, int64_t id) {
@@ -127,6 +148,7 @@ void AddMailbox(const Request& request, const Address& address, const MailboxCha
     throw pnl_err::Error(pnl_err::Kind::kExists, "mailbox " + Quote(address.Text()),
                          "is an alias of " + owner + "@" + address.domain);
   for (const std::string& alias : changes.add_aliases) CheckAliasFree(db, domain, alias);
+  RefuseUnknownLocalTargets(db, changes.add_forwards);
   const email::MtaInterface::MailboxLeftover leftover =
       request.mta.FindMailboxLeftover(address.local, address.domain);
   if (!leftover.foreign.empty())
@@ -278,6 +300,7 @@ void SetMailbox(const Request& request, const Address& address, const MailboxCha
     if (has(forwards, target))
       throw pnl_err::Error(pnl_err::Kind::kExists, "forward target " + Quote(target),
                            "is already a forward of " + address.Text());
+  RefuseUnknownLocalTargets(db, changes.add_forwards);
   for (const std::string& target : changes.del_forwards)
     if (!has(forwards, target))
       throw pnl_err::Error(pnl_err::Kind::kUnknown, "forward target " + Quote(target),

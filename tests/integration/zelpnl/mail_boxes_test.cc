@@ -311,3 +311,19 @@ TEST_F(ZelpnlMailboxTest, ARowTheCommandLineWouldRefuseIsNeverWrittenIntoTheFile
   EXPECT_EQ(run.status, 1) << run.err;
   Ok({"mail", "domain", "resume", "d.example", "--allow-program-targets"});
 }
+
+TEST_F(ZelpnlMailboxTest, AForwardToAnAddressThatDoesNotExistInAPanelDomainIsRefused) {
+  Ok({"mail", "box", "add", "m@d.example", "--alias", "info"});
+  const auto before = State();
+  zeltest::Result run = Zel({"mail", "box", "add", "l@d.example", "--forward", "nobody@d.example"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err,
+            "error: forward target \"nobody@d.example\": is in the panel's mail domain d.example, "
+            "which has no such mailbox or alias\n");
+  run = Zel({"mail", "box", "set", "m@d.example", "--forward", "Nobody@D.example"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(State(), before);
+  // A mailbox, an alias and an address elsewhere are all fine.
+  Ok({"mail", "box", "add", "l@d.example", "--forward", "m@d.example", "--forward", "info@d.example",
+      "--forward", "someone@far.example"});
+}
