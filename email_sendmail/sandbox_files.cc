@@ -168,8 +168,12 @@ email::SandboxPart SandboxFiles::Write(const email::SandboxRequest& request,
         (request.with_ipv6 ? " [::1]:" + port : std::string()) + "\n"
         "stack_sendmail_queue = /usr/sbin/sendmail -C " + d + "/sendmail.cf -bp\n";
   }
+  // The responder runs as the mail user: it hands each answer to sendmail,
+  // which sends it at once through the smart host (an unprivileged sendmail
+  // cannot use the root-owned queue), and keeps one that cannot go now in
+  // answers_dir, the mail user's own.
   part.answer_command = "/usr/sbin/sendmail " + (with_cf ? "-C " + d + "/sendmail.cf " : "") +
-                        "-odq -oi -OQueueDirectory=" + answers_dir;
+                        "-odi -oi -OQueueDirectory=" + answers_dir;
   part.json = {{"sendmail_cf", with_cf ? std::optional<std::string>(d + "/sendmail.cf")
                                        : std::nullopt}};
   part.text = {{"sendmail files", d + "/{local-host-names,virtusertable,aliases,access}"},

@@ -22,7 +22,7 @@ void Init(Host& host, const Output& out, const SandboxOptions& options) {
       {"configuration", s.config}, {"database", s.database + " (user \"" + s.admin + "\")"}};
   fields.insert(fields.end(), s.mail.text.begin(), s.mail.text.end());
   fields.insert(fields.end(), s.store.text.begin(), s.store.text.end());
-  fields.push_back({"responder", s.responder_conf + " (answers queued in " + s.answers + ")"});
+  fields.push_back({"responder", s.responder_conf + " (answers that cannot go at once wait in " + s.answers + ")"});
   out.Print({{"sandbox", sandbox}}, "sandbox ready in " + s.dir + "\n" + Fields(fields) +
                                         "use it with: export ZELPNL_CONF=" + s.config + "\n");
 }

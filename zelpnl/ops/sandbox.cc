@@ -141,7 +141,8 @@ std::string ResponderConfig(const SandboxSetUp& s) {
          "[paths]\n"
          "responder-settings = " + s.dir + "/responder\n"
          "responder-memory = " + s.dir + "/responder-memory/sent.db\n"
-         "# Answers are queued in " + s.answers + " and never sent on.\n"
+         "# Answers go out at once through the sandbox's smart host; one that cannot\n"
+         "# waits in " + s.answers + ".\n"
          "responder-sendmail = " + s.mail.answer_command + "\n";
 }
 

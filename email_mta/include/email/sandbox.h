@@ -46,8 +46,8 @@ struct SandboxPart {
   // optionally stack_NAME_queue (the command that lists its queue).
   std::string service;
   std::string paths;   // lines of its [paths] section
-  // The command the responder submits its answers with, queueing them in
-  // answers_dir (never sent on: the sandbox sends no mail out).
+  // The command the responder submits its answers with (as the mail user);
+  // an answer that cannot go at once waits in answers_dir.
   std::string answer_command;
   // The report's entries: JSON members (no value: not made) ...
   std::vector<std::pair<std::string, std::optional<std::string>>> json;

@@ -1,8 +1,9 @@
 // A message delivered by a sandbox's real sendmail to a mailbox whose
 // responder is on: sendmail pipes it to zelpnl-responder through the
 // mailbox's aliases entry, as its default user (the mail user, from the
-// sandbox's sendmail.mc), and the answer lands in the sandbox's answer
-// queue, owned by that user ("-odq": queued only, never sent on).
+// sandbox's sendmail.mc), and the answer goes to the sandbox's smart host;
+// nothing listens there in these tests, so it waits in the sandbox's
+// answer queue, owned by that user.
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>

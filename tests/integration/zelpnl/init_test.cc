@@ -97,7 +97,8 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
 
 // The responder runs as sendmail's default user and reads nothing of the
 // panel's: its own configuration names its settings, its memory, its log
-// and its send command (answers queued in the sandbox, never sent on).
+// and its send command (answers sent at once through the sandbox's smart
+// host, kept in the sandbox when they cannot go).
 TEST_F(ZelpnlTest, InitWritesTheRespondersOwnConfiguration) {
   const std::string d = Dir();
   EXPECT_EQ(File("responder.conf"),
@@ -108,10 +109,11 @@ TEST_F(ZelpnlTest, InitWritesTheRespondersOwnConfiguration) {
             "[paths]\n"
             "responder-settings = " + d + "/responder\n"
             "responder-memory = " + d + "/responder-memory/sent.db\n"
-            "# Answers are queued in " + d + "/answers and never sent on.\n"
+            "# Answers go out at once through the sandbox's smart host; one that cannot\n"
+            "# waits in " + d + "/answers.\n"
             "responder-sendmail = /usr/sbin/sendmail " +
                 (kHaveCf ? "-C " + d + "/sendmail.cf " : std::string()) +
-                "-odq -oi -OQueueDirectory=" + d + "/answers\n");
+                "-odi -oi -OQueueDirectory=" + d + "/answers\n");
   EXPECT_EQ(File("responder.log"), "");
   EXPECT_TRUE(std::filesystem::is_directory(Path("responder")));
   EXPECT_TRUE(std::filesystem::is_directory(Path("responder-memory")));
