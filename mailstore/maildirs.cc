@@ -46,6 +46,10 @@ std::uint64_t Maildirs::Usage(const std::string& domain, const std::string& loca
   std::error_code ec;
   fs::recursive_directory_iterator it(Home(domain, local), ec), end;
   for (; !ec && it != end; it.increment(ec)) {
+    // Messages only: the files of a folder's cur, new and tmp, not the mail
+    // store's indexes beside them.
+    const std::string parent = it->path().parent_path().filename().string();
+    if (parent != "cur" && parent != "new" && parent != "tmp") continue;
     std::error_code size_ec;
     if (it->is_regular_file(size_ec)) {
       const std::uintmax_t size = it->file_size(size_ec);

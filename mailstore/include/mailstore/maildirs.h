@@ -25,8 +25,9 @@ class Maildirs {
   bool Kept() const { return !root_.empty(); }
   std::string Home(const std::string& domain, const std::string& local) const;
 
-  // The bytes the mailbox's messages take (the files below its home), 0
-  // when it has none. Never throws: a file that vanishes counts nothing.
+  // The bytes the mailbox's messages take (the files in the cur, new and
+  // tmp folders below its home; not the mail store's indexes), 0 when it
+  // has none. Never throws: a file that vanishes counts nothing.
   std::uint64_t Usage(const std::string& domain, const std::string& local) const;
 
   // The mailbox's (or the whole domain's) mail archived or removed; returns

@@ -41,6 +41,8 @@ TEST_F(MaildirsTest, UsageIsTheBytesOfTheMailboxsFiles) {
   Message("d.example", "l", "1", 100);
   Message("d.example", "l", "2", 23);
   Message("d.example", "other", "1", 5000);
+  // The mail store's own files beside the messages count nothing.
+  std::ofstream(dir_ + "/mail/d.example/l/Maildir/dovecot.index.log") << std::string(999, 'i');
   EXPECT_EQ(maildirs_->Usage("d.example", "l"), 123u);
 }
 
