@@ -4,10 +4,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 
 #include "zelapi/err.h"
 #include "zelapi/file.h"
+#include "zelapi/hash.h"
 
 namespace fs = std::filesystem;
 
@@ -44,8 +46,15 @@ void MakeFolder(const std::string& path, unsigned uid, unsigned gid, unsigned mo
 
 }  // namespace
 
+std::string DovecotRunDir(const std::string& dir) {
+  char id[17];
+  std::snprintf(id, sizeof id, "%016llx",
+                static_cast<unsigned long long>(pnl_hash::Hash64(dir)));
+  return std::string("/run/zelpnl/") + id;
+}
+
 std::vector<std::string> DovecotSandboxFiles() {
-  return {"dovecot.conf", "dovecot-sql.conf.ext", "mail", "mail-archive", "run", "state"};
+  return {"dovecot.conf", "dovecot-sql.conf.ext", "mail", "mail-archive", "state"};
 }
 
 std::string DovecotSqlConfig(const std::string& database) {
@@ -70,7 +79,9 @@ std::string DovecotConfig(const DovecotSandboxRequest& r, unsigned uid, unsigned
          "# runs it as: " + std::string(kDovecot) + " -c " + d + "/dovecot.conf\n"
          "# Nothing else is read: every path below is the sandbox's own.\n"
          "instance_name = zelpnl-sandbox\n"
-         "base_dir = " + d + "/run\n"
+         "# Its sockets: a unix socket's path holds at most 107 bytes, so they live\n"
+         "# in a short folder of their own, named after the sandbox's.\n"
+         "base_dir = " + DovecotRunDir(d) + "\n"
          "state_dir = " + d + "/state\n"
          "log_path = " + d + "/log/dovecot.log\n"
          "info_log_path = " + d + "/log/dovecot.log\n"
@@ -152,11 +163,10 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
   Own(d + "/dovecot-sql.conf.ext", ::geteuid(), dovecot_gid, 0640);
   MakeFolder(d + "/mail", mail.uid, mail.gid, 0750);
   MakeFolder(d + "/mail-archive", ::geteuid(), ::getegid(), 0700);
-  MakeFolder(d + "/run", ::geteuid(), ::getegid(), 0755);
   MakeFolder(d + "/state", ::geteuid(), ::getegid(), 0750);
 
   DovecotSandbox out;
-  out.lmtp_socket = d + "/run/lmtp";
+  out.lmtp_socket = DovecotRunDir(d) + "/lmtp";
   out.mail_root = d + "/mail";
   const std::string port = std::to_string(r.imap_port);
   out.service = "dovecot";
@@ -164,7 +174,7 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
                "mail_archive = " + d + "/mail-archive\n"
                "doveadm = " + std::string(kDoveadm) + " -c " + d + "/dovecot.conf\n"
                "stack_dovecot_start = " + std::string(kDovecot) + " -c " + d + "/dovecot.conf\n"
-               "stack_dovecot_pid = " + d + "/run/master.pid\n"
+               "stack_dovecot_pid = " + DovecotRunDir(d) + "/master.pid\n"
                "stack_dovecot_listen = 127.0.0.1:" + port +
                (r.with_ipv6 ? " [::1]:" + port : std::string()) + "\n"
                "stack_dovecot_log = " + d + "/log/dovecot.log\n"

@@ -54,6 +54,7 @@ int Spawn(const std::string& program, const std::vector<std::string>& argv,
   actions.Wire(options.in, STDIN_FILENO);
   actions.Wire(options.out, STDOUT_FILENO);
   actions.Wire(options.err, STDERR_FILENO);
+  if (options.close_others) ::posix_spawn_file_actions_addclosefrom_np(actions.get(), 3);
 
   SpawnAttributes attributes;
   if (options.signals != SpawnOptions::Signals::kAsOurs) {

@@ -1,9 +1,13 @@
 #include "stack.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,8 +16,10 @@
 #include "validation.h"
 #include "zelapi/cf.h"
 #include "zelapi/err.h"
+#include "zelapi/fd.h"
 #include "zelapi/net.h"
 #include "zelapi/proc.h"
+#include "zelapi/spawn.h"
 #include "zelapi/str.h"
 
 namespace fs = std::filesystem;
@@ -85,12 +91,23 @@ bool Accepting(const std::string& address) {
   return pnl_net::Accepts(host, port, 200);
 }
 
+// Whether pid runs. A process that has ended but was not reaped yet (its
+// parent is init, and not every init reaps at once) counts as ended.
+bool Alive(int pid) {
+  if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const std::string::size_type end = text.rfind(')');
+  return end == std::string::npos || end + 2 >= text.size() || text[end + 2] != 'Z';
+}
+
 // The pid the service's pid file names when that process runs the
 // service's program; 0 otherwise.
 int RunningPid(const Service& s) {
   std::ifstream in(s.pid_file);
   long pid = 0;
   if (!(in >> pid) || pid <= 1) return 0;
+  if (!Alive(static_cast<int>(pid))) return 0;
   std::error_code ec;
   const fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec);
   if (ec) return 0;
@@ -99,7 +116,6 @@ int RunningPid(const Service& s) {
   return static_cast<int>(pid);
 }
 
-bool Alive(int pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM); }
 
 std::string LogTail(const Service& s) {
   std::ifstream in(s.log, std::ios::binary);
@@ -143,13 +159,28 @@ void Start(const Service& s) {
       throw pnl_err::Error(pnl_err::Kind::kConflict, s.name,
                            "another program listens on " + address +
                                " already; stop it, or make a new sandbox (it gets free ports)");
-  // The daemon leaves the shell at once; its output goes to its log, never
-  // to a pipe it would hold open.
-  pnl_proc::Execute run(s.start + " </dev/null >>" + str::ShellWord(s.log) + " 2>&1", 0);
-  if (run.Result() != 0)
+  // The daemon leaves the shell at once. Its output goes to its log, and
+  // it keeps no descriptor of ours: a pipe our caller reads would stay open
+  // for as long as the daemon runs.
+  pnl_file::Fd log(::open(s.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640));
+  if (!log.open())
+    throw pnl_err::Error(pnl_err::Kind::kFile, s.log, std::string("cannot open: ") + std::strerror(errno));
+  pnl_proc::SpawnOptions options;
+  options.out = log.get();
+  options.err = log.get();
+  options.close_others = true;
+  options.signals = pnl_proc::SpawnOptions::Signals::kNoneBlockedAllDefault;
+  pid_t shell = 0;
+  if (const int error = pnl_proc::Spawn("/bin/sh", {"sh", "-c", s.start}, options, shell); error != 0)
+    throw pnl_err::Error(pnl_err::Kind::kProc, s.name, "cannot start \"" + s.start + "\": " +
+                                                       std::strerror(error));
+  int wait_status = 0;
+  while (::waitpid(shell, &wait_status, 0) < 0 && errno == EINTR) {
+  }
+  if (const int status = pnl_proc::ExitStatus(wait_status); status != 0)
     throw pnl_err::Error(pnl_err::Kind::kProc, s.name,
-                         "\"" + s.start + "\" failed with status " + std::to_string(run.Result()) +
-                             "; " + LogTail(s));
+                         "\"" + s.start + "\" failed with status " + std::to_string(status) + "; " +
+                             LogTail(s));
   if (!WaitFor([&] { return Up(s); }))
     throw pnl_err::Error(pnl_err::Kind::kProc, s.name,
                          "did not come up within " + std::to_string(kWait.count()) +

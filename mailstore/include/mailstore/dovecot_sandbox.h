@@ -39,6 +39,10 @@ std::vector<std::string> DovecotSandboxFiles();
 // the folders Dovecot runs in. Throws pnl_err::Error naming what failed.
 DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& request);
 
+// Where the sandbox dir's Dovecot keeps its sockets and pid file:
+// /run/zelpnl/ and 16 hex digits of the folder's hash (Dovecot makes it).
+std::string DovecotRunDir(const std::string& dir);
+
 // The configuration text itself (for tests and for a reader).
 std::string DovecotConfig(const DovecotSandboxRequest& request, unsigned mail_uid,
                           unsigned mail_gid);

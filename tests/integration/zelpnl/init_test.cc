@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "mailstore/dovecot_sandbox.h"
 #include "zelapi/net.h"
 #include "zelpnl_fixture.h"
 
@@ -73,7 +74,7 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "mail_archive = " + d + "/mail-archive\n"
       "doveadm = /usr/bin/doveadm -c " + d + "/dovecot.conf\n"
       "stack_dovecot_start = /usr/sbin/dovecot -c " + d + "/dovecot.conf\n"
-      "stack_dovecot_pid = " + d + "/run/master.pid\n"
+      "stack_dovecot_pid = " + mailstore::DovecotRunDir(d) + "/master.pid\n"
       "stack_dovecot_listen = 127.0.0.1:" + imap + (v6 ? " [::1]:" + imap : "") + "\n"
       "stack_dovecot_log = " + d + "/log/dovecot.log\n"
       "stack_dovecot_hup = rereads\n"

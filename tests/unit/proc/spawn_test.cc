@@ -134,3 +134,18 @@ TEST(ExitStatusTest, ExitCodeOrSignalPlus128) {
   EXPECT_EQ(pnl_proc::ExitStatus(SIGKILL), 128 + SIGKILL);
   EXPECT_EQ(pnl_proc::ExitStatus(0x137f), 127);  // stopped by SIGSTOP
 }
+
+TEST(SpawnTest, ADaemonsChildKeepsNoDescriptorAboveTwoWhenAsked) {
+  // A descriptor without close-on-exec, as a caller's inherited pipe is.
+  int open_fd = ::open("/dev/null", O_RDONLY);
+  ASSERT_GE(open_fd, 3);
+  const std::string probe = "/proc/self/fd/" + std::to_string(open_fd);
+  int status = -1;
+  RunCollecting({"/usr/bin/test", "-e", probe}, {}, &status);
+  EXPECT_EQ(status, 0) << "inherited without the option";
+  pnl_proc::SpawnOptions options;
+  options.close_others = true;
+  RunCollecting({"/usr/bin/test", "-e", probe}, options, &status);
+  EXPECT_EQ(status, 1) << "still open with the option";
+  ::close(open_fd);
+}

@@ -37,6 +37,10 @@ struct SpawnOptions {
     kNoneBlockedAllDefault,  // nothing blocked, every disposition the default
   };
   Signals signals = Signals::kAsOurs;
+  // Every descriptor above 2 closed in the child, close-on-exec or not: for
+  // a daemon, which must hold nothing of the process that started it (a
+  // pipe it kept open would keep that process's reader waiting).
+  bool close_others = false;
 };
 
 // Starts program (a path, not searched) with argv (argv[0] included).
