@@ -1,10 +1,10 @@
 """Domains and mailboxes changing while the daemon runs."""
 
+import glob
+import os
 import unittest
 
 import harness
-
-
 
 D = "life.example"
 NEW = "newcomer.example"
@@ -39,18 +39,20 @@ class LifeCycle(harness.StackTestCase):
         ok, answer = self.sandbox.imap_login("again@" + D, "old password")
         self.assertFalse(ok, answer)
 
-    # the mail of a deleted mailbox is kept in place today
-    @unittest.expectedFailure
     def test_a_mailbox_re_added_does_not_show_the_old_mail(self):
         bodies = self._deleted_and_added_again()
         self.assertEqual([b for b in bodies if b"for the first owner" in b], [])
+        # The old mail is kept in the mail archive, out of the new owner's reach.
+        archived = glob.glob(os.path.join(self.sandbox.dir, "mail-archive", D, "again.*",
+                                          "Maildir", "new", "*"))
+        self.assertEqual(len(archived), 1, archived)
 
     _again = None
 
     def _deleted_and_added_again(self):
         """Runs the deletion and the new start once for both tests above, and
         returns what the new owner fetches. Each step is checked here, so
-        that the expected failure can only be the old mail's."""
+        that a failure of the test above can only be the old mail's."""
         cls = type(self)
         if cls._again is not None:
             return cls._again
