@@ -2,7 +2,11 @@
 // input, a file or the terminal, never from the command line; it is stored
 // only as a hash the mail server verifies, and shown, logged or printed
 // nowhere.
+#include <poll.h>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -215,4 +219,69 @@ TEST_F(ZelpnlPasswordTest, OnlyMailboxesInServiceWithAPasswordMayLogIn) {
   EXPECT_EQ(Rows("SELECT user FROM mail_login ORDER BY user"), "");
   // Delivery still knows them all but the forward-only one.
   EXPECT_EQ(Rows("SELECT user FROM mail_user ORDER BY user"), "a@d.example|c@d.example|n@d.example");
+}
+
+namespace {
+
+// Runs zelpnl args on a terminal of its own (forkpty: the terminal is its
+// controlling one, as an administrator's is) and answers each prompt that
+// appears with the next of answers. Returns the exit status and what the
+// terminal showed. Every wait is bounded.
+std::pair<int, std::string> OnTerminal(const std::vector<std::string>& args,
+                                       const std::vector<std::string>& answers) {
+  std::vector<char*> argv;
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  int master = -1;
+  const pid_t pid = ::forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+  std::string shown;
+  size_t answered = 0;
+  for (int rounds = 0; rounds < 100; ++rounds) {
+    pollfd p{master, POLLIN, 0};
+    if (::poll(&p, 1, 100) <= 0) {
+      if (::waitpid(pid, nullptr, WNOHANG) != 0) break;
+      continue;
+    }
+    char buffer[512];
+    const ssize_t n = ::read(master, buffer, sizeof buffer);
+    if (n <= 0) break;
+    shown.append(buffer, static_cast<size_t>(n));
+    const size_t prompts = (shown.find("New password: ") != std::string::npos ? 1 : 0) +
+                           (shown.find("Again: ") != std::string::npos ? 1 : 0);
+    while (answered < prompts && answered < answers.size()) {
+      const std::string line = answers[answered++] + "\n";
+      if (::write(master, line.data(), line.size()) < 0) break;
+    }
+  }
+  int status = 0;
+  for (int i = 0; i < 50 && ::waitpid(pid, &status, WNOHANG) == 0; ++i) ::usleep(100000);
+  ::close(master);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, shown};
+}
+
+}  // namespace
+
+TEST_F(ZelpnlPasswordTest, ThePromptAsksTwiceWithoutEchoAndStoresOnlyTheHash) {
+  const std::string zelpnl = zeltest::OurProgram("zelpnl");
+  const auto [status, shown] = OnTerminal(
+      {zelpnl, "--config", Config(), "mail", "box", "add", "l@d.example", "--password"},
+      {"typed on the terminal", "typed on the terminal"});
+  EXPECT_EQ(status, 0) << shown;
+  EXPECT_NE(shown.find("New password: "), std::string::npos) << shown;
+  EXPECT_EQ(shown.find("typed on the terminal"), std::string::npos) << "echoed: " << shown;
+  EXPECT_TRUE(pnl_password::Verify(Hash("l"), "typed on the terminal"));
+}
+
+TEST_F(ZelpnlPasswordTest, TwoDifferentAnswersAtThePromptChangeNothing) {
+  const std::string zelpnl = zeltest::OurProgram("zelpnl");
+  const auto [status, shown] = OnTerminal(
+      {zelpnl, "--config", Config(), "mail", "box", "add", "l@d.example", "--password"},
+      {"first answer here", "second answer here"});
+  EXPECT_EQ(status, 2) << shown;
+  EXPECT_NE(shown.find("error: password: the two answers differ"), std::string::npos) << shown;
+  EXPECT_EQ(Count("email"), 0);
 }
