@@ -63,10 +63,11 @@ std::string DovecotSqlConfig(const std::string& database) {
          "driver = sqlite\n"
          "connect = " + database + "\n"
          "# Who may log in now: a mailbox with a password, in service, keeping mail.\n"
-         "password_query = SELECT user, password FROM mail_login WHERE user = '%u'\n"
+         "# Asked by domain and local part, which the database finds by its indexes.\n"
+         "password_query = SELECT user, password FROM mail_login WHERE domain = '%d' AND local = '%n'\n"
          "# Where mail is delivered: every mailbox that keeps mail, with its quota\n"
          "# (bytes, 0 for none). The MTA refuses a suspended mailbox's mail itself.\n"
-         "user_query = SELECT '*:bytes=' || quota AS quota_rule FROM mail_user WHERE user = '%u'\n"
+         "user_query = SELECT '*:bytes=' || quota AS quota_rule FROM mail_user WHERE domain = '%d' AND local = '%n'\n"
          "iterate_query = SELECT user FROM mail_user\n";
 }
 

@@ -151,7 +151,9 @@ DELETE FROM file_state;
 // that receives its postmaster and abuse mail ("" for the server's
 // administrator). The two views are the mail server's way into the
 // database, a supported interface: its queries name them and nothing else,
-// so the tables can change while the views keep their columns.
+// so the tables can change while the views keep their columns. Ask them by
+// domain and local (the columns' own indexes answer that); the user column
+// is computed, and a lookup by it reads every mailbox.
 //   mail_login: who may log in now, with the hash: mailboxes with a
 //     password, in service (neither they nor their domain suspended) and
 //     keeping mail (not forward-only).
@@ -164,7 +166,8 @@ ALTER TABLE email_domain ADD COLUMN quota INTEGER NOT NULL DEFAULT 0 CHECK (quot
 ALTER TABLE email_domain ADD COLUMN postmaster TEXT NOT NULL DEFAULT '';
 
 CREATE VIEW mail_login AS
-  SELECT e.name || '@' || d.name AS user, e.password AS password
+  SELECT e.name || '@' || d.name AS user, d.name AS domain, e.name AS local,
+         e.password AS password
   FROM email e JOIN email_domain d ON d.id = e.domain
   WHERE e.enabled = 1 AND d.enabled = 1 AND e.forward_only = 0 AND e.password <> '';
 

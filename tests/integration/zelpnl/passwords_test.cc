@@ -203,6 +203,15 @@ TEST_F(ZelpnlPasswordTest, ADomainsQuotaHoldsForItsMailboxesWithoutOneOfTheirOwn
   EXPECT_EQ(Zel({"mail", "domain", "quota", "d.example", "lots"}).status, 2);
 }
 
+TEST_F(ZelpnlPasswordTest, TheMailStoresLookupsAreAnsweredByIndexesNotByReadingEveryMailbox) {
+  for (const char* view : {"mail_login", "mail_user"}) {
+    const std::string plan = Rows(std::string("EXPLAIN QUERY PLAN SELECT * FROM ") + view +
+                                  " WHERE domain = 'd.example' AND local = 'l'");
+    EXPECT_EQ(plan.find("SCAN"), std::string::npos) << view << ": " << plan;
+    EXPECT_NE(plan.find("USING"), std::string::npos) << view << ": " << plan;
+  }
+}
+
 TEST_F(ZelpnlPasswordTest, OnlyMailboxesInServiceWithAPasswordMayLogIn) {
   for (const char* local : {"a", "b", "c"})
     ASSERT_EQ(Zel({"mail", "box", "add", std::string(local) + "@d.example", "--password-stdin"},

@@ -109,7 +109,8 @@ TEST_F(ZelpnlStackTest, APortAnotherProgramHoldsStopsTheStartAndNothingIsLeftRun
             std::string::npos)
       << run.err;
   // Dovecot, started first, was stopped again.
-  for (const auto& service : Status()["services"]) EXPECT_EQ(service["running"], false) << service;
+  const auto services = Status()["services"];
+  for (const auto& service : services) EXPECT_EQ(service["running"], false) << service;
 }
 
 TEST_F(ZelpnlStackTest, AnUnknownServiceIsRefused) {

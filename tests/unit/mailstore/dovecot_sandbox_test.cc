@@ -37,7 +37,7 @@ TEST(DovecotSandboxTest, DovecotReadsTheConfigurationWithoutAComplaint) {
 
 TEST(DovecotSandboxTest, TheQueriesReadOnlyThePanelsViews) {
   const std::string sql = mailstore::DovecotSqlConfig("/srv/panel.db");
-  EXPECT_NE(sql.find("FROM mail_login WHERE user = '%u'"), std::string::npos);
-  EXPECT_NE(sql.find("FROM mail_user WHERE user = '%u'"), std::string::npos);
+  EXPECT_NE(sql.find("FROM mail_login WHERE domain = '%d' AND local = '%n'"), std::string::npos);
+  EXPECT_NE(sql.find("FROM mail_user WHERE domain = '%d' AND local = '%n'"), std::string::npos);
   EXPECT_EQ(sql.find("FROM email"), std::string::npos);
 }
