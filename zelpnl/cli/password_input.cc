@@ -28,10 +28,10 @@ std::string FirstLine(std::istream& in, const std::string& where) {
   return line;
 }
 
-// One line read from the terminal with echo off, echo restored after.
+// One line read from the terminal with echo off, echo restored after. Echo
+// goes off before the question is shown: an answer typed as soon as it
+// appears is never echoed, and what was typed before it is discarded.
 std::string AskTerminal(int tty, const char* question) {
-  if (::write(tty, question, std::char_traits<char>::length(question)) < 0)
-    Refuse("cannot write to the terminal");
   termios old_mode{};
   if (::tcgetattr(tty, &old_mode) != 0) Refuse("cannot set the terminal");
   termios quiet = old_mode;
@@ -39,10 +39,12 @@ std::string AskTerminal(int tty, const char* question) {
   quiet.c_lflag |= ECHONL;
   if (::tcsetattr(tty, TCSAFLUSH, &quiet) != 0) Refuse("cannot set the terminal");
   std::string line;
-  char c = 0;
   ssize_t n = 0;
-  while ((n = ::read(tty, &c, 1)) == 1 && c != '\n') line += c;
-  ::tcsetattr(tty, TCSAFLUSH, &old_mode);
+  if (::write(tty, question, std::char_traits<char>::length(question)) >= 0) {
+    char c = 0;
+    while ((n = ::read(tty, &c, 1)) == 1 && c != '\n') line += c;
+  }
+  ::tcsetattr(tty, TCSANOW, &old_mode);
   if (n != 1) Refuse("no answer on the terminal");
   if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;

@@ -3,6 +3,7 @@
 // only as a hash the mail server verifies, and shown, logged or printed
 // nowhere.
 #include <poll.h>
+#include <signal.h>
 #include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -267,8 +268,15 @@ std::pair<int, std::string> OnTerminal(const std::vector<std::string>& args,
     }
   }
   int status = 0;
-  for (int i = 0; i < 50 && ::waitpid(pid, &status, WNOHANG) == 0; ++i) ::usleep(100000);
+  pid_t done = 0;
+  for (int i = 0; i < 50 && (done = ::waitpid(pid, &status, WNOHANG)) == 0; ++i) ::usleep(100000);
   ::close(master);
+  if (done != pid) {
+    // Still waiting for an answer: a failure, whatever it would have said.
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, &status, 0);
+    return {-1, shown};
+  }
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, shown};
 }
 
