@@ -176,6 +176,7 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
                "doveadm = " + std::string(kDoveadm) + " -c " + d + "/dovecot.conf\n"
                "stack_dovecot_start = " + std::string(kDovecot) + " -c " + d + "/dovecot.conf\n"
                "stack_dovecot_pid = " + DovecotRunDir(d) + "/master.pid\n"
+               "stack_dovecot_rundir = " + DovecotRunDir(d) + "\n"
                "stack_dovecot_listen = 127.0.0.1:" + port +
                (r.with_ipv6 ? " [::1]:" + port : std::string()) + "\n"
                "stack_dovecot_log = " + d + "/log/dovecot.log\n"

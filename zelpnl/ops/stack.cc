@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -40,6 +41,7 @@ struct Service {
   std::string log;
   bool hup_restarts = false;  // SIGHUP runs it anew under a new pid
   std::string queue;          // lists its queue ("" for none)
+  std::string run_dir;        // made by it while it runs, removed once it stopped ("" for none)
 };
 
 std::string Param(const std::string& service, const std::string& key, bool required) {
@@ -69,6 +71,13 @@ std::vector<Service> Services() {
     s.log = Param(name, "log", true);
     s.hup_restarts = Param(name, "hup", false) == "restarts";
     s.queue = Param(name, "queue", false);
+    s.run_dir = Param(name, "rundir", false);
+    if (!s.run_dir.empty() && (s.run_dir[0] != '/' || fs::path(s.run_dir).lexically_normal() !=
+                                                          fs::path(s.run_dir) ||
+                               std::count(s.run_dir.begin(), s.run_dir.end(), '/') < 2))
+      throw pnl_err::Error(pnl_err::Kind::kConf, "stack",
+                           "\"stack_" + name + "_rundir\" must be an absolute folder below "
+                           "another one, written plainly: " + s.run_dir);
     services.push_back(std::move(s));
   }
   if (services.empty())
@@ -187,15 +196,24 @@ void Start(const Service& s) {
                              " seconds (\"" + s.start + "\"); " + LogTail(s));
 }
 
+// The folder a stopped service ran in (its sockets): nothing keeps it.
+void RemoveRunDir(const Service& s) {
+  if (s.run_dir.empty()) return;
+  std::error_code ec;
+  fs::remove_all(s.run_dir, ec);
+}
+
 void Stop(const Service& s) {
   const int pid = RunningPid(s);
-  if (pid == 0) return;
+  if (pid == 0) return RemoveRunDir(s);
   ::kill(pid, SIGTERM);
-  if (WaitFor([&] { return !Alive(pid); })) return;
-  ::kill(pid, SIGKILL);
-  if (!WaitFor([&] { return !Alive(pid); }))
-    throw pnl_err::Error(pnl_err::Kind::kProc, s.name,
-                         "process " + std::to_string(pid) + " does not stop, even when killed");
+  if (!WaitFor([&] { return !Alive(pid); })) {
+    ::kill(pid, SIGKILL);
+    if (!WaitFor([&] { return !Alive(pid); }))
+      throw pnl_err::Error(pnl_err::Kind::kProc, s.name,
+                           "process " + std::to_string(pid) + " does not stop, even when killed");
+  }
+  RemoveRunDir(s);
 }
 
 void Reload(const Service& s) {

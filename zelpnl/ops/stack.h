@@ -1,7 +1,8 @@
 // zelpnl stack: the sandbox's mail stack (the mail store and the MTA's
 // daemon) started, stopped, reloaded and looked at. What runs is what the
 // configuration describes (stack_services, and for each service NAME:
-// stack_NAME_start, _pid, _listen, _log, _hup, optionally _queue), as the
+// stack_NAME_start, _pid, _listen, _log, _hup, optionally _queue and
+// _rundir, a folder it makes while it runs and stop removes), as the
 // sandbox's set-up wrote it; the host knows no server by name.
 //
 // Every server binds only the loopback addresses of its _listen setting.

@@ -75,6 +75,7 @@ TEST_F(ZelpnlTest, InitWritesAConfigurationWhosePathsPointIntoTheFolder) {
       "doveadm = /usr/bin/doveadm -c " + d + "/dovecot.conf\n"
       "stack_dovecot_start = /usr/sbin/dovecot -c " + d + "/dovecot.conf\n"
       "stack_dovecot_pid = " + mailstore::DovecotRunDir(d) + "/master.pid\n"
+      "stack_dovecot_rundir = " + mailstore::DovecotRunDir(d) + "\n"
       "stack_dovecot_listen = 127.0.0.1:" + imap + (v6 ? " [::1]:" + imap : "") + "\n"
       "stack_dovecot_log = " + d + "/log/dovecot.log\n"
       "stack_dovecot_hup = rereads\n"

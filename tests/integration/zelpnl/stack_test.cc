@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
+#include "mailstore/dovecot_sandbox.h"
 #include "zelapi/net.h"
 #include "zelpnl_fixture.h"
 
@@ -66,6 +68,9 @@ TEST_F(ZelpnlStackTest, StartRunsBothServersOnLoopbackAndStopLeavesNothingRunnin
   for (int pid : pids) EXPECT_FALSE(Alive(pid)) << pid;
   for (const auto& service : started)
     EXPECT_FALSE(pnl_net::Accepts("127.0.0.1", Port(service), 200)) << service;
+  // The mail store's socket folder goes with it.
+  const std::string run_dir = mailstore::DovecotRunDir(Dir());
+  EXPECT_FALSE(std::filesystem::exists(run_dir)) << run_dir;
 }
 
 TEST_F(ZelpnlStackTest, ANewDomainReloadsTheRunningDaemonAndItListensAgainAtOnce) {
@@ -131,4 +136,16 @@ TEST_F(ZelpnlStackTest, TheStackIsNoBatchLine) {
   const zeltest::Result run = Zel({"batch", "-"}, "stack start\n");
   EXPECT_EQ(run.status, 2);
   EXPECT_EQ(Status()["services"][0]["running"], false);
+}
+
+TEST_F(ZelpnlStackTest, ARunFolderThatIsNoPlainFolderBelowAnotherIsRefusedNotRemoved) {
+  for (const char* bad : {"/", "/run", "run/zelpnl/x", "/run/zelpnl/../.."}) {
+    SetConfig("stack_dovecot_rundir", bad);
+    const zeltest::Result run = Zel({"stack", "stop"});
+    EXPECT_EQ(run.status, 1) << bad;
+    EXPECT_NE(run.err.find("\"stack_dovecot_rundir\" must be an absolute folder below another one"),
+              std::string::npos)
+        << run.err;
+  }
+  EXPECT_TRUE(std::filesystem::is_directory("/run"));
 }
