@@ -33,15 +33,9 @@ Ids MailUserIds(const std::string& user) {
   return {pw->pw_uid, pw->pw_gid};
 }
 
-void Own(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
-  if (::geteuid() == 0 && ::chown(path.c_str(), uid, gid) != 0)
-    throw pnl_err::Error(pnl_err::Kind::kInit, path, "cannot change its owner");
-  fs::permissions(path, fs::perms(mode));
-}
-
 void MakeFolder(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
   fs::create_directory(path);
-  Own(path, uid, gid, mode);
+  pnl_file::GiveTo(path, uid, gid, mode);
 }
 
 }  // namespace
@@ -161,7 +155,7 @@ DovecotSandbox WriteDovecotSandbox(const DovecotSandboxRequest& r) {
   pnl_file::WriteNewFile(d + "/dovecot.conf", DovecotConfig(r, mail.uid, mail.gid), 0644);
   // The queries name the database; Dovecot's processes read them.
   pnl_file::WriteNewFile(d + "/dovecot-sql.conf.ext", DovecotSqlConfig(r.database), 0640);
-  Own(d + "/dovecot-sql.conf.ext", ::geteuid(), dovecot_gid, 0640);
+  pnl_file::GiveTo(d + "/dovecot-sql.conf.ext", ::geteuid(), dovecot_gid, 0640);
   MakeFolder(d + "/mail", mail.uid, mail.gid, 0750);
   MakeFolder(d + "/mail-archive", ::geteuid(), ::getegid(), 0700);
   MakeFolder(d + "/state", ::geteuid(), ::getegid(), 0750);

@@ -78,6 +78,12 @@ run_setup
 grep -q '^apt-get update' <<<"$calls" || fail "install with an existing policy: apt-get update not run"
 grep -q '^apt-get install -y -qq --no-install-recommends build-essential .*sendmail-bin sendmail-cf m4' <<<"$calls" ||
   fail "install with an existing policy: apt-get install did not get the missing packages: $calls"
+# The mail stack's packages: Dovecot with IMAP, LMTP and its SQLite driver,
+# libsodium for the password hashes, and python3 for the end-to-end suite.
+for package in dovecot-core dovecot-imapd dovecot-lmtpd dovecot-sqlite libsodium-dev python3; do
+  grep -q "^apt-get install .* $package\( \|\$\)" <<<"$calls" ||
+    fail "install with an existing policy: apt-get install did not get $package: $calls"
+done
 [ -e "$work/policy-rc.d" ] || fail "install with an existing policy: the policy was removed"
 [ "$(cat "$work/policy-rc.d")" = "$before" ] || fail "install with an existing policy: the policy was changed"
 

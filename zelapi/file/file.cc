@@ -273,6 +273,12 @@ void WriteNewFile(const std::string& path, std::string_view data, unsigned mode)
   }
 }
 
+void GiveTo(const std::string& path, unsigned uid, unsigned gid, unsigned mode) {
+  if (::geteuid() == 0 && ::chown(path.c_str(), uid, gid) != 0)
+    Fail(path, "cannot change its owner", errno);
+  if (::chmod(path.c_str(), mode) != 0) Fail(path, "cannot change its mode", errno);
+}
+
 std::string FolderOf(const std::string& path) {
   std::string::size_type slash = path.find_last_of('/');
   if (slash == std::string::npos) return ".";

@@ -37,7 +37,6 @@ const char* const kPanelFiles[] = {"zelpnl.conf",   "panel.db",  "zelpnl.log",
 // mail user when init runs as root; else the caller (a sandbox of an
 // unprivileged user, where the mail system runs no programs anyway).
 struct ResponderUser {
-  bool change_owner = false;  // init runs as root: files are given to the mail user
   uid_t uid = 0;
   gid_t gid = 0;
   std::string group;          // the name of gid
@@ -50,7 +49,6 @@ ResponderUser FindResponderUser() {
     if (pw == nullptr)
       throw pnl_err::Error(pnl_err::Kind::kInit, std::string("user ") + kMailUser,
                            "does not exist; the sandbox's mail system runs the responder as it");
-    user.change_owner = true;
     user.uid = pw->pw_uid;
     user.gid = pw->pw_gid;
   } else {
@@ -62,13 +60,6 @@ ResponderUser FindResponderUser() {
     throw pnl_err::Error(pnl_err::Kind::kInit, "group " + std::to_string(user.gid), "has no name");
   user.group = gr->gr_name;
   return user;
-}
-
-// Gives path the owner and group (when init runs as root) and the mode.
-void Own(const fs::path& path, uid_t uid, gid_t gid, unsigned mode, const ResponderUser& user) {
-  if (user.change_owner && ::chown(path.c_str(), uid, gid) != 0)
-    throw pnl_err::Error(pnl_err::Kind::kInit, path.string(), "cannot change its owner");
-  fs::permissions(path, fs::perms(mode));
 }
 
 // The mail system refuses maps and alias files below a folder anyone may
@@ -237,15 +228,15 @@ SandboxSetUp MakeSandbox(Host& host, const SandboxOptions& options) {
   // its memory, its log and, in the sandbox, the queue of its answers.
   pnl_file::WriteNewFile(s.config, PanelConfig(s, user.group), 0600);
   pnl_file::WriteNewFile(s.responder_conf, ResponderConfig(s), 0640);
-  Own(s.responder_conf, ::geteuid(), user.gid, 0640, user);
+  pnl_file::GiveTo(s.responder_conf, ::geteuid(), user.gid, 0640);
   fs::create_directory(dir + "/responder");
-  Own(dir + "/responder", ::geteuid(), user.gid, 0750, user);
+  pnl_file::GiveTo(dir + "/responder", ::geteuid(), user.gid, 0750);
   for (const char* folder : {"responder-memory", "answers"}) {
     fs::create_directory(fs::path(dir) / folder);
-    Own(fs::path(dir) / folder, user.uid, user.gid, 0700, user);
+    pnl_file::GiveTo((fs::path(dir) / folder).string(), user.uid, user.gid, 0700);
   }
   pnl_file::WriteNewFile(dir + "/responder.log", "", 0640);
-  Own(dir + "/responder.log", user.uid, user.gid, 0640, user);
+  pnl_file::GiveTo(dir + "/responder.log", user.uid, user.gid, 0640);
 
   // The panel as every later run opens it: the module writes the "devnull"
   // alias and builds the aliases database.

@@ -401,3 +401,20 @@ TEST_F(FileTest, WriteNewFileCompletesShortWritesAndRemovesAFileItCouldNotWrite)
     EXPECT_FALSE(std::filesystem::exists(Path(step))) << step;
   }
 }
+
+TEST_F(FileTest, GiveToSetsTheModeAndTheOwnerWhenRootAsks) {
+  Write("given", "x\n");
+  pnl_file::GiveTo(Path("given"), 8, 8, 0640);
+  const pnl_file::FileId id = pnl_file::StatFile(Path("given"));
+  EXPECT_EQ(id.mode, 0640u);
+  if (::geteuid() == 0) {
+    EXPECT_EQ(id.uid, 8u);
+  }
+  try {
+    pnl_file::GiveTo(Path("missing"), 8, 8, 0640);
+    FAIL() << "no error";
+  } catch (const pnl_err::Error& e) {
+    EXPECT_EQ(e.kind(), pnl_err::Kind::kFile);
+    EXPECT_EQ(e.object(), Path("missing"));
+  }
+}

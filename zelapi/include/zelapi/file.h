@@ -115,6 +115,12 @@ bool CloseToOthers(const std::string& path, unsigned* old_mode = nullptr);
 // file made but not fully written is removed again.
 void WriteNewFile(const std::string& path, std::string_view data, unsigned mode);
 
+// Gives path (a file or folder a set-up just made) the owner uid and group
+// gid when this process runs as root (another user cannot give files away,
+// and keeps them), then exactly mode. Throws pnl_err::Error(kFile) naming
+// path.
+void GiveTo(const std::string& path, unsigned uid, unsigned gid, unsigned mode);
+
 // The folder part of path ("." for a bare name), and the last component.
 std::string FolderOf(const std::string& path);
 std::string BaseName(const std::string& path);
