@@ -62,20 +62,36 @@ bool Continues(const std::string& before, const std::string& line) {
 #endif
 }
 
-// Only one stretch of lines differs, and it is one line of the old text
-// (with the continuation lines after it) against lines of the new text
-// that hold the new value.
+// The lines a[h, a.size() - t) were replaced by b[h, b.size() - t): what is
+// wrong with that as the change of one record (one line of the old text
+// with the continuation lines after it, against new lines that hold the new
+// value), or "" when nothing is.
+const char* OneRecordProblem(const std::vector<std::string>& a, const std::vector<std::string>& b,
+                             size_t h, size_t t) {
+  const size_t old_lines = a.size() - h - t, new_lines = b.size() - h - t;
+  if (new_lines == 0) return "a change removed lines and wrote none";
+  for (size_t i = 1; i < old_lines; ++i)
+    if (!Continues(a[h + i - 1], a[h + i])) return "a change touched more than one record's lines";
+  std::string written;
+  for (size_t i = 0; i < new_lines; ++i) written += b[h + i];
+  if (written.find(kValue) == std::string::npos) return "the changed lines lack the new value";
+  return "";
+}
+
+// Only one stretch of lines differs, and it is one record's. Where the new
+// lines equal lines next to them (the text held the new value already), the
+// common ends can be drawn in more than one place: the change passes when
+// one of them shows it as one record's.
 void CheckOneRecordChanged(const std::string& before, const std::string& after) {
   const std::vector<std::string> a = zeltest::Lines(before), b = zeltest::Lines(after);
-  const auto [head, tail] = zeltest::FindCommonEnds(a, b);
-  if (head + tail == a.size() && head + tail == b.size()) return;  // the value was there already
-  const size_t old_lines = a.size() - head - tail, new_lines = b.size() - head - tail;
-  if (new_lines == 0) Broken("a change removed lines and wrote none");
-  for (size_t i = 1; i < old_lines; ++i)
-    if (!Continues(a[head + i - 1], a[head + i])) Broken("a change touched more than one record's lines");
-  std::string written;
-  for (size_t i = 0; i < new_lines; ++i) written += b[head + i];
-  if (written.find(kValue) == std::string::npos) Broken("the changed lines lack the new value");
+  const zeltest::CommonEnds ends = zeltest::FindCommonEnds(a, b);
+  if (ends.head + ends.tail == a.size() && ends.head + ends.tail == b.size()) return;  // the value was there already
+  const char* problem = OneRecordProblem(a, b, ends.head, ends.tail);
+  for (size_t h = ends.head + 1; h-- > 0 && *problem;)
+    for (size_t t = ends.tail + 1; t-- > 0 && *problem;)
+      if (h + t <= a.size() && h + t <= b.size() && *OneRecordProblem(a, b, h, t) == '\0')
+        problem = "";
+  if (*problem) Broken(problem);
 }
 
 }  // namespace
